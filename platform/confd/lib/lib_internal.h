@@ -1,0 +1,36 @@
+// Declarations shared between the parts of the emulated client library; not for applications.
+#ifndef LEISOBEK_CONFD_LIB_INTERNAL_H
+#define LEISOBEK_CONFD_LIB_INTERNAL_H
+
+#include <stdint.h>
+
+#include "confd_lib.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Room for the text behind confd_lasterr(), NUL included; longer texts are cut.
+#define CONFD_LASTERR_LEN 1024
+
+// Replaces the calling thread's last-error text (shown by confd_lasterr()).
+void confd_set_lasterr(const char *fmt, ...) CONFD_PRINTF_ATTR_(1, 2);
+
+// Sets confd_errno to code and the last-error text to the formatted message;
+// returns CONFD_ERR so that failing paths can end in `return confd_lib_fail(...)`.
+int confd_lib_fail(int code, const char *fmt, ...) CONFD_PRINTF_ATTR_(2, 3);
+
+// Name of a node or identity hash from the loaded schemas, or NULL when
+// unknown. Provided by the schema code; weak so that the value printer also
+// links (and prints "tag<N>") in programs without it. Check for NULL before
+// calling.
+const char *confd_lib_tag_name(uint32_t hash) __attribute__((weak));
+
+// confd_maxdepth / confd_maxkeylen are defined in values.cc (initially the
+// header's MAXDEPTH / MAXKEYLEN).
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif // LEISOBEK_CONFD_LIB_INTERNAL_H

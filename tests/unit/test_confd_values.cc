@@ -1,0 +1,299 @@
+// Unit tests of the ConfD value macros and the client library's value and error helpers.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include <confd_lib.h>
+#include "lib_internal.h"
+
+extern "C" int confd_headers_c_check(void);
+
+namespace {
+
+std::string pp(const confd_value_t &v)
+{
+    char buf[256];
+    int n = confd_pp_value(buf, sizeof buf, &v);
+    EXPECT_EQ(n, static_cast<int>(strlen(buf)));
+    return buf;
+}
+
+// Verifies that the headers compile as C and their macros behave the same there.
+TEST(ConfdHeaders, UsableFromC)
+{
+    EXPECT_EQ(confd_headers_c_check(), 0);
+}
+
+// Verifies that each setter stores type and member so the matching getter returns the value.
+TEST(ConfdValueMacros, RoundTripDaemonTypes)
+{
+    confd_value_t v;
+    unsigned char mac[6] = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0xff};
+    struct confd_snmp_oid oid = {{1, 3, 6, 1, 4, 1}, 6};
+    struct in_addr addr;
+    inet_pton(AF_INET, "192.0.2.7", &addr);
+
+    CONFD_SET_BUF(&v, "eth0", 4);
+    EXPECT_EQ(v.type, C_BUF);
+    EXPECT_EQ(CONFD_GET_BUFSIZE(&v), 4u);
+    EXPECT_EQ(std::string(CONFD_GET_CBUFPTR(&v), 4), "eth0");
+
+    CONFD_SET_STR(&v, "lan");
+    EXPECT_EQ(v.type, C_STR);
+    EXPECT_STREQ(v.val.c_s, "lan");
+
+    CONFD_SET_INT32(&v, INT32_MIN);
+    EXPECT_EQ(CONFD_GET_INT32(&v), INT32_MIN);
+    CONFD_SET_UINT32(&v, UINT32_MAX);
+    EXPECT_EQ(CONFD_GET_UINT32(&v), UINT32_MAX);
+    CONFD_SET_UINT64(&v, UINT64_MAX - 1);
+    EXPECT_EQ(CONFD_GET_UINT64(&v), UINT64_MAX - 1);
+    CONFD_SET_BOOL(&v, 1);
+    EXPECT_EQ(v.type, C_BOOL);
+    EXPECT_TRUE(CONFD_GET_BOOL(&v));
+    CONFD_SET_ENUM_VALUE(&v, 6);
+    EXPECT_EQ(v.type, C_ENUM_VALUE);
+    EXPECT_EQ(CONFD_GET_ENUM_VALUE(&v), 6);
+    CONFD_SET_BIT32(&v, 0x80000001u);
+    EXPECT_EQ(CONFD_GET_BIT32(&v), 0x80000001u);
+
+    CONFD_SET_BINARY(&v, mac, sizeof mac);
+    EXPECT_EQ(v.type, C_BINARY);
+    EXPECT_EQ(CONFD_GET_BINARY_SIZE(&v), 6u);
+    EXPECT_EQ(CONFD_GET_BINARY_PTR(&v), mac);
+
+    CONFD_SET_IPV4(&v, addr);
+    EXPECT_EQ(CONFD_GET_IPV4(&v).s_addr, addr.s_addr);
+
+    CONFD_SET_OID(&v, &oid);
+    EXPECT_EQ(CONFD_GET_OID(&v), &oid); // the pointer is stored, not a copy
+
+    struct confd_identityref idref = {0x1234, 0x5678};
+    CONFD_SET_IDENTITYREF(&v, idref);
+    EXPECT_EQ(CONFD_GET_IDENTITYREF(&v).ns, 0x1234u);
+    EXPECT_EQ(CONFD_GET_IDENTITYREF(&v).id, 0x5678u);
+
+    CONFD_SET_XMLTAG(&v, 1001, 2002);
+    EXPECT_EQ(v.type, C_XMLTAG);
+    EXPECT_EQ(CONFD_GET_XMLTAG(&v), 1001u);
+    EXPECT_EQ(CONFD_GET_XMLTAG_NS(&v), 2002u);
+}
+
+// Verifies that tagged setters clear the namespace, except the variants that take one.
+TEST(ConfdValueMacros, TaggedValues)
+{
+    confd_tag_value_t tv;
+    tv.tag.ns = 99;
+    CONFD_SET_TAG_UINT32(&tv, 17, 42u);
+    EXPECT_EQ(CONFD_GET_TAG_TAG(&tv), 17u);
+    EXPECT_EQ(CONFD_GET_TAG_NS(&tv), 0u);
+    EXPECT_EQ(CONFD_GET_UINT32(CONFD_GET_TAG_VALUE(&tv)), 42u);
+
+    CONFD_SET_TAG_XMLBEGIN(&tv, 18, 77);
+    EXPECT_EQ(CONFD_GET_TAG_NS(&tv), 77u);
+    EXPECT_EQ(CONFD_GET_TAG_VALUE(&tv)->type, C_XMLBEGIN);
+    CONFD_SET_TAG_NS(&tv, 5);
+    EXPECT_EQ(CONFD_GET_TAG_NS(&tv), 5u);
+}
+
+#ifndef NDEBUG
+// Verifies that reading a value through the getter of another type stops the program.
+TEST(ConfdValueMacrosDeathTest, GetterChecksType)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    confd_value_t v;
+    CONFD_SET_INT32(&v, 5);
+    EXPECT_DEATH((void)CONFD_GET_UINT32(&v), "C_UINT32");
+    CONFD_SET_STR(&v, "x");
+    EXPECT_DEATH((void)CONFD_GET_BUFPTR(&v), "C_BUF");
+}
+#endif
+
+// Verifies that copies own their storage and that freeing them releases it exactly once.
+TEST(ConfdValueMemory, DupIsDeepAndFreeIsIdempotent)
+{
+    char text[] = "uplink";
+    confd_value_t src, copy;
+    CONFD_SET_BUF(&src, text, 6);
+    ASSERT_EQ(confd_value_dup_to(&src, &copy), &copy);
+    text[0] = 'X';
+    EXPECT_EQ(copy.type, C_BUF);
+    EXPECT_STREQ(CONFD_GET_CBUFPTR(&copy), "uplink"); // copies are NUL-terminated
+    confd_free_value(&copy);
+    EXPECT_EQ(copy.type, C_NOEXISTS);
+    confd_free_value(&copy); // second free does nothing
+
+    struct confd_snmp_oid oid = {{1, 3, 6, 1, 2, 1, 2}, 7};
+    CONFD_SET_OID(&src, &oid);
+    ASSERT_NE(confd_value_dup_to(&src, &copy), nullptr);
+    ASSERT_NE(copy.val.oidp, &oid);
+    oid.oid[6] = 99;
+    EXPECT_EQ(pp(copy), "1.3.6.1.2.1.2");
+    confd_free_value(&copy);
+
+    // A string copy becomes a received-form string the library may free.
+    CONFD_SET_STR(&src, "wan");
+    confd_value_t *heap = confd_value_dup(&src);
+    ASSERT_NE(heap, nullptr);
+    EXPECT_EQ(heap->type, C_BUF);
+    EXPECT_EQ(pp(*heap), "wan");
+    confd_free_dup_value(heap);
+
+    // Leaf-lists are copied element by element.
+    confd_value_t items[2];
+    unsigned char bin[2] = {0xde, 0xad};
+    CONFD_SET_BINARY(&items[0], bin, 2);
+    CONFD_SET_UINT32(&items[1], 7);
+    CONFD_SET_LIST(&src, items, 2);
+    ASSERT_NE(confd_value_dup_to(&src, &copy), nullptr);
+    ASSERT_NE(copy.val.list.ptr, items);
+    bin[0] = 0;
+    EXPECT_EQ(pp(copy), "[de:ad 7]");
+    confd_free_value(&copy);
+}
+
+// Verifies that a keypath copy survives its source and holds its own key storage.
+TEST(ConfdValueMemory, HkeypathDup)
+{
+    // /IF-MIB/ifXTable/ifXEntry{"lan"}/ifAlias with a two-value key row.
+    confd_hkeypath_t kp;
+    char key[] = "lan";
+    kp.len = 5;
+    CONFD_SET_XMLTAG(&kp.v[0][0], 50, 1);
+    CONFD_SET_BUF(&kp.v[1][0], key, 3);
+    CONFD_SET_INT32(&kp.v[1][1], 4);
+    CONFD_SET_NOEXISTS(&kp.v[1][2]);
+    CONFD_SET_XMLTAG(&kp.v[2][0], 40, 1);
+    CONFD_SET_XMLTAG(&kp.v[3][0], 30, 1);
+    CONFD_SET_XMLTAG(&kp.v[4][0], 20, 1);
+    for (int i : {0, 2, 3, 4})
+        CONFD_SET_NOEXISTS(&kp.v[i][1]);
+
+    confd_hkeypath_t *copy = confd_hkeypath_dup(&kp);
+    ASSERT_NE(copy, nullptr);
+    key[0] = 'w';
+    EXPECT_EQ(copy->len, 5);
+    EXPECT_EQ(CONFD_GET_XMLTAG(&copy->v[0][0]), 50u);
+    EXPECT_NE(copy->v[1][0].val.buf.ptr, reinterpret_cast<unsigned char *>(key));
+    EXPECT_EQ(pp(copy->v[1][0]), "lan");
+    EXPECT_EQ(CONFD_GET_INT32(&copy->v[1][1]), 4);
+    EXPECT_EQ(copy->v[1][2].type, C_NOEXISTS);
+    EXPECT_EQ(copy->v[4][1].type, C_NOEXISTS);
+    confd_free_hkeypath(copy); // ASan reports a leak or double free here
+    confd_free_hkeypath(nullptr);
+}
+
+// Verifies the type-blind text of each value family.
+TEST(ConfdPpValue, Formats)
+{
+    confd_value_t v;
+    CONFD_SET_INT32(&v, -12);
+    EXPECT_EQ(pp(v), "-12");
+    CONFD_SET_UINT64(&v, 18446744073709551615ull);
+    EXPECT_EQ(pp(v), "18446744073709551615");
+    CONFD_SET_ENUM_VALUE(&v, 2);
+    EXPECT_EQ(pp(v), "enum<2>");
+    CONFD_SET_BIT32(&v, 0x30);
+    EXPECT_EQ(pp(v), "bits<0x30>");
+    CONFD_SET_BOOL(&v, 0);
+    EXPECT_EQ(pp(v), "false");
+    unsigned char mac[3] = {0x00, 0x0a, 0xff};
+    CONFD_SET_BINARY(&v, mac, 3);
+    EXPECT_EQ(pp(v), "00:0a:ff");
+    struct in_addr a4;
+    inet_pton(AF_INET, "10.1.2.3", &a4);
+    CONFD_SET_IPV4(&v, a4);
+    EXPECT_EQ(pp(v), "10.1.2.3");
+    struct in6_addr a6;
+    inet_pton(AF_INET6, "fe80::1", &a6);
+    CONFD_SET_IPV6(&v, a6);
+    EXPECT_EQ(pp(v), "fe80::1");
+    struct confd_snmp_oid oid = {{1, 3, 6, 1, 6, 3, 1, 1, 5, 4}, 10};
+    CONFD_SET_OID(&v, &oid);
+    EXPECT_EQ(pp(v), "1.3.6.1.6.3.1.1.5.4");
+    CONFD_SET_NOEXISTS(&v);
+    EXPECT_EQ(pp(v), "noexists");
+    struct confd_decimal64 d = {-12345, 3};
+    CONFD_SET_DECIMAL64(&v, d);
+    EXPECT_EQ(pp(v), "-12.345");
+    CONFD_SET_XMLTAG(&v, 123456, 1);
+    if (confd_lib_tag_name == nullptr || confd_lib_tag_name(123456) == nullptr) {
+        EXPECT_EQ(pp(v), "tag<123456>");
+    }
+    // A C_BUF is printed by its size, not up to a NUL.
+    CONFD_SET_BUF(&v, "abcdef", 3);
+    EXPECT_EQ(pp(v), "abc");
+}
+
+// Verifies snprintf-style truncation: full length returned, buffer always terminated.
+TEST(ConfdPpValue, Truncation)
+{
+    confd_value_t v;
+    CONFD_SET_STR(&v, "GigabitEthernet0/1");
+    char buf[8];
+    memset(buf, 'Z', sizeof buf);
+    EXPECT_EQ(confd_pp_value(buf, sizeof buf, &v), 18);
+    EXPECT_STREQ(buf, "Gigabit");
+
+    EXPECT_EQ(confd_pp_value(nullptr, 0, &v), 18);
+    buf[0] = 'Z';
+    EXPECT_EQ(confd_pp_value(buf, 1, &v), 18);
+    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(confd_pp_value(buf, -5, &v), 18);
+
+    unsigned char bytes[4] = {1, 2, 3, 4};
+    CONFD_SET_BINARY(&v, bytes, 4);
+    EXPECT_EQ(confd_pp_value(buf, 6, &v), 11); // "01:02:03:04"
+    EXPECT_STREQ(buf, "01:02");
+}
+
+// Verifies that confd_errno and the last-error text belong to the calling thread.
+TEST(ConfdErrors, PerThread)
+{
+    confd_errno = CONFD_ERR_BADPATH;
+    confd_set_lasterr("main %d", 1);
+    int other_errno = -1;
+    std::string other_text;
+    std::thread t([&] {
+        other_errno = confd_errno;
+        other_text = confd_lasterr();
+        EXPECT_EQ(confd_lib_fail(CONFD_ERR_OS, "worker: %s", "recv"), CONFD_ERR);
+        EXPECT_EQ(confd_errno, CONFD_ERR_OS);
+        EXPECT_STREQ(confd_lasterr(), "worker: recv");
+    });
+    t.join();
+    EXPECT_EQ(other_errno, 0);
+    EXPECT_EQ(other_text, "");
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+    EXPECT_STREQ(confd_lasterr(), "main 1");
+}
+
+// Verifies that an over-long error text is cut to the buffer, not written past it.
+TEST(ConfdErrors, LasterrIsBounded)
+{
+    std::string longtext(3 * CONFD_LASTERR_LEN, 'e');
+    confd_set_lasterr("%s", longtext.c_str());
+    EXPECT_EQ(strlen(confd_lasterr()), static_cast<size_t>(CONFD_LASTERR_LEN - 1));
+}
+
+// Verifies that every defined errno code has its own text and unknown codes still get one.
+TEST(ConfdErrors, StrerrorCoversAllCodes)
+{
+    const std::string unknown = confd_strerror(100000);
+    for (int code = CONFD_ERR_NOEXISTS; code <= CONFD_ERR_HA_BADCONFIG; code++)
+        EXPECT_NE(confd_strerror(code), unknown) << "code " << code;
+    EXPECT_STRNE(confd_strerror(CONFD_ERR_EXTERNAL), confd_strerror(CONFD_ERR_INTERNAL));
+}
+
+// Verifies that confd_fatal prints the message and exits with status 1.
+TEST(ConfdErrorsDeathTest, FatalExits)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(confd_fatal("cannot connect to %s\n", "127.0.0.1"), testing::ExitedWithCode(1),
+                "cannot connect to 127.0.0.1");
+}
+
+} // namespace
