@@ -1,0 +1,387 @@
+// Tests of the UCI library on router configuration files: walking, quoting, errors, lifetimes.
+#include <uci.h>
+#ifdef LEISOBEK_UCI_IN_TREE
+#include <uci_host.h>
+#endif
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+extern "C" int uci_c_walk(struct uci_package *p, int *sections, int *options, int *items);
+
+namespace {
+
+const char kNetwork[] = R"(
+config interface 'loopback'
+	option ifname 'lo'
+	option proto 'static'
+	option ipaddr '127.0.0.1'
+	option netmask '255.0.0.0'
+
+config globals 'globals'
+	option ula_prefix 'fd4e:1a2b:3c4d::/48'
+
+config device
+	option name 'br-lan'
+	option type 'bridge'
+	list ports 'lan1'
+	list ports 'lan2'
+	list ports 'lan3'
+
+config interface 'lan'
+	option device 'br-lan'
+	option proto 'static'
+	option ipaddr '192.168.1.1'
+	option netmask '255.255.255.0'
+	option ip6assign '60'
+
+config interface 'wan'
+	option ifname 'eth1'
+	option proto 'dhcp'
+
+config interface 'wan6'
+	option ifname 'eth1'
+	option proto 'dhcpv6'
+)";
+
+// One line per section ("name type", "@type" when anonymous) and per option ("  name=value",
+// lists as "  name=[a|b]"), in the order the iteration macros visit them.
+std::vector<std::string> dump(uci_package *p)
+{
+    std::vector<std::string> out;
+    uci_element *se, *oe, *ie;
+    uci_foreach_element(&p->sections, se)
+    {
+        uci_section *s = uci_to_section(se);
+        EXPECT_EQ(UCI_TYPE_SECTION, se->type);
+        out.push_back(s->anonymous ? std::string("@") + s->type
+                                   : std::string(se->name) + " " + s->type);
+        uci_foreach_element(&s->options, oe)
+        {
+            uci_option *o = uci_to_option(oe);
+            std::string line = std::string("  ") + oe->name + "=";
+            if (o->type == UCI_TYPE_STRING) {
+                line += o->v.string;
+            } else {
+                std::string items;
+                uci_foreach_element(&o->v.list, ie) items += (items.empty() ? "" : "|") + std::string(ie->name);
+                line += "[" + items + "]";
+            }
+            out.push_back(line);
+        }
+    }
+    return out;
+}
+
+class UciTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/unit_uci.XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(tmpl));
+        dir_ = tmpl;
+        ctx_ = uci_alloc_context();
+        ASSERT_NE(nullptr, ctx_);
+        ASSERT_EQ(UCI_OK, uci_set_confdir(ctx_, dir_.c_str()));
+    }
+    void TearDown() override
+    {
+        uci_free_context(ctx_);
+        std::filesystem::remove_all(dir_);
+    }
+    void write(const std::string &name, const std::string &text)
+    {
+        std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
+    }
+    // Loads `text` as package "p"; the package on success, else NULL with rc_ set.
+    uci_package *load_text(const std::string &text, const char *name = "p")
+    {
+        write(name, text);
+        uci_package *p = reinterpret_cast<uci_package *>(1);
+        rc_ = uci_load(ctx_, name, &p);
+        return p;
+    }
+    std::string error()
+    {
+        char *s = nullptr;
+        uci_get_errorstr(ctx_, &s, "uci");
+        std::string text = s ? s : "";
+        std::free(s);
+        return text;
+    }
+
+    std::string dir_;
+    uci_context *ctx_ = nullptr;
+    int rc_ = -1;
+};
+
+// Verifies that a typical network file is walked in file order with every value and list item.
+TEST_F(UciTest, NetworkFileWalksInFileOrder)
+{
+    uci_package *p = load_text(kNetwork, "network");
+    ASSERT_NE(nullptr, p) << error();
+    EXPECT_STREQ("network", p->e.name);
+    EXPECT_EQ(6, p->n_section);
+    const std::vector<std::string> expected = {
+        "loopback interface", "  ifname=lo", "  proto=static", "  ipaddr=127.0.0.1",
+        "  netmask=255.0.0.0", "globals globals", "  ula_prefix=fd4e:1a2b:3c4d::/48", "@device",
+        "  name=br-lan", "  type=bridge", "  ports=[lan1|lan2|lan3]", "lan interface",
+        "  device=br-lan", "  proto=static", "  ipaddr=192.168.1.1", "  netmask=255.255.255.0",
+        "  ip6assign=60", "wan interface", "  ifname=eth1", "  proto=dhcp", "wan6 interface",
+        "  ifname=eth1", "  proto=dhcpv6"};
+    EXPECT_EQ(expected, dump(p));
+
+    uci_section *wan = uci_lookup_section(ctx_, p, "wan");
+    ASSERT_NE(nullptr, wan);
+    EXPECT_FALSE(wan->anonymous);
+    EXPECT_EQ(p, wan->package);
+    EXPECT_STREQ("dhcp", uci_lookup_option_string(ctx_, wan, "proto"));
+    EXPECT_EQ(nullptr, uci_lookup_option_string(ctx_, wan, "ipaddr"));
+    EXPECT_EQ(nullptr, uci_lookup_section(ctx_, p, "dmz"));
+
+    int sections, options, items;
+    EXPECT_EQ(3, uci_c_walk(p, &sections, &options, &items));
+    EXPECT_EQ(6, sections);
+    EXPECT_EQ(17, options);
+    EXPECT_EQ(3, items);
+}
+
+// Verifies the factory-data walk: double quotes with escapes, and a later section's value winning.
+TEST_F(UciTest, SystemInfoLaterSectionsOverride)
+{
+    uci_package *p = load_text("# written at manufacturing\n"
+                               "config systeminfo 'systeminfo'\n"
+                               "\toption pid \"KX-2200\"\n"
+                               "\toption vid 'V01'\n"
+                               "\toption serial_number 'KLT2231A0042'\n"
+                               "\toption prod_desc \"Kelto \\\"dual band\\\" router\"\n"
+                               "config systeminfo\n"
+                               "\toption vid V02 # board revision\n",
+                               "systeminfo");
+    ASSERT_NE(nullptr, p) << error();
+    std::string vid, desc;
+    uci_element *se, *oe;
+    uci_foreach_element(&p->sections, se)
+    {
+        uci_foreach_element(&uci_to_section(se)->options, oe)
+        {
+            uci_option *o = uci_to_option(oe);
+            if (!std::strcmp(oe->name, "vid"))
+                vid = o->v.string;
+            if (!std::strcmp(oe->name, "prod_desc"))
+                desc = o->v.string;
+        }
+    }
+    EXPECT_EQ("V02", vid);
+    EXPECT_EQ("Kelto \"dual band\" router", desc);
+}
+
+// Verifies quoting: literal single quotes, escapes, concatenation, '#' handling, empty and multi-line values.
+TEST_F(UciTest, QuotingAndEscapes)
+{
+    uci_package *p = load_text("config t 'x'\n"
+                               "\toption single 'a b  c\\n'\n"
+                               "\toption dbl \"tab\\there \\\"q\\\" back\\\\slash 'in'\"\n"
+                               "\toption bare foo\\ bar\n"
+                               "\toption glued 'it'\"'\"'s'\n"
+                               "\toption mixed pre'mid'\"post\"\n"
+                               "\toption quoted_hash '#not a comment'\n"
+                               "\toption bare_hash value#comment\n"
+                               "\toption empty ''\n"
+                               "\toption none\n"
+                               "\toption multi 'first\nsecond'\n"
+                               "\toption joined \"one\\\ntwo\"\n"
+                               "\toption after 'ok'\n");
+    ASSERT_NE(nullptr, p) << error();
+    const std::vector<std::string> expected = {
+        "x t",          "  single=a b  c\\n", "  dbl=tabthere \"q\" back\\slash 'in'",
+        "  bare=foo bar", "  glued=it's",       "  mixed=premidpost",
+        "  quoted_hash=#not a comment",          "  bare_hash=value",
+        "  empty=",     "  none=",            "  multi=first\nsecond",
+        "  joined=onetwo", "  after=ok"};
+    EXPECT_EQ(expected, dump(p));
+}
+
+// Verifies that comments, blank lines and CRLF line ends leave only the statements.
+TEST_F(UciTest, CommentsBlankLinesAndCrlf)
+{
+    uci_package *p = load_text("# network, edited on Windows\r\n"
+                               "\r\n"
+                               "   \t\r\n"
+                               "config interface 'lan'   # the LAN\r\n"
+                               "    # option proto 'dhcp'\r\n"
+                               "\toption proto 'static'\t# fixed\r\n"
+                               "\toption ipaddr 192.168.1.1\r\n"
+                               "#config interface 'gone'\r\n");
+    ASSERT_NE(nullptr, p) << error();
+    EXPECT_EQ((std::vector<std::string>{"lan interface", "  proto=static", "  ipaddr=192.168.1.1"}),
+              dump(p));
+}
+
+// Verifies generated names of anonymous sections: libuci's shape, unique, stable across loads, found by lookup.
+TEST_F(UciTest, AnonymousSectionNames)
+{
+    const std::string text = "config rule\n\toption src 'wan'\n"
+                             "config zone 'lan'\n"
+                             "config rule\n\toption src 'wan'\n";
+    uci_package *p = load_text(text, "firewall");
+    ASSERT_NE(nullptr, p) << error();
+    std::vector<std::string> names;
+    uci_element *se;
+    uci_foreach_element(&p->sections, se)
+    {
+        if (uci_to_section(se)->anonymous) {
+            EXPECT_TRUE(std::regex_match(se->name, std::regex("cfg[0-9a-f]{6}"))) << se->name;
+            EXPECT_EQ(uci_to_section(se), uci_lookup_section(ctx_, p, se->name));
+            names.push_back(se->name);
+        }
+    }
+    ASSERT_EQ(2u, names.size());
+    EXPECT_NE(names[0], names[1]);
+
+    ASSERT_EQ(UCI_OK, uci_unload(ctx_, p));
+    p = load_text(text, "firewall");
+    ASSERT_NE(nullptr, p);
+    EXPECT_STREQ(names[0].c_str(), uci_to_section(list_to_element(p->sections.next))->e.name);
+}
+
+// Verifies redefinitions: a repeated option replaces in place, list converts a string, a repeated section merges.
+TEST_F(UciTest, RepeatedOptionsListsAndSections)
+{
+    uci_package *p = load_text("config interface 'lan'\n"
+                               "\toption proto 'static'\n"
+                               "\toption ipaddr '10.0.0.1'\n"
+                               "\toption proto 'dhcp'\n"
+                               "\toption dns '1.1.1.1'\n"
+                               "\tlist dns '8.8.8.8'\n"
+                               "\tlist ntp 'a'\n"
+                               "\toption ntp 'b'\n"
+                               "config interface 'wan'\n"
+                               "config interface 'lan'\n"
+                               "\toption mtu '1500'\n");
+    ASSERT_NE(nullptr, p) << error();
+    EXPECT_EQ((std::vector<std::string>{"lan interface", "  proto=dhcp", "  ipaddr=10.0.0.1",
+                                        "  dns=[1.1.1.1|8.8.8.8]", "  ntp=b", "  mtu=1500",
+                                        "wan interface"}),
+              dump(p));
+    uci_section *lan = uci_lookup_section(ctx_, p, "lan");
+    EXPECT_EQ(UCI_TYPE_LIST, uci_lookup_option(ctx_, lan, "dns")->type);
+    EXPECT_EQ(nullptr, uci_lookup_option_string(ctx_, lan, "dns"));
+}
+
+// Verifies that syntax errors fail with UCI_ERR_PARSE naming the offending line, and keep nothing loaded.
+TEST_F(UciTest, ParseErrorsNameTheLine)
+{
+    const struct {
+        const char *text;
+        int line;
+    } cases[] = {
+        {"option proto 'dhcp'\n", 1},
+        {"config t\n\toption ok 'x'\n\toption bad 'open\n\n", 3},
+        {"config t\n\toption bad \"open\n", 2},
+        {"config t\n\n\tfrobnicate x\n", 3},
+        {"config t 'name' extra\n", 1},
+        {"config t\n\toption 'bad name' x\n", 2},
+        {"config t\n\toption a b c\n", 2},
+        {"config a 's'\nconfig b 's'\n", 2},
+        {"\nconfig\n", 2},
+        {"config t 'no.dots'\n", 1},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(nullptr, load_text(c.text)) << c.text;
+        EXPECT_EQ(UCI_ERR_PARSE, rc_) << c.text;
+        EXPECT_EQ(UCI_ERR_PARSE, ctx_->err);
+        std::string msg = error();
+        EXPECT_NE(std::string::npos, msg.find("line " + std::to_string(c.line))) << c.text << msg;
+        EXPECT_EQ(0, msg.rfind("uci: ", 0)) << msg;
+        EXPECT_TRUE(uci_list_empty(&ctx_->root));
+    }
+    EXPECT_NE(nullptr, load_text("config t\n")) << "a failed load leaves the context usable";
+}
+
+// Verifies load failures other than syntax: missing package, invalid names, loading twice, bad unload.
+TEST_F(UciTest, LoadAndUnloadFailures)
+{
+    uci_package *p = reinterpret_cast<uci_package *>(1);
+    EXPECT_EQ(UCI_ERR_NOTFOUND, uci_load(ctx_, "nosuch", &p));
+    EXPECT_EQ(nullptr, p);
+    EXPECT_NE(std::string::npos, error().find("not found")) << error();
+    EXPECT_EQ(UCI_ERR_INVAL, uci_load(ctx_, "a/b", &p));
+    EXPECT_EQ(UCI_ERR_INVAL, uci_load(ctx_, "", &p));
+    EXPECT_EQ(UCI_ERR_INVAL, uci_load(nullptr, "network", &p));
+    std::filesystem::create_directory(dir_ + "/adir");
+    EXPECT_EQ(UCI_ERR_IO, uci_load(ctx_, "adir", &p));
+
+    write("network", kNetwork);
+    ASSERT_EQ(UCI_OK, uci_load(ctx_, "network", &p));
+    uci_package *again = nullptr;
+    EXPECT_EQ(UCI_ERR_DUPLICATE, uci_load(ctx_, "network", &again));
+    EXPECT_EQ(nullptr, again);
+    ASSERT_EQ(UCI_OK, uci_unload(ctx_, p));
+    EXPECT_EQ(UCI_ERR_INVAL, uci_unload(ctx_, p));
+    EXPECT_EQ(UCI_ERR_INVAL, uci_unload(ctx_, nullptr));
+
+    // A path names a file outside the configuration directory.
+    ASSERT_EQ(UCI_OK, uci_load(ctx_, (dir_ + "/network").c_str(), &p));
+    EXPECT_STREQ("network", p->e.name);
+}
+
+// Verifies that freeing a context releases the packages still loaded in it (checked by ASan).
+TEST_F(UciTest, FreeContextReleasesLoadedPackages)
+{
+    write("network", kNetwork);
+    write("systeminfo", "config systeminfo\n\tlist x a\n\tlist x b\n");
+    uci_context *ctx = uci_alloc_context();
+    ASSERT_NE(nullptr, ctx);
+    EXPECT_STREQ("/etc/config", ctx->confdir);
+    ASSERT_EQ(UCI_OK, uci_set_confdir(ctx, dir_.c_str()));
+    uci_package *net, *sys;
+    ASSERT_EQ(UCI_OK, uci_load(ctx, "network", &net));
+    ASSERT_EQ(UCI_OK, uci_load(ctx, "systeminfo", &sys));
+    EXPECT_EQ(UCI_OK, uci_unload(ctx, net));
+    uci_free_context(ctx);
+    uci_free_context(nullptr);
+}
+
+#ifdef LEISOBEK_UCI_IN_TREE
+// Verifies the size limits: an over-long line or file is a parse error, not an unbounded read.
+TEST_F(UciTest, LimitsOnLineAndFileSize)
+{
+    std::string line(LEISOBEK_UCI_MAX_LINE_BYTES - 20, 'v');
+    EXPECT_NE(nullptr, load_text("config t\n\toption a '" + line + "'\n", "fits")) << error();
+    EXPECT_EQ(nullptr, load_text("config t\n\toption a '" + line + std::string(20, 'v') + "'\n"));
+    EXPECT_EQ(UCI_ERR_PARSE, rc_);
+    EXPECT_NE(std::string::npos, error().find("line 2")) << error();
+
+    std::string comments;
+    while (comments.size() <= LEISOBEK_UCI_MAX_FILE_BYTES)
+        comments += "# " + std::string(1000, 'c') + "\n";
+    EXPECT_EQ(nullptr, load_text(comments, "huge"));
+    EXPECT_EQ(UCI_ERR_PARSE, rc_);
+}
+
+// Verifies the test seam: contexts allocated after the default changes read fixtures from there.
+TEST_F(UciTest, DefaultConfdirSeam)
+{
+    write("network", kNetwork);
+    ASSERT_EQ(0, leisobek_uci_set_default_confdir(dir_.c_str()));
+    uci_context *ctx = uci_alloc_context();
+    ASSERT_EQ(0, leisobek_uci_set_default_confdir(nullptr));
+    uci_package *p = nullptr;
+    EXPECT_EQ(UCI_OK, uci_load(ctx, "network", &p));
+    uci_free_context(ctx);
+    ctx = uci_alloc_context();
+    EXPECT_STREQ("/etc/config", ctx->confdir);
+    uci_free_context(ctx);
+}
+#endif
+
+} // namespace
