@@ -176,6 +176,8 @@ enum class MaapiOp : uint8_t {
 
 // UserInfo on the wire: str username, str context, u8 proto, u8 af,
 //   bytes ip (4 or 16), u16 port, i32 usid, str snmp_v3_ctx.
+//   The ip bytes are written like a str (u32 length 4 or 16, then the
+//   address in network order); af is AF_INET or AF_INET6.
 //
 // Schema payload (answer to MaapiOp::LoadSchemas):
 //   u32 n_ns, per namespace: u32 hash, str prefix, str uri, str module

@@ -1,0 +1,257 @@
+// Tests of ConfD keypath parsing, the hkeypath layout and the text and JSON forms of values.
+#include "keypath.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+using confd_wire::Value;
+using emu::ParsedPath;
+using emu::Schema;
+
+namespace
+{
+
+const Schema &models()
+{
+    static Schema *s = [] {
+        auto *sc = new Schema;
+        std::string err;
+        EXPECT_TRUE(sc->load(LEISOBEK_MODELS_DIR, err)) << err;
+        return sc;
+    }();
+    return *s;
+}
+
+const char *kConn = "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry{1 7f000001 80 1 7f000001 4711}"
+                    "/tcpConnectionState";
+
+std::string parse_error(const std::string &path)
+{
+    ParsedPath p;
+    std::string err;
+    EXPECT_FALSE(emu::parse_keypath(models(), path, p, err)) << path;
+    return err;
+}
+
+Value typed(int t, std::string_view text)
+{
+    Value v;
+    std::string err;
+    EXPECT_TRUE(emu::value_from_text_typed(t, text, v, err)) << err;
+    return v;
+}
+
+} // namespace
+
+// A table leaf: keys typed by their key leaves, the reversed hkeypath with the keys row below the
+// entry's tag, and the printed form equal to the input.
+TEST(Keypath, TableLeafLayout)
+{
+    const Schema &s = models();
+    ParsedPath p;
+    std::string err;
+    ASSERT_TRUE(emu::parse_keypath(s, kConn, p, err)) << err;
+    ASSERT_EQ(p.steps.size(), 4u);
+    const auto &keys = p.steps[2].keys;
+    ASSERT_TRUE(p.steps[2].has_keys);
+    ASSERT_EQ(keys.size(), 6u);
+    EXPECT_EQ(keys[0].type, 28);
+    EXPECT_EQ(keys[0].i, 1);
+    EXPECT_EQ(keys[1].type, 39);
+    EXPECT_EQ(keys[1].bytes, std::string("\x7f\x00\x00\x01", 4));
+    EXPECT_EQ(keys[2].type, 12);
+    EXPECT_EQ(keys[2].u, 80u);
+    EXPECT_EQ(keys[5].u, 4711u);
+
+    auto hkp = emu::to_hkeypath(p);
+    ASSERT_EQ(hkp.size(), 5u);
+    EXPECT_EQ(hkp[0].size(), 1u);
+    EXPECT_EQ(hkp[0][0].type, 2);
+    EXPECT_EQ(hkp[0][0].a, s.by_tag(p.steps[2].node, hkp[0][0].a)->tag);
+    EXPECT_STREQ(s.name_of(hkp[0][0].a), "tcpConnectionState");
+    EXPECT_EQ(hkp[1].size(), 6u);
+    EXPECT_EQ(hkp[1][1].type, 39);
+    EXPECT_STREQ(s.name_of(hkp[2][0].a), "tcpConnectionEntry");
+    EXPECT_STREQ(s.name_of(hkp[3][0].a), "tcpConnectionTable");
+    EXPECT_STREQ(s.name_of(hkp[4][0].a), "TCP-MIB");
+    EXPECT_EQ(hkp[4][0].b, s.top("TCP-MIB")->ns);
+    EXPECT_EQ(emu::pp_keypath(s, hkp), kConn);
+
+    // A list without keys (a get_next on the list itself) is one row per node; a scalar has no keys
+    // row.
+    ASSERT_TRUE(emu::parse_keypath(s, "/UDP-MIB/udpEndpointTable/udpEndpointEntry", p, err)) << err;
+    EXPECT_EQ(emu::to_hkeypath(p).size(), 3u);
+    ASSERT_TRUE(emu::parse_keypath(s, "/UDP-MIB/udp/udpHCInDatagrams", p, err)) << err;
+    EXPECT_EQ(emu::pp_keypath(s, emu::to_hkeypath(p)), "/UDP-MIB/udp/udpHCInDatagrams");
+
+    // Seven UDP keys; an empty address is written as "" and printed back the same way.
+    const std::string udp = "/UDP-MIB/udpEndpointTable/udpEndpointEntry{0 \"\" 53 0 \"\" 0 12345}"
+                            "/udpEndpointProcess";
+    ASSERT_TRUE(emu::parse_keypath(s, udp, p, err)) << err;
+    EXPECT_EQ(p.steps[2].keys[1].type, 39);
+    EXPECT_TRUE(p.steps[2].keys[1].bytes.empty());
+    EXPECT_EQ(p.steps[2].keys[6].u, 12345u);
+    EXPECT_EQ(emu::pp_path(s, p), udp);
+}
+
+// Keys by enum name, forced types for testing the daemon's guards, and prefixed node names.
+TEST(Keypath, KeyForms)
+{
+    const Schema &s = models();
+    ParsedPath p;
+    std::string err;
+    ASSERT_TRUE(emu::parse_keypath(s,
+                                   "/TCP-MIB:TCP-MIB/tcpListenerTable/tcpListenerEntry{ipv6 "
+                                   "00000000000000000000000000000001 22}",
+                                   p, err))
+        << err;
+    EXPECT_EQ(p.steps[2].keys[0].i, 2);
+    EXPECT_EQ(p.steps[2].keys[1].bytes.size(), 16u);
+
+    ASSERT_TRUE(
+        emu::parse_keypath(s,
+                           "/TCP-MIB/tcpListenerTable/tcpListenerEntry{C_INT32:1 C_BUF:7f000001 "
+                           "C_UINT64:22}/tcpListenerProcess",
+                           p, err))
+        << err;
+    const auto &k = p.steps[2].keys;
+    EXPECT_EQ(k[0].type, 8);
+    EXPECT_EQ(k[0].i, 1);
+    EXPECT_EQ(k[1].type, 5);
+    EXPECT_EQ(k[1].bytes, "7f000001");
+    EXPECT_EQ(k[2].type, 13);
+    // A forced type prints as its own type's text.
+    EXPECT_EQ(emu::pp_path(s, p),
+              "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess");
+}
+
+// Bad paths fail with a message that points at the fault.
+TEST(Keypath, BadPaths)
+{
+    EXPECT_NE(parse_error("TCP-MIB/tcp").find("must start with '/'"), std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcpp/tcpInSegs").find("'tcpp'"), std::string::npos);
+    EXPECT_NE(parse_error("/NO-MIB").find("top level"), std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB//tcp").find("empty node name"), std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcp{1}/tcpInSegs").find("not a keyed list"), std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001}")
+                  .find("3 key(s), 2 given"),
+              std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f00001 22}").find("key 2"),
+              std::string::npos);
+    EXPECT_NE(
+        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 -22}").find("key 3"),
+        std::string::npos);
+    EXPECT_NE(
+        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{bogus 7f000001 22}").find("key 1"),
+        std::string::npos);
+    EXPECT_NE(
+        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22").find("missing '}'"),
+        std::string::npos);
+    EXPECT_NE(
+        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 \"7f000001 22}").find("'}'"),
+        std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{C_NOPE:1 7f000001 22}")
+                  .find("C_NOPE"),
+              std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}x")
+                  .find("'/' expected"),
+              std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcp/tcpInSegs/deeper").find("'deeper'"), std::string::npos);
+    EXPECT_NE(parse_error("/TCP-MIB/tcp/C_INT32:5").find("C_INT32:5"), std::string::npos);
+}
+
+// Text forms of every value family, their bounds, and the inverse printing.
+TEST(ValueText, ParseAndPrint)
+{
+    std::string err;
+    Value v;
+    EXPECT_EQ(typed(9, "-9223372036854775808").i, INT64_MIN);
+    EXPECT_EQ(typed(13, "18446744073709551615").u, UINT64_MAX);
+    EXPECT_FALSE(emu::value_from_text_typed(12, "4294967296", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(8, "2147483648", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(10, "-1", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(12, "12abc", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(12, "", v, err));
+    EXPECT_EQ(typed(15, "192.168.1.1").bytes, std::string("\xc0\xa8\x01\x01", 4));
+    EXPECT_FALSE(emu::value_from_text_typed(15, "192.168.1", v, err));
+    EXPECT_EQ(typed(16, "fe80::1").bytes.size(), 16u);
+    EXPECT_EQ(typed(38, "1.3.6.1.2.1.6").oid, (std::vector<uint32_t>{1, 3, 6, 1, 2, 1, 6}));
+    EXPECT_FALSE(emu::value_from_text_typed(38, "1..3", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(38, "1.3.", v, err));
+    EXPECT_EQ(typed(17, "true").u, 1u);
+    EXPECT_FALSE(emu::value_from_text_typed(17, "yes", v, err));
+    EXPECT_EQ(typed(39, "00FFa0").bytes, std::string("\x00\xff\xa0", 3));
+    EXPECT_FALSE(emu::value_from_text_typed(39, "abc", v, err));
+    EXPECT_FALSE(emu::value_from_text_typed(39, "zz", v, err));
+
+    for (auto [t, text] : {std::pair{8, "-5"},
+                           {13, "18446744073709551615"},
+                           {15, "10.0.0.1"},
+                           {16, "2001:db8::1"},
+                           {38, "1.3.6.1.4.1"},
+                           {17, "false"},
+                           {39, "00ff7f"},
+                           {28, "16"},
+                           {5, "eth0.2"}}) {
+        EXPECT_EQ(emu::value_to_text(typed(t, text)), text) << t;
+    }
+}
+
+// JSON as the command-line client prints it: exact 64-bit numbers, hex binaries, escapes, no-value
+// types.
+TEST(ValueText, Json)
+{
+    EXPECT_EQ(emu::value_to_json(typed(12, "7")), R"({"type":"C_UINT32","value":7})");
+    EXPECT_EQ(emu::value_to_json(typed(13, "18446744073709551615")),
+              R"({"type":"C_UINT64","value":18446744073709551615})");
+    EXPECT_EQ(emu::value_to_json(typed(9, "-9223372036854775808")),
+              R"({"type":"C_INT64","value":-9223372036854775808})");
+    EXPECT_EQ(emu::value_to_json(typed(28, "5")), R"({"type":"C_ENUM_VALUE","value":5})");
+    EXPECT_EQ(emu::value_to_json(typed(39, "7F000001")),
+              R"({"type":"C_BINARY","value":"7f000001"})");
+    EXPECT_EQ(emu::value_to_json(typed(15, "127.0.0.1")),
+              R"({"type":"C_IPV4","value":"127.0.0.1"})");
+    EXPECT_EQ(emu::value_to_json(typed(38, "1.3.6")), R"({"type":"C_OID","value":"1.3.6"})");
+    EXPECT_EQ(emu::value_to_json(typed(17, "true")), R"({"type":"C_BOOL","value":true})");
+    EXPECT_EQ(emu::value_to_json(Value()), R"({"type":"C_NOEXISTS"})");
+    Value s;
+    s.type = 4;
+    s.null_str = true;
+    EXPECT_EQ(emu::value_to_json(s), R"({"type":"C_STR","value":null})");
+    s.null_str = false;
+    s.bytes = std::string("a\"b\\c\n\x01\xc3\xa9\xff", 10);
+    EXPECT_EQ(emu::value_to_json(s), R"({"type":"C_STR","value":"a\"b\\c\n\u0001é\u00ff"})");
+    Value l;
+    l.type = 31;
+    l.list = {typed(12, "1"), typed(5, "x")};
+    EXPECT_EQ(
+        emu::value_to_json(l),
+        R"({"type":"C_LIST","value":[{"type":"C_UINT32","value":1},{"type":"C_BUF","value":"x"}]})");
+}
+
+// Keypaths from the daemon's side are printed even when a tag is unknown, and odd keys are quoted.
+TEST(Keypath, PrintUnknownAndQuoted)
+{
+    const Schema &s = models();
+    Value tag;
+    tag.type = 2;
+    tag.a = 12345;
+    EXPECT_EQ(emu::pp_keypath(s, {{tag}}), "/tag12345");
+    Value top;
+    top.type = 2;
+    top.a = s.top("TCP-MIB")->tag;
+    top.b = s.top("TCP-MIB")->ns;
+    EXPECT_EQ(emu::pp_keypath(s, {{tag}, {top}}), "/TCP-MIB/tag12345");
+
+    // A string key with blanks, braces or quotes prints quoted, with escapes.
+    Value str = typed(5, "a }b\"");
+    Value entry;
+    entry.type = 2;
+    entry.a = s.child(s.child(s.top("TCP-MIB"), "tcpListenerTable"), "tcpListenerEntry")->tag;
+    Value table;
+    table.type = 2;
+    table.a = s.child(s.top("TCP-MIB"), "tcpListenerTable")->tag;
+    std::vector<std::vector<Value>> hkp = {{str}, {entry}, {table}, {top}};
+    EXPECT_EQ(emu::pp_keypath(s, hkp), "/TCP-MIB/tcpListenerTable/tcpListenerEntry{\"a }b\\\"\"}");
+}

@@ -1,0 +1,207 @@
+// Namespace-header generator: builds each module's macros from the schema, writes headers.
+#include "nsgen.h"
+
+#include <libyang/libyang.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <sys/stat.h>
+
+namespace nsgen
+{
+
+namespace
+{
+
+bool ident_char(char c, bool first)
+{
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_') return true;
+    return !first && c >= '0' && c <= '9';
+}
+
+// Enumerators of the module's own enumeration typedefs (a YANG enum without a value statement takes
+// one more than the highest value before it, 0 for the first).
+void typedef_enums(const lysp_tpdf *tds, std::vector<std::pair<std::string, int64_t>> &out)
+{
+    LY_ARRAY_COUNT_TYPE i, k;
+    LY_ARRAY_FOR(tds, i)
+    {
+        const lysp_type &t = tds[i].type;
+        if (!t.name || std::strcmp(t.name, "enumeration") != 0) continue;
+        int64_t next = 0;
+        LY_ARRAY_FOR(t.enums, k)
+        {
+            int64_t v = (t.enums[k].flags & LYS_SET_VALUE) ? t.enums[k].value : next;
+            out.emplace_back(t.enums[k].name, v);
+            next = std::max(next, v + 1);
+        }
+    }
+}
+
+} // namespace
+
+std::string c_ident(std::string_view s)
+{
+    std::string o(s);
+    for (size_t i = 0; i < o.size(); ++i)
+        if (!ident_char(o[i], i == 0)) o[i] = '_';
+    return o;
+}
+
+bool module_macros(const emu::Schema &s, const emu::Schema::Ns &ns, std::vector<Macro> &out,
+                   std::string &err)
+{
+    const std::string P = c_ident(ns.prefix);
+    std::map<std::string, std::pair<std::string, std::string>>
+        defined; // macro -> (value, what defined it)
+    std::vector<Macro> macros;
+    auto add = [&](const std::string &name, const std::string &value, const std::string &what) {
+        auto it = defined.find(name);
+        if (it != defined.end()) {
+            if (it->second.first == value) return true;
+            err = "module " + ns.module + ": macro " + name + " would stand for both " +
+                  it->second.second + " and " + what;
+            return false;
+        }
+        defined.emplace(name, std::make_pair(value, what));
+        macros.emplace_back(name, value);
+        return true;
+    };
+
+    if (!add(P + "__ns", std::to_string(ns.hash), "the namespace") ||
+        !add(P + "__ns_id", "\"" + ns.uri + "\"", "the namespace id") ||
+        !add(P + "__ns_uri", "\"" + ns.uri + "\"", "the namespace uri"))
+        return false;
+
+    std::set<std::string> names;
+    for (const auto &h : s.hashed_names())
+        if (h.uri == ns.uri && !h.name.empty()) names.insert(h.name);
+    for (const std::string &n : names)
+        if (!add(P + "_" + c_ident(n), std::to_string(confd_wire::tag_hash(ns.uri, n)),
+                 "node '" + n + "'"))
+            return false;
+
+    std::set<std::string> cps;
+    for (const emu::SchemaNode *n : s.all())
+        if (n->module == ns.module && n->cpkind != emu::CpKind::None) cps.insert(n->callpoint);
+    for (const std::string &cp : cps)
+        if (!add(P + "__callpointid_" + c_ident(cp), "\"" + cp + "\"", "callpoint '" + cp + "'"))
+            return false;
+
+    // Enumerators: from the module's leaves and its own typedefs. A name given two values, or one
+    // that would shadow another macro, is left out.
+    std::vector<std::pair<std::string, int64_t>> enums;
+    for (const emu::SchemaNode *n : s.all())
+        if (n->module == ns.module)
+            for (const auto &e : n->enums)
+                enums.emplace_back(e.first, e.second);
+    if (const lys_module *m = ly_ctx_get_module_implemented(s.ctx(), ns.module.c_str())) {
+        if (m->parsed) {
+            typedef_enums(m->parsed->typedefs, enums);
+            LY_ARRAY_COUNT_TYPE i;
+            LY_ARRAY_FOR(m->parsed->includes, i)
+            {
+                if (m->parsed->includes[i].submodule)
+                    typedef_enums(m->parsed->includes[i].submodule->typedefs, enums);
+            }
+        }
+    }
+    std::map<std::string, std::set<int64_t>> values;
+    for (const auto &e : enums)
+        values[c_ident(e.first)].insert(e.second);
+    for (const auto &v : values) {
+        std::string name = P + "_" + v.first;
+        if (v.second.size() != 1 || defined.count(name)) continue;
+        add(name, std::to_string(*v.second.begin()), "enumerator '" + v.first + "'");
+    }
+    out = std::move(macros);
+    return true;
+}
+
+bool module_header(const emu::Schema &s, const emu::Schema::Ns &ns, std::string &text,
+                   std::string &err)
+{
+    std::vector<Macro> macros;
+    if (!module_macros(s, ns, macros, err)) return false;
+    std::string guard = "_" + c_ident(ns.module) + "_H_";
+    std::transform(guard.begin(), guard.end(), guard.begin(), [](char c) {
+        return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+    });
+    std::ostringstream o;
+    o << "/* Tags, namespace and callpoints of YANG module " << ns.module
+      << ". Generated by nsgen from the models; do not edit. */\n"
+      << "#ifndef " << guard << "\n#define " << guard << "\n\n";
+    // The first three macros are the namespace; they are guarded as a group so that two headers of
+    // one namespace can be included together.
+    o << "#ifndef " << macros[0].first << "\n";
+    for (size_t i = 0; i < 3; ++i)
+        o << "#define " << macros[i].first << " " << macros[i].second << "\n";
+    o << "#endif\n\n";
+    for (size_t i = 3; i < macros.size(); ++i)
+        o << "#define " << macros[i].first << " " << macros[i].second << "\n";
+    o << "\n#endif\n";
+    text = o.str();
+    return true;
+}
+
+bool generate(const std::string &models_dir, const std::string &out_dir, std::string &err)
+{
+    emu::Schema s;
+    if (!s.load(models_dir, err)) return false;
+    if (mkdir(out_dir.c_str(), 0777) != 0 && errno != EEXIST) {
+        err = "cannot create '" + out_dir + "': " + std::strerror(errno);
+        return false;
+    }
+    std::vector<std::pair<std::string, std::string>> files;
+    // Headers of modules that share a prefix would define one macro twice when included together.
+    std::map<std::string, std::pair<std::string, std::string>>
+        everywhere; // macro -> (value, module)
+    for (const auto &ns : s.namespaces()) {
+        std::vector<Macro> macros;
+        if (!module_macros(s, ns, macros, err)) return false;
+        for (const Macro &m : macros) {
+            auto it = everywhere.emplace(m.first, std::make_pair(m.second, ns.module)).first;
+            if (it->second.first != m.second) {
+                err = "macro " + m.first + " is defined by both module " + it->second.second +
+                      " and module " + ns.module;
+                return false;
+            }
+        }
+        std::string text;
+        if (!module_header(s, ns, text, err)) return false;
+        files.emplace_back(out_dir + "/" + ns.module + ".h", std::move(text));
+    }
+    // Written only after every header was built, so a failure leaves no half-updated set behind.
+    for (const auto &f : files) {
+        {
+            std::ifstream in(f.first, std::ios::binary);
+            std::ostringstream old;
+            if (in) {
+                old << in.rdbuf();
+                if (old.str() == f.second) continue;
+            }
+        }
+        std::string tmp = f.first + ".tmp";
+        {
+            std::ofstream outf(tmp, std::ios::binary | std::ios::trunc);
+            outf << f.second;
+            if (!outf.flush()) {
+                err = "cannot write '" + tmp + "'";
+                return false;
+            }
+        }
+        if (std::rename(tmp.c_str(), f.first.c_str()) != 0) {
+            err = "cannot rename '" + tmp + "': " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace nsgen
