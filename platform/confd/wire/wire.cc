@@ -1,6 +1,7 @@
 // Frame I/O and value encoding shared by the emulated client library and confd-emu.
 #include "wire.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -13,6 +14,8 @@ namespace confd_wire {
 namespace {
 
 constexpr int kMaxListDepth = 8;
+// Time a frame that has begun to arrive gets to complete (see recv_frame).
+constexpr int64_t kFrameGraceMs = 5000;
 
 int64_t now_ms()
 {
@@ -328,9 +331,18 @@ int recv_frame(int fd, std::string &payload, int timeout_ms)
 {
     int64_t deadline = timeout_ms < 0 ? -1 : now_ms() + timeout_ms;
     char hdr[4];
-    int r = read_full(fd, hdr, 4, deadline, true);
+    // The time-out bounds the wait for a frame to begin. Once its first byte
+    // is in, the rest gets a grace period of its own: giving up half-way
+    // (the deadline may pass between the header and the body) would leave
+    // the stream out of step for every later frame.
+    int r = read_full(fd, hdr, 1, deadline, true);
     if (r <= 0)
         return r;
+    if (deadline >= 0)
+        deadline = std::max(deadline, now_ms() + kFrameGraceMs);
+    r = read_full(fd, hdr + 1, 3, deadline, false);
+    if (r <= 0)
+        return -1;
     uint32_t n = (uint32_t(uint8_t(hdr[0])) << 24) | (uint32_t(uint8_t(hdr[1])) << 16) |
                  (uint32_t(uint8_t(hdr[2])) << 8) | uint32_t(uint8_t(hdr[3]));
     if (n > kMaxFrame) {

@@ -238,7 +238,9 @@ private:
 // Returns true when the whole frame went out.
 bool send_frame(int fd, const std::string &payload);
 
-// Reads one frame into payload. timeout_ms < 0 waits forever.
+// Reads one frame into payload. timeout_ms < 0 waits forever; otherwise it
+// bounds the wait for a frame to begin, and a frame that has begun gets at
+// least 5 s more to arrive completely (so a time-out never splits a frame).
 // Returns 1 on a frame, 0 when the peer closed the connection, -1 on an
 // error, a time-out (errno ETIMEDOUT) or an oversized frame.
 int recv_frame(int fd, std::string &payload, int timeout_ms = -1);

@@ -1,0 +1,59 @@
+// Library-wide settings, debug output and framed request/answer I/O shared by the libconfd sources.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "confd_lib.h"
+#include "lib_internal.h"
+#include "wire.h"
+
+namespace libconfd {
+
+// How long a request waits for the server's answer before it fails with
+// CONFD_ERR_OS (a hung server must not hang the caller forever).
+constexpr int kAnswerTimeoutMs = 60000;
+
+// Debug level and stream set by confd_init_vsn_sz() / confd_set_debug().
+int debug_level();
+// True when level is enabled and there is a stream to print to.
+bool debug_on(int level);
+
+// Prints one line "<TAG> <libname> <text>" to the debug stream when level is
+// enabled (TAG is DEBUG, TRACE or PROTO by level). Safe from any thread.
+void logf(int level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// Name of a frame's op for traces ("Hello", "Reply", ...); "Op<N>" if unknown.
+std::string op_name(const std::string &payload);
+
+// Sends one frame (single send(), serialised per fd so that frames from
+// several threads never mix) and traces it. false with errno on failure.
+bool send_payload(int fd, const std::string &payload);
+
+// Receives one frame and traces it. 1 frame, 0 peer closed, -1 error/time-out.
+int recv_payload(int fd, std::string &payload, int timeout_ms);
+
+// connect() that retries EINTR. CONFD_OK, or CONFD_ERR with CONFD_ERR_OS.
+int connect_socket(int sock, const struct sockaddr *srv, int srv_sz);
+
+// Sends a request and waits for the server's Ok or Err. On Ok returns
+// CONFD_OK with the answer payload in `answer` (a Reader on it must skip the
+// op byte). On Err sets confd_errno and the last-error text from the server
+// and returns CONFD_ERR; on I/O failure CONFD_ERR with CONFD_ERR_OS.
+// `what` names the request in error texts.
+int request(int fd, const std::string &payload, std::string &answer, const char *what);
+
+// Closes a file descriptor when it goes out of scope.
+class FdGuard {
+  public:
+    explicit FdGuard(int fd) : fd_(fd) {}
+    ~FdGuard();
+    FdGuard(const FdGuard &) = delete;
+    FdGuard &operator=(const FdGuard &) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+} // namespace libconfd
