@@ -1,0 +1,24 @@
+// The commands of confd-emu-cli, run inside confd-emu: each takes the client's argv, answers JSON.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "registry.h"
+#include "schema.h"
+
+namespace emu
+{
+
+struct CliEnv {
+    Registry &reg;
+    const Schema &schema;
+    size_t walk_limit; // most rows a walk may return before it is called broken
+};
+
+// Runs one command line (argv[0] is the command) and returns its JSON answer. Never fails: usage
+// errors, unknown paths and daemon failures are answered as {"error":"..."}.
+std::string run_cli(CliEnv &env, const std::vector<std::string> &argv);
+
+} // namespace emu

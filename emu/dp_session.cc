@@ -1,0 +1,255 @@
+// Transactions towards data-provider daemons: TransInit, data and transaction callbacks, finish.
+#include "dp_session.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cstdio>
+
+#include "confd_lib.h"
+
+namespace emu
+{
+
+using confd_wire::DataCb;
+using confd_wire::Op;
+using confd_wire::Reader;
+using confd_wire::ReplyKind;
+using confd_wire::TransCb;
+using confd_wire::Writer;
+
+namespace
+{
+std::atomic<uint32_t> next_usid{1};
+}
+
+const char *data_cb_name(DataCb cb)
+{
+    static const char *const names[] = {
+        "exists_optional",  "get_elem",  "get_next",      "set_elem",   "create",
+        "remove",           "find_next", "num_instances", "get_object", "get_next_object",
+        "find_next_object", "get_case",  "set_case",      "get_attrs",  "set_attr",
+        "move_after",       "write_all",
+    };
+    size_t i = static_cast<size_t>(cb);
+    return i < sizeof names / sizeof names[0] ? names[i] : "data callback";
+}
+
+const char *trans_cb_name(TransCb cb)
+{
+    static const char *const names[] = {
+        "init",  "trans_lock", "trans_unlock", "write_start", "prepare",
+        "abort", "commit",     "finish",       "interrupt",
+    };
+    size_t i = static_cast<size_t>(cb);
+    return i < sizeof names / sizeof names[0] ? names[i] : "transaction callback";
+}
+
+DpSession::DpSession(Registry &reg, const Schema &schema, int mode, std::string context)
+    : reg_(reg), schema_(schema), mode_(mode), context_(std::move(context)), usid_(next_usid++)
+{
+}
+
+DpSession::~DpSession()
+{
+    finish_all();
+}
+
+bool DpSession::request(Txn &txn, const ConnPtr &conn, uint32_t rid, const std::string &payload,
+                        const char *what, DpReply &out, std::string &err)
+{
+    if (txn.dead || !conn) {
+        err = "daemon " + txn.route.daemon + " is gone";
+        txn.dead = true;
+        return false;
+    }
+    std::string reply;
+    switch (reg_.call(conn, rid, payload, reply)) {
+    case CallStatus::Replied:
+        break;
+    case CallStatus::TimedOut:
+        err = "daemon " + txn.route.daemon + " did not answer " + what + " within " +
+              std::to_string(reg_.timeout_ms()) + " ms";
+        txn.dead = true;
+        // As the real management plane does with a provider that stops answering: it is
+        // considered dead, its sockets are closed and its callpoints dropped.
+        reg_.kill_daemon(txn.route.daemon_id, err);
+        return false;
+    case CallStatus::Closed:
+        err = "daemon " + txn.route.daemon + " closed its connection during " + what;
+        txn.dead = true;
+        return false;
+    case CallStatus::Stopped:
+        err = "confd-emu is shutting down";
+        txn.dead = true;
+        return false;
+    }
+    Reader r(reply);
+    r.op();
+    r.u32(); // rid, matched already
+    out = DpReply();
+    out.kind = static_cast<ReplyKind>(r.u8());
+    switch (out.kind) {
+    case ReplyKind::Value:
+        out.value = r.value();
+        break;
+    case ReplyKind::NextKey: {
+        uint32_t n = r.u32();
+        for (uint32_t i = 0; i < n && r.ok(); i++)
+            out.values.push_back(r.value());
+        out.next = r.i64();
+        break;
+    }
+    case ReplyKind::ValueArray: {
+        uint32_t n = r.u32();
+        for (uint32_t i = 0; i < n && r.ok(); i++)
+            out.values.push_back(r.value());
+        break;
+    }
+    case ReplyKind::Error:
+        out.result = r.i32();
+        out.errcode = r.i32();
+        out.message = r.str();
+        break;
+    case ReplyKind::TransInitDone:
+        out.value.type = confd_wire::T_UINT32;
+        out.value.u = r.u32();
+        break;
+    case ReplyKind::NextEnd:
+    case ReplyKind::NotFound:
+    case ReplyKind::Found:
+    case ReplyKind::Done:
+        break;
+    default:
+        err = "daemon " + txn.route.daemon + " sent an unknown reply kind " +
+              std::to_string(static_cast<int>(out.kind)) + " to " + what;
+        return false;
+    }
+    if (!r.ok()) {
+        err = "daemon " + txn.route.daemon + " sent a malformed reply to " + what;
+        return false;
+    }
+    return true;
+}
+
+DpSession::Txn *DpSession::txn_for(const SchemaNode *node, std::string &err, bool write)
+{
+    const SchemaNode *owner = schema_.callpoint_owner(node);
+    if (!owner) {
+        err = "no callpoint serves " + node->name;
+        return nullptr;
+    }
+    if (owner->cpkind == CpKind::SetHook && !write) {
+        err = node->name + " is stored configuration (set hook " + owner->callpoint +
+              "), not served by a data provider";
+        return nullptr;
+    }
+    Route route;
+    if (!reg_.route(owner->callpoint, route, err)) return nullptr;
+    auto found = txns_.find(route.daemon_id);
+    if (found != txns_.end()) {
+        if (found->second.dead) {
+            err = "daemon " + route.daemon + " is gone";
+            return nullptr;
+        }
+        return &found->second;
+    }
+
+    Txn txn;
+    txn.route = route;
+    txn.thandle = reg_.open_trans(route.daemon_id, mode_);
+    uint32_t rid = reg_.new_rid();
+    Writer w(Op::TransInit);
+    w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(mode_)).u8(CONFD_RUNNING);
+    // User info: the emulator's sessions are the local administrator's.
+    const unsigned char lo[4] = {127, 0, 0, 1};
+    w.str("admin").str(context_).u8(CONFD_PROTO_TCP).u8(AF_INET);
+    w.str(std::string(reinterpret_cast<const char *>(lo), 4));
+    w.u16(0).i32(static_cast<int32_t>(usid_)).str("");
+    w.u32(0); // snmp request id
+    DpReply rep;
+    std::string what = "the transaction init";
+    if (!request(txn, route.control, rid, w.payload(), what.c_str(), rep, err)) {
+        reg_.close_trans(txn.thandle);
+        return nullptr;
+    }
+    if (rep.kind == ReplyKind::Error) {
+        err =
+            rep.message.empty() ? "transaction init failed in daemon " + route.daemon : rep.message;
+        reg_.close_trans(txn.thandle);
+        return nullptr;
+    }
+    if (rep.kind != ReplyKind::TransInitDone) {
+        err = "daemon " + route.daemon + " answered the transaction init without naming a worker";
+        reg_.close_trans(txn.thandle);
+        return nullptr;
+    }
+    txn.worker = reg_.worker(route.daemon_id, static_cast<uint32_t>(rep.value.u));
+    if (!txn.worker) {
+        err = "daemon " + route.daemon + " named worker " + std::to_string(rep.value.u) +
+              ", which is not connected";
+        // The library holds the transaction now; finishing it needs a worker, so it stays behind.
+        reg_.close_trans(txn.thandle);
+        return nullptr;
+    }
+    return &txns_.emplace(route.daemon_id, std::move(txn)).first->second;
+}
+
+bool DpSession::trans_call(Txn &txn, TransCb cb, std::string &err)
+{
+    uint32_t rid = reg_.new_rid();
+    Writer w(Op::TransCall);
+    w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(cb));
+    DpReply rep;
+    if (!request(txn, txn.worker, rid, w.payload(), trans_cb_name(cb), rep, err)) return false;
+    if (rep.kind == ReplyKind::Error) {
+        err = rep.message.empty()
+                  ? std::string(trans_cb_name(cb)) + " failed in daemon " + txn.route.daemon
+                  : rep.message;
+        return false;
+    }
+    if (cb == TransCb::WriteStart) txn.write_started = true;
+    return true;
+}
+
+bool DpSession::data_call(Txn &txn, const SchemaNode *node, DataCb cb,
+                          const confd_wire::KeyPath &kp, const std::function<void(Writer &)> &extra,
+                          DpReply &out, std::string &err)
+{
+    const SchemaNode *owner = schema_.callpoint_owner(node);
+    const std::string cp = owner ? owner->callpoint : std::string();
+    Route route;
+    std::string ignored;
+    uint32_t mask = txn.route.data_mask;
+    if (reg_.route(cp, route, ignored) && route.daemon_id == txn.route.daemon_id)
+        mask = route.data_mask;
+    if (!(mask & (1u << static_cast<unsigned>(cb)))) {
+        err = "callpoint " + cp + " of daemon " + txn.route.daemon + " has no " + data_cb_name(cb) +
+              " callback";
+        return false;
+    }
+    uint32_t rid = reg_.new_rid();
+    Writer w(Op::DataCall);
+    w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(cb)).str(cp).keypath(kp);
+    if (extra) extra(w);
+    return request(txn, txn.worker, rid, w.payload(), data_cb_name(cb), out, err);
+}
+
+void DpSession::finish(Txn &txn)
+{
+    if (!txn.dead) {
+        std::string err;
+        if (!trans_call(txn, TransCb::Finish, err))
+            std::fprintf(stderr, "confd-emu: finish of transaction %u: %s\n", txn.thandle,
+                         err.c_str());
+    }
+    reg_.close_trans(txn.thandle);
+}
+
+void DpSession::finish_all()
+{
+    for (auto &t : txns_)
+        finish(t.second);
+    txns_.clear();
+}
+
+} // namespace emu

@@ -1,0 +1,69 @@
+// confd-emu's IPC server: accepts connections on 127.0.0.1 and serves each one on its own thread.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "cli_commands.h"
+#include "registry.h"
+#include "schema.h"
+
+namespace emu
+{
+
+struct ServerOptions {
+    int port = 4565;        // 0 = any free port
+    int timeout_ms = 10000; // longest wait for a daemon's answer
+    size_t walk_limit = 100000;
+    std::string init_file; // initial configuration (kept for the datastore)
+};
+
+class Server
+{
+  public:
+    Server(const Schema &schema, const ServerOptions &opt);
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // Binds and listens on 127.0.0.1. False with a message when the port cannot be had.
+    bool listen(std::string &err);
+    // The bound port (after listen).
+    int port() const { return port_; }
+    // Serves until stop_fd becomes readable; then shuts every connection down and joins every
+    // thread.
+    void run(int stop_fd);
+
+  private:
+    struct Thread {
+        std::thread th;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+    void reap(bool all);
+    void serve(const ConnPtr &c);
+    void serve_control(const ConnPtr &c, confd_wire::Reader &hello);
+    void serve_worker(const ConnPtr &c, confd_wire::Reader &hello);
+    void serve_maapi(const ConnPtr &c);
+    void serve_events(const ConnPtr &c, confd_wire::Reader &hello);
+    void serve_cli(const ConnPtr &c);
+    // Handles one frame from a daemon after its registrations: a Reply, or an SNMP notification.
+    // worker tells whether c is a worker socket (the only place SNMP notifications may come from).
+    void read_daemon_frame(const ConnPtr &c, bool worker, confd_wire::Op op, confd_wire::Reader &r,
+                           const std::string &payload);
+    void snmp_notification(confd_wire::Reader &r);
+
+    const Schema &schema_;
+    const ServerOptions opt_;
+    Registry reg_;
+    CliEnv cli_env_;
+    int listen_fd_ = -1;
+    int port_ = 0;
+    uint32_t next_conn_ = 1;
+    std::list<Thread> threads_;
+};
+
+} // namespace emu

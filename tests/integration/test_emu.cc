@@ -1,0 +1,627 @@
+// Round trips through confd-emu: an in-process test daemon on the client library, and the CLI.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "confd_dp.h"
+#include "confd_lib.h"
+#include "confd_maapi.h"
+#include "TCP-MIB.h"
+#include "harness.h"
+
+namespace
+{
+
+struct ListenerRow {
+    int32_t addr_type;
+    std::string addr; // address octets
+    uint32_t port;
+    uint32_t process;
+};
+
+// How the test daemon misbehaves, if at all.
+enum class Quirk {
+    None,
+    WrongLeafType, // tcpListenerProcess answered as C_INT32
+    WrongKeyType,  // listener port key answered as C_INT32
+    Silent,        // get_elem returns CONFD_OK without replying
+    Error,         // get_elem fails with a confd_trans_seterr text
+    NoExists,      // get_elem answers C_NOEXISTS
+    StuckCookie,   // get_next hands back the cookie it was given
+};
+
+// A data provider for "tcp_status" serving the listener table and two scalars, with a main loop
+// on its own thread like the daemon's.
+class TestDaemon
+{
+  public:
+    TestDaemon(int port, std::vector<ListenerRow> rows) : port_(port), rows_(std::move(rows)) {}
+    ~TestDaemon() { stop(); }
+
+    // Connects the control, worker and MAAPI sockets, registers and starts the main loop.
+    bool start(std::string &err)
+    {
+        confd_init("it_emu", nullptr, CONFD_SILENT);
+        dx_ = confd_init_daemon("testd");
+        if (!dx_) return fail(err, "confd_init_daemon");
+        dx_->d_opaque = this;
+        struct sockaddr_in sa = addr();
+        ctl_ = socket(AF_INET, SOCK_STREAM, 0);
+        wrk_ = socket(AF_INET, SOCK_STREAM, 0);
+        maapi_ = socket(AF_INET, SOCK_STREAM, 0);
+        auto *sp = reinterpret_cast<struct sockaddr *>(&sa);
+        if (confd_connect(dx_, ctl_, CONTROL_SOCKET, sp, sizeof sa) != CONFD_OK)
+            return fail(err, "control connect");
+        if (confd_connect(dx_, wrk_, WORKER_SOCKET, sp, sizeof sa) != CONFD_OK)
+            return fail(err, "worker connect");
+        if (maapi_connect(maapi_, sp, sizeof sa) != CONFD_OK) return fail(err, "maapi_connect");
+        struct confd_trans_cbs tcb;
+        std::memset(&tcb, 0, sizeof tcb);
+        tcb.init = t_init;
+        tcb.trans_lock = t_lock;
+        tcb.write_start = t_write_start;
+        tcb.prepare = t_prepare;
+        tcb.commit = t_commit;
+        tcb.abort = t_abort;
+        tcb.finish = t_finish;
+        if (confd_register_trans_cb(dx_, &tcb) != CONFD_OK) return fail(err, "register trans");
+        struct confd_data_cbs dcb;
+        std::memset(&dcb, 0, sizeof dcb);
+        std::snprintf(dcb.callpoint, sizeof dcb.callpoint, "%s", "tcp_status");
+        dcb.get_elem = get_elem;
+        dcb.get_next = get_next;
+        dcb.set_elem = set_elem;
+        if (confd_register_data_cb(dx_, &dcb) != CONFD_OK) return fail(err, "register tcp_status");
+        if (confd_register_snmp_notification(dx_, wrk_, "", "", &nctx_) != CONFD_OK)
+            return fail(err, "register snmp notification");
+        if (confd_register_done(dx_) != CONFD_OK) return fail(err, "register done");
+        th_ = std::thread([this] { loop(); });
+        return true;
+    }
+
+    void stop()
+    {
+        stop_ = true;
+        if (th_.joinable()) th_.join();
+        for (int *fd : {&ctl_, &wrk_, &maapi_})
+            if (*fd >= 0) {
+                close(*fd);
+                *fd = -1;
+            }
+        if (dx_) {
+            confd_release_daemon(dx_);
+            dx_ = nullptr;
+        }
+    }
+
+    // Waits until the main loop has seen the control (or worker) socket close.
+    bool wait_eof(bool control, int ms = 5000)
+    {
+        for (int i = 0; i < ms / 10; i++) {
+            if ((control ? control_result_ : worker_result_).load() == CONFD_EOF) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    // Sends linkUp with an ifIndex and an ifDescr binding from the calling thread.
+    int send_link_up(int32_t index, const std::string &descr)
+    {
+        struct confd_snmp_varbind vb[2];
+        std::memset(vb, 0, sizeof vb);
+        vb[0].type = CONFD_SNMP_VARIABLE;
+        std::snprintf(vb[0].var.name, sizeof vb[0].var.name, "%s", "ifIndex");
+        CONFD_SET_INT32(&vb[0].val, index);
+        vb[1].type = CONFD_SNMP_VARIABLE;
+        std::snprintf(vb[1].var.name, sizeof vb[1].var.name, "%s", "ifDescr");
+        CONFD_SET_STR(&vb[1].val, descr.c_str());
+        return confd_notification_send_snmp(nctx_, "linkUp", vb, 2);
+    }
+
+    std::vector<std::string> calls()
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        return calls_;
+    }
+
+    std::atomic<Quirk> quirk{Quirk::None};
+    std::atomic<int> attach_failures{0};
+    std::atomic<int64_t> last_set{0};
+
+  private:
+    bool fail(std::string &err, const char *what)
+    {
+        err = std::string(what) + " failed: " + confd_lasterr();
+        return false;
+    }
+
+    struct sockaddr_in addr() const
+    {
+        struct sockaddr_in sa = {};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sa.sin_port = htons(static_cast<uint16_t>(port_));
+        return sa;
+    }
+
+    static TestDaemon *self(struct confd_trans_ctx *tctx)
+    {
+        return static_cast<TestDaemon *>(tctx->dx->d_opaque);
+    }
+
+    void record(const std::string &what)
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        calls_.push_back(what);
+    }
+
+    static int t_init(struct confd_trans_ctx *tctx)
+    {
+        TestDaemon *d = self(tctx);
+        d->record("init");
+        if (maapi_attach(d->maapi_, 0, tctx) != CONFD_OK) {
+            d->attach_failures++;
+            confd_trans_seterr(tctx, "attach failed: %s", confd_lasterr());
+            return CONFD_ERR;
+        }
+        confd_trans_set_fd(tctx, d->wrk_);
+        return CONFD_OK;
+    }
+    static int t_lock(struct confd_trans_ctx *tctx)
+    {
+        return self(tctx)->record("trans_lock"), CONFD_OK;
+    }
+    static int t_write_start(struct confd_trans_ctx *tctx)
+    {
+        return self(tctx)->record("write_start"), CONFD_OK;
+    }
+    static int t_prepare(struct confd_trans_ctx *tctx)
+    {
+        return self(tctx)->record("prepare"), CONFD_OK;
+    }
+    static int t_commit(struct confd_trans_ctx *tctx)
+    {
+        return self(tctx)->record("commit"), CONFD_OK;
+    }
+    static int t_abort(struct confd_trans_ctx *tctx)
+    {
+        return self(tctx)->record("abort"), CONFD_OK;
+    }
+    static int t_finish(struct confd_trans_ctx *tctx)
+    {
+        TestDaemon *d = self(tctx);
+        d->record("finish");
+        maapi_detach(d->maapi_, tctx);
+        return CONFD_OK;
+    }
+
+    const ListenerRow *find(const confd_hkeypath_t *kp) const
+    {
+        for (const ListenerRow &r : rows_)
+            if (kp->v[1][0].val.enumvalue == r.addr_type &&
+                kp->v[1][1].val.buf.size == r.addr.size() &&
+                std::memcmp(kp->v[1][1].val.buf.ptr, r.addr.data(), r.addr.size()) == 0 &&
+                kp->v[1][2].val.u32 == r.port)
+                return &r;
+        return nullptr;
+    }
+
+    static int get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
+    {
+        TestDaemon *d = self(tctx);
+        confd_value_t v;
+        uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
+        if (leaf == TCP_MIB_tcpInSegs) {
+            CONFD_SET_UINT32(&v, 77);
+            return confd_data_reply_value(tctx, &v);
+        }
+        if (leaf != TCP_MIB_tcpListenerProcess) return confd_data_reply_not_found(tctx);
+        switch (d->quirk.load()) {
+        case Quirk::Silent:
+            return CONFD_OK;
+        case Quirk::Error:
+            confd_trans_seterr(tctx, "process table \"%s\" unreadable", "ps\\1");
+            return CONFD_ERR;
+        case Quirk::NoExists:
+            CONFD_SET_NOEXISTS(&v);
+            return confd_data_reply_value(tctx, &v);
+        default:
+            break;
+        }
+        const ListenerRow *r = d->find(kp);
+        if (!r) return confd_data_reply_not_found(tctx);
+        if (d->quirk == Quirk::WrongLeafType)
+            CONFD_SET_INT32(&v, static_cast<int32_t>(r->process));
+        else
+            CONFD_SET_UINT32(&v, r->process);
+        return confd_data_reply_value(tctx, &v);
+    }
+
+    static int get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *, long next)
+    {
+        TestDaemon *d = self(tctx);
+        size_t i = next < 0 ? 0 : static_cast<size_t>(next);
+        if (i >= d->rows_.size()) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
+        const ListenerRow &r = d->rows_[i];
+        confd_value_t k[3];
+        CONFD_SET_ENUM_VALUE(&k[0], r.addr_type);
+        CONFD_SET_BINARY(&k[1], reinterpret_cast<const unsigned char *>(r.addr.data()),
+                         r.addr.size());
+        if (d->quirk == Quirk::WrongKeyType)
+            CONFD_SET_INT32(&k[2], static_cast<int32_t>(r.port));
+        else
+            CONFD_SET_UINT32(&k[2], r.port);
+        long cookie = d->quirk == Quirk::StuckCookie && next >= 0 ? next : static_cast<long>(i + 1);
+        return confd_data_reply_next_key(tctx, k, 3, cookie);
+    }
+
+    static int set_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t *v)
+    {
+        TestDaemon *d = self(tctx);
+        d->record("set_elem");
+        d->last_set = v->type == C_INT32 ? v->val.i32 : -1;
+        return CONFD_OK;
+    }
+
+    void loop()
+    {
+        struct pollfd pfd[2] = {{ctl_, POLLIN, 0}, {wrk_, POLLIN, 0}};
+        std::atomic<int> *result[2] = {&control_result_, &worker_result_};
+        while (!stop_ && (pfd[0].fd >= 0 || pfd[1].fd >= 0)) {
+            if (poll(pfd, 2, 20) <= 0) continue;
+            for (int i = 0; i < 2; i++) {
+                if (pfd[i].fd < 0 || !(pfd[i].revents & (POLLIN | POLLHUP))) continue;
+                int rc = confd_fd_ready(dx_, pfd[i].fd);
+                result[i]->store(rc);
+                if (rc == CONFD_EOF)
+                    pfd[i].fd = -1; // closed by the management plane: stop reading it
+            }
+        }
+    }
+
+    const int port_;
+    const std::vector<ListenerRow> rows_;
+    struct confd_daemon_ctx *dx_ = nullptr;
+    struct confd_notification_ctx *nctx_ = nullptr;
+    int ctl_ = -1, wrk_ = -1, maapi_ = -1;
+    std::thread th_;
+    std::atomic<bool> stop_{false};
+    std::atomic<int> control_result_{CONFD_OK}, worker_result_{CONFD_OK};
+    std::mutex mu_;
+    std::vector<std::string> calls_;
+};
+
+const std::vector<ListenerRow> kRows = {
+    {1, std::string("\x7f\x00\x00\x01", 4), 22, 301},
+    {1, std::string("\xc0\xa8\x01\x01", 4), 80, 0},
+    {2, std::string(16, '\0'), 443, 4294967295u},
+};
+
+const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
+const char kProcess22[] =
+    "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess";
+
+class EmuTest : public ::testing::Test
+{
+  protected:
+    // Starts confd-emu with the extra arguments and, unless with_daemon is false, the test daemon.
+    void start(std::vector<std::string> args = {}, bool with_daemon = true)
+    {
+        emu_ = std::make_unique<harness::Emu>(std::move(args));
+        std::string err;
+        ASSERT_TRUE(emu_->start(err)) << err;
+        if (!with_daemon) return;
+        daemon_ = std::make_unique<TestDaemon>(emu_->port(), kRows);
+        ASSERT_TRUE(daemon_->start(err)) << err;
+    }
+
+    void TearDown() override
+    {
+        daemon_.reset();
+        if (emu_) {
+            EXPECT_EQ(emu_->stop(), 0) << emu_->log();
+        }
+    }
+
+    // Runs confd-emu-cli; expects it to succeed and returns its output without the newline.
+    std::string cli(const std::vector<std::string> &args)
+    {
+        harness::CmdResult r = emu_->cli(args);
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        EXPECT_FALSE(r.out.empty());
+        if (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();
+        return r.out;
+    }
+
+    std::unique_ptr<harness::Emu> emu_;
+    std::unique_ptr<TestDaemon> daemon_;
+};
+
+// Verifies the command-line client's own contract: help, unreachable server, usage errors.
+TEST_F(EmuTest, CliContractWithoutDaemons)
+{
+    start({}, false);
+    harness::CmdResult help = harness::run({harness::confd_emu_cli_path(), "--help"});
+    EXPECT_EQ(help.exit_code, 0);
+    EXPECT_NE(help.out.find("usage: confd-emu-cli"), std::string::npos);
+    harness::CmdResult emu_help = harness::run({harness::confd_emu_path(), "--help"});
+    EXPECT_EQ(emu_help.exit_code, 0);
+    EXPECT_NE(emu_help.out.find("--timeout-ms"), std::string::npos);
+
+    int port = harness::free_port();
+    ASSERT_NE(port, 0);
+    harness::CmdResult down =
+        harness::run({harness::confd_emu_cli_path(), "--port", std::to_string(port), "status"});
+    EXPECT_EQ(down.exit_code, 1);
+    EXPECT_TRUE(down.out.empty());
+    EXPECT_NE(down.err.find("cannot connect"), std::string::npos);
+
+    EXPECT_EQ(cli({"get", kProcess22}),
+              "{\"error\":\"no daemon has registered callpoint tcp_status\"}");
+    EXPECT_EQ(cli({"get", "/TCP-MIB/nosuch"}).rfind("{\"error\":", 0), 0u);
+    EXPECT_EQ(cli({"get", kListeners}),
+              std::string("{\"error\":\"") + kListeners + " is not a leaf\"}");
+    EXPECT_EQ(cli({"walk", "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}"}),
+              std::string("{\"error\":\"") + kListeners +
+                  "{1 7f000001 22}: give the list without keys\"}");
+    EXPECT_EQ(cli({"commit"}), "{\"error\":\"not implemented\"}");
+    EXPECT_EQ(cli({"drop", "everything"}),
+              "{\"error\":\"usage: drop control|worker|notifications\"}");
+    EXPECT_EQ(cli({"fail", "xpath_eval", "--times", "3"}), "{\"result\":\"ok\"}");
+    EXPECT_NE(cli({"status"}).find("\"failures\":{\"xpath_eval\":3}"), std::string::npos);
+    EXPECT_EQ(cli({"notifications"}), "[]");
+}
+
+// Verifies that a walk prints exactly the daemon's rows and leaves no transaction open, and that
+// the MAAPI attach made by the daemon's init is seen.
+TEST_F(EmuTest, WalkPrintsTheRowsAndClosesTheTransaction)
+{
+    start();
+    EXPECT_EQ(cli({"walk", kListeners}),
+              "[{\"keys\":[{\"type\":\"C_ENUM_VALUE\",\"value\":1},{\"type\":\"C_BINARY\","
+              "\"value\":\"7f000001\"},"
+              "{\"type\":\"C_UINT32\",\"value\":22}],\"leaves\":{\"tcpListenerProcess\":{\"type\":"
+              "\"C_UINT32\",\"value\":301}}},"
+              "{\"keys\":[{\"type\":\"C_ENUM_VALUE\",\"value\":1},{\"type\":\"C_BINARY\",\"value\":"
+              "\"c0a80101\"},"
+              "{\"type\":\"C_UINT32\",\"value\":80}],\"leaves\":{\"tcpListenerProcess\":{\"type\":"
+              "\"C_UINT32\",\"value\":0}}},"
+              "{\"keys\":[{\"type\":\"C_ENUM_VALUE\",\"value\":2},{\"type\":\"C_BINARY\",\"value\":"
+              "\"00000000000000000000000000000000\"},"
+              "{\"type\":\"C_UINT32\",\"value\":443}],\"leaves\":{\"tcpListenerProcess\":{\"type\":"
+              "\"C_UINT32\",\"value\":4294967295}}}]");
+    EXPECT_EQ(daemon_->calls(), (std::vector<std::string>{"init", "finish"}));
+
+    std::string st = cli({"status"});
+    EXPECT_NE(st.find("\"name\":\"testd\""), std::string::npos) << st;
+    EXPECT_NE(st.find("\"callpoints\":[\"tcp_status\"]"), std::string::npos) << st;
+    EXPECT_NE(st.find("\"open_transactions\":0,\"transactions\":1,\"workers\":1"),
+              std::string::npos)
+        << st;
+    EXPECT_NE(st.find("\"maapi_attaches\":1,\"maapi_detaches\":1"), std::string::npos) << st;
+
+    EXPECT_EQ(cli({"next", kListeners, "--cookie", "2"}),
+              "{\"keys\":[{\"type\":\"C_ENUM_VALUE\",\"value\":2},{\"type\":\"C_BINARY\",\"value\":"
+              "\"00000000000000000000000000000000\"},"
+              "{\"type\":\"C_UINT32\",\"value\":443}],\"next\":3}");
+    EXPECT_EQ(cli({"next", kListeners, "--cookie", "3"}), "{\"keys\":null,\"next\":-1}");
+    EXPECT_EQ(cli({"walk", kListeners, "--leaves", "tcpListenerLocalPort,nosuch"}),
+              "{\"error\":\"list tcpListenerEntry has no leaf \\\"nosuch\\\"\"}");
+}
+
+// Verifies that get tells a value, C_NOEXISTS, a missing entry and a callback error apart, with the
+// daemon's error text escaped into the JSON.
+TEST_F(EmuTest, GetDistinguishesTheKindsOfAnswer)
+{
+    start();
+    EXPECT_EQ(cli({"get", kProcess22}), "{\"type\":\"C_UINT32\",\"value\":301}");
+    EXPECT_EQ(cli({"get", "/TCP-MIB/tcp/tcpInSegs"}), "{\"type\":\"C_UINT32\",\"value\":77}");
+    EXPECT_EQ(cli({"get",
+                   "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 23}/tcpListenerProcess"}),
+              "{\"reply\":\"not-found\"}");
+    daemon_->quirk = Quirk::NoExists;
+    EXPECT_EQ(cli({"get", kProcess22}), "{\"type\":\"C_NOEXISTS\"}");
+    daemon_->quirk = Quirk::Error;
+    EXPECT_EQ(cli({"get", kProcess22}), "{\"error\":\"process table \\\"ps\\\\1\\\" unreadable\"}");
+    // A failed leaf stays in the walk as an error; the rows are still listed.
+    std::string walk = cli({"walk", kListeners});
+    EXPECT_NE(walk.find("\"leaves\":{\"tcpListenerProcess\":{\"error\":\"process table"),
+              std::string::npos)
+        << walk;
+    daemon_->quirk = Quirk::None;
+    EXPECT_NE(cli({"status"}).find("\"open_transactions\":0,"), std::string::npos);
+}
+
+// Verifies that values and keys whose type does not fit the schema are reported, naming the leaf
+// and both types, and that a walk whose cookie does not advance ends in an error.
+TEST_F(EmuTest, ReportsRepliesThatDoNotFitTheSchema)
+{
+    start();
+    daemon_->quirk = Quirk::WrongLeafType;
+    EXPECT_EQ(cli({"get", kProcess22}), "{\"error\":\"leaf tcpListenerProcess expects C_UINT32 "
+                                        "(uint32), daemon replied C_INT32\"}");
+    daemon_->quirk = Quirk::WrongKeyType;
+    EXPECT_EQ(cli({"next", kListeners}), "{\"error\":\"key tcpListenerLocalPort expects C_UINT32 "
+                                         "(tcp-port), daemon replied C_INT32\"}");
+    daemon_->quirk = Quirk::StuckCookie;
+    std::string walk = cli({"walk", kListeners});
+    EXPECT_NE(walk.find("does not advance"), std::string::npos) << walk;
+}
+
+// Verifies that a callback that never answers times out instead of hanging, and that the silent
+// daemon is then treated as dead: its sockets closed, its callpoint gone.
+TEST_F(EmuTest, SilentCallbackTimesOut)
+{
+    start({"--timeout-ms", "300"});
+    daemon_->quirk = Quirk::Silent;
+    auto t0 = std::chrono::steady_clock::now();
+    std::string out = cli({"get", kProcess22});
+    auto took = std::chrono::steady_clock::now() - t0;
+    EXPECT_EQ(out, "{\"error\":\"daemon testd did not answer get_elem within 300 ms\"}");
+    EXPECT_LT(took, std::chrono::seconds(5));
+    EXPECT_TRUE(daemon_->wait_eof(true));
+    EXPECT_NE(cli({"status"}).find("\"daemons\":[],\"open_transactions\":0,"), std::string::npos);
+    EXPECT_EQ(cli({"get", kProcess22}),
+              "{\"error\":\"no daemon has registered callpoint tcp_status\"}");
+}
+
+// Verifies that "drop control" closes the daemon's control socket as seen by confd_fd_ready, and
+// "drop worker" its worker socket.
+TEST_F(EmuTest, DropClosesTheDaemonSockets)
+{
+    start();
+    EXPECT_EQ(cli({"drop", "worker"}), "{\"result\":\"ok\"}");
+    EXPECT_TRUE(daemon_->wait_eof(false));
+    EXPECT_EQ(cli({"drop", "control"}), "{\"result\":\"ok\"}");
+    EXPECT_TRUE(daemon_->wait_eof(true));
+}
+
+// Verifies that notifications sent concurrently by three threads over the one worker socket arrive
+// whole, each thread's in its own order, and that --clear empties the log.
+TEST_F(EmuTest, ConcurrentNotificationsArriveWhole)
+{
+    start();
+    constexpr int kPerThread = 40;
+    std::vector<std::thread> senders;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 3; t++)
+        senders.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; i++)
+                if (daemon_->send_link_up(t * 1000 + i, "port-" + std::to_string(t) + "-" +
+                                                            std::to_string(i)) != CONFD_OK)
+                    failures++;
+        });
+    for (auto &s : senders)
+        s.join();
+    EXPECT_EQ(failures.load(), 0);
+
+    // The server reads the frames on its own thread; wait until all are logged.
+    for (int i = 0; i < 250; i++) {
+        if (cli({"status"}).find("\"notifications\":120,") != std::string::npos) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::string log = cli({"notifications"});
+    for (int t = 0; t < 3; t++) {
+        size_t last = 0;
+        for (int i = 0; i < kPerThread; i++) {
+            std::string one = "{\"name\":\"linkUp\",\"varbinds\":[{\"name\":\"ifIndex\",\"type\":"
+                              "\"C_INT32\",\"value\":" +
+                              std::to_string(t * 1000 + i) +
+                              "},{\"name\":\"ifDescr\",\"type\":\"C_STR\",\"value\":\"port-" +
+                              std::to_string(t) + "-" + std::to_string(i) + "\"}]}";
+            size_t at = log.find(one);
+            ASSERT_NE(at, std::string::npos) << "missing " << one;
+            EXPECT_GT(at + 1, last) << "out of order: " << one;
+            last = at + 1;
+        }
+    }
+    size_t count = 0;
+    for (size_t at = log.find("\"linkUp\""); at != std::string::npos;
+         at = log.find("\"linkUp\"", at + 1))
+        count++;
+    EXPECT_EQ(count, 3u * kPerThread);
+    cli({"notifications", "--clear"});
+    EXPECT_EQ(cli({"notifications"}), "[]");
+}
+
+// Verifies fault injection on MAAPI: "fail attach" makes the daemon's next maapi_attach fail once,
+// and the transaction's failure reaches the client.
+TEST_F(EmuTest, InjectedAttachFailureHitsOnce)
+{
+    start();
+    EXPECT_EQ(cli({"fail", "attach"}), "{\"result\":\"ok\"}");
+    std::string out = cli({"get", kProcess22});
+    EXPECT_NE(out.find("attach failed"), std::string::npos) << out;
+    EXPECT_NE(out.find("injected failure: attach"), std::string::npos) << out;
+    EXPECT_EQ(daemon_->attach_failures.load(), 1);
+    EXPECT_EQ(cli({"get", kProcess22}), "{\"type\":\"C_UINT32\",\"value\":301}");
+    EXPECT_EQ(daemon_->attach_failures.load(), 1);
+    EXPECT_NE(cli({"status"}).find("\"open_transactions\":0,"), std::string::npos);
+}
+
+// Verifies that set runs a full write transaction in order, with the value typed by the leaf, and
+// that a value that does not fit the leaf is refused before the daemon is asked.
+TEST_F(EmuTest, SetRunsAWriteTransaction)
+{
+    start();
+    EXPECT_EQ(cli({"set", "/TCP-MIB/tcp/tcpRtoMin", "250"}), "{\"result\":\"ok\"}");
+    EXPECT_EQ(daemon_->last_set.load(), 250);
+    EXPECT_EQ(daemon_->calls(),
+              (std::vector<std::string>{"init", "trans_lock", "write_start", "set_elem", "prepare",
+                                        "commit", "finish"}));
+    EXPECT_EQ(cli({"set", "/TCP-MIB/tcp/tcpRtoMin", "many"}).rfind("{\"error\":", 0), 0u);
+    EXPECT_EQ(daemon_->calls().size(), 7u);
+}
+
+// Verifies that registering a callpoint the schema does not have is refused with
+// CONFD_ERR_NOEXISTS.
+TEST_F(EmuTest, UnknownCallpointIsRefused)
+{
+    start({}, false);
+    confd_init("it_emu", nullptr, CONFD_SILENT);
+    struct confd_daemon_ctx *dx = confd_init_daemon("stray");
+    ASSERT_NE(dx, nullptr);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sa.sin_port = htons(static_cast<uint16_t>(emu_->port()));
+    int ctl = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(
+        confd_connect(dx, ctl, CONTROL_SOCKET, reinterpret_cast<struct sockaddr *>(&sa), sizeof sa),
+        CONFD_OK);
+    struct confd_data_cbs dcb;
+    std::memset(&dcb, 0, sizeof dcb);
+    std::snprintf(dcb.callpoint, sizeof dcb.callpoint, "%s", "no_such_callpoint");
+    EXPECT_EQ(confd_register_data_cb(dx, &dcb), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+    EXPECT_NE(std::string(confd_lasterr()).find("callpoint no_such_callpoint not in the schema"),
+              std::string::npos);
+    close(ctl);
+    confd_release_daemon(dx);
+}
+
+// Verifies that the schema the server hands out loads in the client library (names, keys, leaf
+// types), and that "fail load_schemas" makes one load fail.
+TEST_F(EmuTest, SchemaLoadsInTheLibrary)
+{
+    start({}, false);
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sa.sin_port = htons(static_cast<uint16_t>(emu_->port()));
+    auto *sp = reinterpret_cast<struct sockaddr *>(&sa);
+    confd_init("it_emu", nullptr, CONFD_SILENT);
+    EXPECT_EQ(cli({"fail", "load_schemas"}), "{\"result\":\"ok\"}");
+    EXPECT_EQ(confd_load_schemas(sp, sizeof sa), CONFD_ERR);
+    ASSERT_EQ(confd_load_schemas(sp, sizeof sa), CONFD_OK) << confd_lasterr();
+
+    const char *name = confd_hash2str(TCP_MIB_tcpListenerProcess);
+    ASSERT_NE(name, nullptr);
+    EXPECT_STREQ(name, "tcpListenerProcess");
+    struct confd_cs_node *entry =
+        confd_cs_node_cd(nullptr, "/TCP-MIB/tcpListenerTable/tcpListenerEntry");
+    ASSERT_NE(entry, nullptr);
+    ASSERT_NE(entry->info.keys, nullptr);
+    EXPECT_EQ(entry->info.keys[0], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalAddressType));
+    EXPECT_EQ(entry->info.keys[2], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalPort));
+    EXPECT_EQ(entry->info.keys[3], 0u);
+    struct xml_tag tag = {TCP_MIB_tcpListenerProcess, TCP_MIB__ns};
+    struct confd_cs_node *leaf = confd_find_cs_node_child(entry, tag);
+    ASSERT_NE(leaf, nullptr);
+    EXPECT_EQ(leaf->info.shallow_type, C_UINT32);
+}
+
+} // namespace
