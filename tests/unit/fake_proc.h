@@ -1,0 +1,54 @@
+// A throw-away /proc tree for collector tests: process fd links and net files from fixtures.
+#ifndef LEISOBEK_TESTS_FAKE_PROC_H
+#define LEISOBEK_TESTS_FAKE_PROC_H
+
+#include "procfs.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+// Creates a temporary directory, points the collectors at it and removes it
+// again (restoring /proc) when it goes out of scope.
+class fake_proc
+{
+  public:
+    fake_proc()
+    {
+        char name[] = "/tmp/leisobek-proc-XXXXXX";
+        if (!mkdtemp(name)) abort();
+        root_ = name;
+        collect_set_proc_root(root_.c_str());
+    }
+    ~fake_proc()
+    {
+        collect_set_proc_root(nullptr);
+        std::error_code ignored;
+        std::filesystem::remove_all(root_, ignored);
+    }
+    fake_proc(const fake_proc &) = delete;
+    fake_proc &operator=(const fake_proc &) = delete;
+
+    const std::string &root() const { return root_; }
+
+    // Adds the link <root>/<process>/fd/<fd> -> target.
+    void link_fd(const std::string &process, const std::string &fd, const std::string &target)
+    {
+        std::filesystem::create_directories(root_ + "/" + process + "/fd");
+        std::filesystem::create_symlink(target, root_ + "/" + process + "/fd/" + fd);
+    }
+
+    // Makes <root>/net the fixture directory tests/fixtures/proc/net.
+    void use_fixture_net()
+    {
+        std::filesystem::create_directory_symlink(std::string(LEISOBEK_FIXTURES) + "/proc/net",
+                                                  root_ + "/net");
+    }
+
+  private:
+    std::string root_;
+};
+
+#endif

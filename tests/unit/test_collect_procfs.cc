@@ -1,0 +1,85 @@
+// Unit tests of the shared /proc readers: snmp sections, socket owners.
+#include "fake_proc.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace
+{
+
+// Verifies that the section reader finds the values line of a real-looking
+// /proc/net/snmp by its exact prefix (Udp is not UdpLite, Icmp not IcmpMsg),
+// passes over a header whose values do not follow, and fails on a missing
+// section or file.
+TEST(ReadSnmpSection, FindsTheValuesLine)
+{
+    char buffer[8192];
+    {
+        fake_proc proc;
+        proc.use_fixture_net();
+        char *values = read_snmp_section(buffer, sizeof buffer, "Tcp");
+        ASSERT_NE(values, nullptr);
+        EXPECT_EQ(strncmp(values, "1 200 120000 -1 18340 ", 22), 0);
+        ASSERT_NE(values = read_snmp_section(buffer, sizeof buffer, "Udp"), nullptr);
+        EXPECT_EQ(strncmp(values, "1180427 287 0 1182633 ", 22), 0);
+        ASSERT_NE(values = read_snmp_section(buffer, sizeof buffer, "Icmp"), nullptr);
+        EXPECT_EQ(strncmp(values, "312 4 ", 6), 0);
+        EXPECT_EQ(read_snmp_section(buffer, sizeof buffer, "Sctp"), nullptr);
+    }
+    fake_proc empty;
+    EXPECT_EQ(read_snmp_section(buffer, sizeof buffer, "Tcp"), nullptr);
+
+    std::string text = "Tcp: Rto\nUdp: In\nTcp: 1\nTcp: 2\n";
+    FILE *in = fmemopen(text.data(), text.size(), "r");
+    char *values = read_snmp_section_from(in, buffer, sizeof buffer, "Tcp");
+    ASSERT_NE(values, nullptr);
+    EXPECT_STREQ(values, "2\n"); // "Tcp: 1" followed a non-header line: it is a header
+    fclose(in);
+}
+
+// Verifies socket owner resolution on a fake /proc: only numeric process
+// directories count, only "socket:[N]" links shorter than 63 bytes, the
+// first pair of a repeated inode gets the owner and inode 0 never does;
+// with inodes too far apart for a table over their span as well.
+TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
+{
+    fake_proc proc;
+    proc.link_fd("100", "3", "socket:[1001]");
+    proc.link_fd("100", "4", "socket:[4000000000]");
+    proc.link_fd("100", "5", "pipe:[77]");
+    proc.link_fd("200", "0", "socket:[1004]");
+    proc.link_fd("200", "7", "socket:[" + std::string(50, '0') + "1006]"); // 63 bytes: too long
+    proc.link_fd("12x", "1", "socket:[1005]");                             // not a process
+    proc.link_fd("self", "1", "socket:[1005]");
+    std::filesystem::create_directories(proc.root() + "/300"); // no fd directory
+
+    socket_pid_pair near[] = {{1001, 0}, {1004, 0}, {1005, 0}, {0, 0}, {1001, 0}, {1006, 0}};
+    EXPECT_EQ(map_socket_pids(near, 6), 2u);
+    std::vector<uint32_t> owners;
+    for (const auto &pair : near)
+        owners.push_back(pair.process);
+    EXPECT_EQ(owners, (std::vector<uint32_t>{100, 200, 0, 0, 0, 0}));
+
+    socket_pid_pair far[] = {{4000000000u, 0}, {1004, 0}, {4000000000u, 0}, {6, 0}};
+    EXPECT_EQ(map_socket_pids(far, 4), 2u);
+    EXPECT_EQ(far[0].process, 100u);
+    EXPECT_EQ(far[1].process, 200u);
+    EXPECT_EQ(far[2].process + far[3].process, 0u);
+}
+
+// Verifies the match count: a socket shared by two processes counts twice,
+// and the walk stops once as many links matched as there are pairs.
+TEST(MapSocketPids, StopsWhenEverySocketIsResolved)
+{
+    fake_proc proc;
+    proc.link_fd("100", "3", "socket:[7]");
+    proc.link_fd("200", "3", "socket:[7]");
+    socket_pid_pair one[] = {{7, 0}};
+    EXPECT_EQ(map_socket_pids(one, 1), 1u);
+    socket_pid_pair two[] = {{7, 0}, {8, 0}};
+    EXPECT_EQ(map_socket_pids(two, 2), 2u);
+    EXPECT_TRUE(two[0].process == 100u || two[0].process == 200u);
+}
+
+} // namespace

@@ -1,0 +1,235 @@
+// Unit tests of the TCP collector on fixture copies of /proc/net/tcp, tcp6 and snmp.
+#include "fake_proc.h"
+#include "tcpstats.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+std::string fixture_path(const char *name)
+{
+    return std::string(LEISOBEK_FIXTURES) + "/proc/net/" + name;
+}
+
+std::string addr_text(const uint8_t *addr, uint32_t length)
+{
+    std::string out;
+    char hex[3];
+    for (uint32_t i = 0; i < length; i++) {
+        snprintf(hex, sizeof hex, "%02x", addr[i]);
+        out += hex;
+    }
+    return out;
+}
+
+std::string row_text(const tcp_conn_entry &e)
+{
+    return std::to_string(e.local_type) + " " + addr_text(e.local_addr, e.local_addr_len) + ":" +
+           std::to_string(e.local_port) + " " + std::to_string(e.rem_type) + " " +
+           addr_text(e.rem_addr, e.rem_addr_len) + ":" + std::to_string(e.rem_port) + " st" +
+           std::to_string(e.state) + " i" + std::to_string(e.inode) + " p" +
+           std::to_string(e.process);
+}
+
+std::string row_text(const tcp_listener_entry &e)
+{
+    return std::to_string(e.type) + " " + addr_text(e.addr, e.addr_len) + ":" +
+           std::to_string(e.port) + " i" + std::to_string(e.inode) + " p" +
+           std::to_string(e.process);
+}
+
+const std::string v6_any(32, '0');
+const std::string v6_lo = std::string(30, '0') + "01";
+const std::string v6_mapped = std::string(20, '0') + "ffff7f000001";
+
+class TcpTablesTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        if (__BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__)
+            GTEST_SKIP() << "fixture text is that of a little-endian kernel";
+        tcp_tables_init(&tables);
+    }
+    void TearDown() override
+    {
+        stats_list_free(&tables.conns);
+        stats_list_free(&tables.listeners);
+    }
+    void read(const char *name, int v6)
+    {
+        FILE *in = fopen(fixture_path(name).c_str(), "r");
+        ASSERT_NE(in, nullptr);
+        tcp_read_table(in, &tables, v6);
+        fclose(in);
+    }
+    template <typename Entry> std::vector<std::string> rows(const stats_list &list) const
+    {
+        std::vector<std::string> out;
+        for (int32_t p = 0; p < list.count; p++)
+            out.push_back(row_text(*static_cast<Entry *>(stats_list_record(&list, p))));
+        return out;
+    }
+    tcp_tables tables;
+};
+
+// Verifies the readers on both files: any socket whose remote end is the
+// wildcard with port 0 is a listener (also in state CLOSE), TIME_WAIT rows are
+// connections with inode 0, addresses come out in network order, IPv6 rows
+// have type 2 whatever the scanner saw, and a tcp6 queue field holding hex
+// letters shifts the inode (kept behaviour: 000001A4 reads as two fields).
+TEST_F(TcpTablesTest, ReadsBothFilesWithTheirQuirks)
+{
+    read("tcp", 0);
+    read("tcp6", 1);
+    std::string odd = "header\n 0: 0100007F:0016 0100007F:D431 01 000001A4:0 0:0 0 0 0 77 1\n";
+    FILE *in = fmemopen(odd.data(), odd.size(), "r");
+    tcp_read_table(in, &tables, 1);
+    fclose(in);
+
+    EXPECT_EQ(rows<tcp_listener_entry>(tables.listeners),
+              (std::vector<std::string>{"1 00000000:22 i1001 p0", "1 7f000001:3306 i1002 p0",
+                                        "1 7f000001:40000 i1003 p0", "2 " + v6_any + ":22 i2001 p0",
+                                        "2 " + v6_lo + ":8080 i2002 p0",
+                                        "2 20010db8000000000000000000000001:443 i2005 p0"}));
+    EXPECT_EQ(
+        rows<tcp_conn_entry>(tables.conns),
+        (std::vector<std::string>{"1 7f000001:22 1 7f000001:54321 st1 i1004 p0",
+                                  "1 7f000001:54321 1 7f000001:22 st1 i1005 p0",
+                                  "1 c0a80002:22 1 c0a80064:50000 st1 i1006 p0",
+                                  "1 7f000001:54322 1 7f000001:22 st6 i0 p0",
+                                  "2 " + v6_lo + ":8080 2 " + v6_lo + ":45056 st1 i0 p0",
+                                  "2 " + v6_mapped + ":80 2 " + v6_mapped + ":49152 st1 i2004 p0",
+                                  "2 7f000001:22 2 7f000001:54321 st1 i0 p0"}));
+}
+
+// Verifies a whole refresh on a fake /proc: rows in index order (IPv4 before
+// IPv6, then address bytes, then ports), each with the process holding its
+// socket; a second refresh rebuilds rather than appends; lookups by key find
+// the row; with no files the tables are empty.
+TEST_F(TcpTablesTest, RefreshSortsAndResolvesOwners)
+{
+    fake_proc proc;
+    proc.use_fixture_net();
+    proc.link_fd("100", "3", "socket:[1004]");
+    proc.link_fd("100", "4", "socket:[1001]");
+    proc.link_fd("200", "5", "socket:[1005]");
+    proc.link_fd("200", "6", "socket:[2004]");
+    proc.link_fd("300", "3", "socket:[2002]");
+    for (int refresh = 0; refresh < 2; refresh++) {
+        EXPECT_EQ(update_tcp_stats(&tables), 0);
+        EXPECT_EQ(rows<tcp_conn_entry>(tables.conns),
+                  (std::vector<std::string>{"1 7f000001:22 1 7f000001:54321 st1 i1004 p100",
+                                            "1 7f000001:54321 1 7f000001:22 st1 i1005 p200",
+                                            "1 7f000001:54322 1 7f000001:22 st6 i0 p0",
+                                            "1 c0a80002:22 1 c0a80064:50000 st1 i1006 p0",
+                                            "2 " + v6_lo + ":8080 2 " + v6_lo + ":45056 st1 i0 p0",
+                                            "2 " + v6_mapped + ":80 2 " + v6_mapped +
+                                                ":49152 st1 i2004 p200"}));
+        EXPECT_EQ(
+            rows<tcp_listener_entry>(tables.listeners),
+            (std::vector<std::string>{"1 00000000:22 i1001 p100", "1 7f000001:3306 i1002 p0",
+                                      "1 7f000001:40000 i1003 p0", "2 " + v6_any + ":22 i2001 p0",
+                                      "2 " + v6_lo + ":8080 i2002 p300",
+                                      "2 20010db8000000000000000000000001:443 i2005 p0"}));
+    }
+    tcp_conn_entry key = *static_cast<tcp_conn_entry *>(stats_list_record(&tables.conns, 5));
+    EXPECT_EQ(stats_list_find(&tables.conns, &key, nullptr), 5);
+    key.rem_port++;
+    EXPECT_EQ(stats_list_find(&tables.conns, &key, nullptr), -1);
+
+    fake_proc empty;
+    EXPECT_EQ(update_tcp_stats(&tables), 0);
+    EXPECT_EQ(tables.conns.count + tables.listeners.count, 0);
+}
+
+// Verifies that the key-based sort of the refresh puts every row where the
+// comparator sort does, over mixed types, address lengths and many ties, and
+// when an address too long for a key forces the comparator sort.
+TEST_F(TcpTablesTest, KeyedSortMatchesTheComparators)
+{
+    std::mt19937 random(11);
+    auto pick = [&random](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+    auto fill = [&](uint8_t *addr, uint32_t *len) {
+        *len = pick(3) * 6 % 18; // 0, 6 or 16 bytes
+        for (uint32_t i = 0; i < *len; i++)
+            addr[i] = static_cast<uint8_t>(pick(2) ? 0 : 0xfe + pick(2));
+    };
+    for (uint32_t long_addr : {0u, 20u}) {
+        tcp_tables reference;
+        tcp_tables_init(&reference);
+        for (int i = 0; i < 3000; i++) {
+            tcp_conn_entry c = {};
+            c.local_type = static_cast<int32_t>(pick(4)) - 1;
+            fill(c.local_addr, &c.local_addr_len);
+            c.local_port = pick(3) * 40000;
+            c.rem_type = static_cast<int32_t>(pick(3));
+            fill(c.rem_addr, &c.rem_addr_len);
+            c.rem_port = pick(2) ? 0 : 0xFFFFFFFFu - pick(2);
+            if (i == 7 && long_addr) c.local_addr_len = long_addr;
+            tcp_listener_entry l = {c.local_type, {}, c.local_addr_len, c.local_port, 0, 0};
+            memcpy(l.addr, c.local_addr, sizeof l.addr);
+            for (tcp_tables *t : {&tables, &reference}) {
+                memcpy(stats_list_at(&t->conns, t->conns.count), &c, sizeof c);
+                memcpy(stats_list_at(&t->listeners, t->listeners.count), &l, sizeof l);
+            }
+        }
+        tcp_tables_sort(&tables);
+        stats_list_sort(&reference.conns);
+        stats_list_sort(&reference.listeners);
+        EXPECT_TRUE(
+            std::equal(tables.conns.order, tables.conns.order + 3000, reference.conns.order));
+        EXPECT_TRUE(std::equal(tables.listeners.order, tables.listeners.order + 3000,
+                               reference.listeners.order));
+        stats_list_free(&reference.conns);
+        stats_list_free(&reference.listeners);
+        tables.conns.count = tables.listeners.count = 0;
+    }
+}
+
+// Verifies the counters of the Tcp line: MaxConn keeps its sign, counters
+// above 2^31 stay unsigned, the 64-bit segment counters equal the 32-bit
+// ones on every refresh instead of accumulating; a missing values line
+// leaves all zero, a short one reports -1, a missing file changes nothing.
+TEST(TcpGlobalStats, CountersFromTheTcpLine)
+{
+    tcp_global_stats stats;
+    memset(&stats, 0xff, sizeof stats);
+    fake_proc proc;
+    EXPECT_EQ(update_tcp_table(&stats), -1);
+    EXPECT_EQ(stats.ActiveOpens, 0xFFFFFFFFu);
+    proc.use_fixture_net();
+    EXPECT_EQ(update_tcp_table(&stats), 0);
+    EXPECT_EQ(
+        std::vector<int64_t>({stats.RtoAlgorithm, stats.RtoMax, stats.MaxConn, stats.ActiveOpens,
+                              stats.CurrEstab, stats.RetransSegs, stats.OutRsts}),
+        std::vector<int64_t>({1, 120000, -1, 18340, 14, 1830, 5120}));
+    EXPECT_EQ(stats.InSegs, 3000000000u);
+    EXPECT_EQ(stats.HCInSegs, 3000000000u);
+    EXPECT_EQ(stats.HCOutSegs, 4294967295u);
+
+    auto parse = [&stats](std::string text) {
+        FILE *in = fmemopen(text.data(), text.size(), "r");
+        int result = tcp_read_snmp(in, &stats);
+        fclose(in);
+        return result;
+    };
+    EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 1 2 3 4 5 10 20 6 7 8 0\n"), 0);
+    EXPECT_EQ(stats.HCInSegs, 10u);
+    EXPECT_EQ(stats.HCOutSegs, 20u);
+    EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 9\n"), -1);
+    EXPECT_EQ(stats.MaxConn, -1);
+    EXPECT_EQ(stats.ActiveOpens, 9u);
+    EXPECT_EQ(stats.OutRsts, 0u);
+    EXPECT_EQ(parse("Ip: x\nIp: 1\nUdp: y\nUdp: 2\n"), -1);
+    tcp_global_stats zero = {};
+    EXPECT_EQ(memcmp(&stats, &zero, sizeof stats), 0);
+}
+
+} // namespace
