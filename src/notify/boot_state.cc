@@ -1,0 +1,51 @@
+// Decides between coldStart and warmStart from the boot-state marker, once per start of the daemon.
+#include "boot_state.h"
+
+#include "notify.h"
+
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+namespace
+{
+
+struct file_closer {
+    void operator()(FILE *f) const { fclose(f); }
+};
+
+} // namespace
+
+bool boot_state_scan(FILE *marker)
+{
+    char line[100];
+    for (;;) {
+        memset(line, 0, sizeof line);
+        if (fgets(line, sizeof line, marker) == nullptr) return false;
+        if (strstr(line, "warmstart") != nullptr) return true;
+    }
+}
+
+int boot_state_run(const char *path, int (*announce)(const char *notification))
+{
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        announce("coldStart");
+        // Nothing to remove; the call fails harmlessly.
+        remove(path);
+        return 1;
+    }
+    {
+        std::unique_ptr<FILE, file_closer> marker(fopen(path, "r"));
+        if (!marker) return -1;
+        boot_state_scan(marker.get());
+    }
+    announce("warmStart");
+    remove(path);
+    return 1;
+}
+
+int boot_state_notify(void)
+{
+    return boot_state_run(BOOT_STATE_MARKER, send_simple_notification);
+}

@@ -1,0 +1,290 @@
+// The leisobek binary end to end against confd-emu: start-up, notifications, main loop.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+#include "daemon_env.h"
+
+namespace
+{
+
+using daemon_env::Daemon;
+using daemon_env::Emu;
+using daemon_env::eventually;
+using daemon_env::read_text;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr const char kMarker[] = "/mnt/configcert/config/snmpbootstat";
+
+bool exists(const char *path)
+{
+    struct stat st;
+    return stat(path, &st) == 0;
+}
+
+std::string notification_log(std::initializer_list<const char *> names)
+{
+    std::string log = "[";
+    for (const char *n : names)
+        log += std::string(log.size() > 1 ? "," : "") + "{\"name\":\"" + n + "\",\"varbinds\":[]}";
+    return log + "]";
+}
+
+bool write_marker(const std::string &text)
+{
+    if (mkdir("/mnt/configcert", 0755) != 0 && errno != EEXIST) return false;
+    if (mkdir("/mnt/configcert/config", 0755) != 0 && errno != EEXIST) return false;
+    std::ofstream(kMarker) << text;
+    return exists(kMarker);
+}
+
+// Skips the calling test body when the daemon serves no "tcp_status".
+#define REQUIRE_TCP_PROVIDER(emu)                                                                  \
+    do {                                                                                           \
+        if ((emu).status().find("\"tcp_status\"") == std::string::npos)                            \
+            GTEST_SKIP() << "needs the TCP provider";                                              \
+    } while (0)
+
+const char kTcpScalar[] = "/TCP-MIB/tcp/tcpInSegs";
+
+// Verifies that a plain start announces the agent, then a cold start, and
+// keeps serving with its transaction callbacks and notification sender in place.
+TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        ASSERT_TRUE(d.started());
+        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        EXPECT_EQ(emu.wait_notifications(2), notification_log({"ucdStart", "coldStart"}));
+        std::string st = emu.status();
+        EXPECT_THAT(st, HasSubstr("\"trans_callbacks\":true"));
+        EXPECT_THAT(st, HasSubstr("\"workers\":1,\"notification_contexts\":1"));
+        EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_FALSE(exists(kMarker));
+    });
+}
+
+// Verifies that a boot-state marker, empty or holding any text, turns the
+// boot notification into warmStart and is removed.
+TEST(DaemonStartTest, MarkerGivesWarmStartAndIsRemoved)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        for (const char *text : {"", "coldstart please\n"}) {
+            SCOPED_TRACE(text);
+            ASSERT_TRUE(write_marker(text));
+            Daemon d({});
+            EXPECT_EQ(emu.wait_notifications(2), notification_log({"ucdStart", "warmStart"}));
+            ASSERT_TRUE(emu.wait_registered()) << d.err();
+            EXPECT_FALSE(exists(kMarker));
+            EXPECT_TRUE(d.running()) << d.err();
+            emu.cli({"notifications", "--clear"});
+            d.stop();
+            ASSERT_TRUE(emu.wait_no_daemons());
+        }
+    });
+}
+
+// Verifies that start mode 0, given as a number or as text atoi reads as 0,
+// sends ucdShutdown only and exits with status 1 before the boot
+// notification and before registering anything.
+TEST(DaemonStartTest, StartModeZeroSendsUcdShutdownAndExits)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        for (const char *mode : {"0", "x"}) {
+            SCOPED_TRACE(mode);
+            Daemon d({"-n", mode});
+            EXPECT_EQ(d.wait_exit(), 1);
+            EXPECT_EQ(d.err(), "");
+            EXPECT_EQ(emu.wait_notifications(1), notification_log({"ucdShutdown"}));
+            EXPECT_THAT(emu.status(), Not(HasSubstr("\"registered\":true")));
+            emu.cli({"notifications", "--clear"});
+            ASSERT_TRUE(emu.wait_no_daemons());
+        }
+    });
+}
+
+// Verifies that any other start mode announces no agent, still sends the
+// boot notification and serves on.
+TEST(DaemonStartTest, OtherStartModeSendsNoAgentNotification)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({"-n", "7"});
+        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        EXPECT_EQ(emu.wait_notifications(1), notification_log({"coldStart"}));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_EQ(emu.notifications(), notification_log({"coldStart"}));
+        EXPECT_TRUE(d.running()) << d.err();
+    });
+}
+
+// Verifies that -d -p sets the library's protocol trace level (the last level
+// switch wins), while -p -d leaves it at debug level.
+TEST(DaemonStartTest, LastLevelSwitchSetsLibraryTrace)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        {
+            Daemon d({"-d", "-p"});
+            ASSERT_TRUE(emu.wait_registered()) << d.err();
+            EXPECT_THAT(d.err(), HasSubstr("PROTO leisobek"));
+        }
+        ASSERT_TRUE(emu.wait_no_daemons());
+        {
+            Daemon d({"-p", "-d"});
+            ASSERT_TRUE(emu.wait_registered()) << d.err();
+            EXPECT_THAT(d.err(), Not(HasSubstr("PROTO")));
+        }
+    });
+}
+
+// Verifies that with nothing listening on 127.0.0.1:4565 the schema load
+// fails first and ends the daemon with status 1.
+TEST(DaemonStartTest, NoConfdMeansSchemaLoadFailure)
+{
+    RUN_ISOLATED([] {
+        Daemon d({});
+        EXPECT_EQ(d.wait_exit(), 1);
+        EXPECT_EQ(d.err(), "Failed to load schemas from confd\n");
+    });
+}
+
+// Verifies that the product-identifier command runs, and that the syslog
+// line still shows the shared identifier, which start-up leaves empty
+// whatever the command answers.
+TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
+{
+    RUN_ISOLATED([] {
+        // A private /dev with only what the test needs: null, and a log
+        // socket standing in for the syslog daemon.
+        if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=755") != 0 ||
+            mknod("/dev/null", S_IFCHR | 0666, makedev(1, 3)) != 0)
+            GTEST_SKIP() << "cannot set up a private /dev: " << strerror(errno);
+        chmod("/dev/null", 0666);
+        int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ASSERT_GE(log, 0);
+        struct sockaddr_un sun = {};
+        sun.sun_family = AF_UNIX;
+        snprintf(sun.sun_path, sizeof sun.sun_path, "%s", "/dev/log");
+        ASSERT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&sun), sizeof sun), 0);
+        struct timeval tv = {10, 0};
+        setsockopt(log, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+
+        // A uci that answers like the router and notes how it was asked.
+        ASSERT_EQ(mkdir("/tmp/bin", 0755), 0);
+        std::ofstream("/tmp/bin/uci") << "#!/bin/sh\necho \"$@\" > /tmp/uci-args\n"
+                                         "echo TX410W-0001\n";
+        chmod("/tmp/bin/uci", 0755);
+        const char *path = getenv("PATH");
+        std::string env_path = std::string("PATH=/tmp/bin:") + (path ? path : "/usr/bin:/bin");
+
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({}, {env_path});
+        char msg[512] = {};
+        ssize_t n = recv(log, msg, sizeof msg - 1, 0);
+        ASSERT_GT(n, 0) << "no syslog line; daemon said: " << d.err();
+        std::string line(msg, static_cast<size_t>(n));
+        EXPECT_THAT(line, testing::StartsWith("<14>"));
+        EXPECT_THAT(line, HasSubstr("leisobek: PRODUCT_ID is ''"));
+        EXPECT_EQ(read_text("/tmp/uci-args"), "get systeminfo.sysinfo.pid\n");
+        close(log);
+    });
+}
+
+// Verifies that ConfD closing the control socket ends the daemon.
+TEST(DaemonLoopTest, ClosedControlSocketIsFatal)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        EXPECT_EQ(emu.cli({"drop", "control"}), "{\"result\":\"ok\"}");
+        EXPECT_EQ(d.wait_exit(), 1);
+        EXPECT_THAT(d.err(), EndsWith("Control socket closed\n"));
+    });
+}
+
+// Verifies that ConfD closing the worker socket ends the daemon.
+TEST(DaemonLoopTest, ClosedWorkerSocketIsFatal)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        EXPECT_EQ(emu.cli({"drop", "worker"}), "{\"result\":\"ok\"}");
+        EXPECT_EQ(d.wait_exit(), 1);
+        EXPECT_THAT(d.err(), EndsWith("Worker socket closed\n"));
+    });
+}
+
+// Verifies that a transaction is attached on init and detached on finish, so
+// that none is left open after a walk.
+TEST(DaemonTransactionTest, WalkLeavesNoOpenTransaction)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        REQUIRE_TCP_PROVIDER(emu);
+        emu.cli({"walk", "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry"});
+        emu.cli({"get", kTcpScalar});
+        std::string st = emu.status();
+        EXPECT_THAT(st, HasSubstr("\"open_transactions\":0,"));
+        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"maapi_detaches\":2"));
+        EXPECT_TRUE(d.running()) << d.err();
+    });
+}
+
+// Verifies that a failed MAAPI attach in a transaction's init, or detach in
+// its finish, ends the daemon with the CONFD_OK check's line for that step.
+TEST(DaemonTransactionTest, FailedAttachOrDetachIsFatal)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        ASSERT_TRUE(emu.start());
+        for (auto step : {std::make_pair("attach", 110), std::make_pair("detach", 129)}) {
+            SCOPED_TRACE(step.first);
+            Daemon d({});
+            ASSERT_TRUE(emu.wait_registered()) << d.err();
+            REQUIRE_TCP_PROVIDER(emu);
+            EXPECT_EQ(emu.cli({"fail", step.first}), "{\"result\":\"ok\"}");
+            emu.cli({"get", kTcpScalar});
+            EXPECT_EQ(d.wait_exit(), 1);
+            std::regex line("(^|\n)leisobek\\.h:" + std::to_string(step.second) +
+                            ": error not CONFD_OK: [0-9]+ : [^\n]* \n$");
+            EXPECT_TRUE(std::regex_search(d.err(), line)) << d.err();
+            // The next daemon must not meet the failure meant for this one.
+            emu.cli({"fail", step.first, "--times", "0"});
+            ASSERT_TRUE(emu.wait_no_daemons());
+        }
+    });
+}
+
+} // namespace

@@ -1,0 +1,122 @@
+// Unit tests of the cold/warm start decision from the boot-state marker.
+#include "notify/boot_state.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+std::vector<std::string> announced;
+
+int record(const char *notification)
+{
+    announced.push_back(notification);
+    return 1;
+}
+
+bool exists(const std::string &path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+class BootStateTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/leisobek-boot-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        marker_ = dir_ + "/snmpbootstat";
+        announced.clear();
+    }
+    void TearDown() override
+    {
+        unlink(marker_.c_str());
+        rmdir(dir_.c_str());
+    }
+
+    void write_marker(const std::string &text) { std::ofstream(marker_) << text; }
+
+    std::string dir_;
+    std::string marker_;
+};
+
+// Verifies that the production path is the router's marker.
+TEST_F(BootStateTest, MarkerPath)
+{
+    EXPECT_STREQ(BOOT_STATE_MARKER, "/mnt/configcert/config/snmpbootstat");
+}
+
+// Verifies that without a marker the agent announces a cold start.
+TEST_F(BootStateTest, AbsentMarkerMeansColdStart)
+{
+    EXPECT_EQ(boot_state_run(marker_.c_str(), record), 1);
+    EXPECT_EQ(announced, std::vector<std::string>{"coldStart"});
+    EXPECT_FALSE(exists(marker_));
+}
+
+// Verifies that any marker, empty or whatever it holds, means a warm start
+// and is consumed.
+TEST_F(BootStateTest, AnyMarkerMeansWarmStartAndIsRemoved)
+{
+    for (const char *text : {"", "warmstart\n", "coldstart\n", "some text without newline",
+                             "first\nsecond warmstart here\nthird\n"}) {
+        SCOPED_TRACE(text);
+        announced.clear();
+        write_marker(text);
+        EXPECT_EQ(boot_state_run(marker_.c_str(), record), 1);
+        EXPECT_EQ(announced, std::vector<std::string>{"warmStart"});
+        EXPECT_FALSE(exists(marker_));
+    }
+}
+
+// Verifies that a marker that exists but cannot be opened (here a socket,
+// which open() refuses even to root) announces nothing and stays.
+TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
+{
+    int s = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(s, 0);
+    struct sockaddr_un sun = {};
+    sun.sun_family = AF_UNIX;
+    ASSERT_LT(marker_.size(), sizeof sun.sun_path);
+    marker_.copy(sun.sun_path, marker_.size());
+    ASSERT_EQ(bind(s, reinterpret_cast<struct sockaddr *>(&sun), sizeof sun), 0);
+
+    EXPECT_EQ(boot_state_run(marker_.c_str(), record), -1);
+    EXPECT_TRUE(announced.empty());
+    EXPECT_TRUE(exists(marker_));
+    close(s);
+}
+
+// Verifies that the scan stops at the first line holding "warmstart" and
+// reads long lines in 99-character pieces.
+TEST(BootStateScanTest, StopsAtWarmstartLine)
+{
+    char text[] = "x\nthis is a warmstart\nrest\n";
+    FILE *f = fmemopen(text, sizeof text - 1, "r");
+    ASSERT_NE(f, nullptr);
+    EXPECT_TRUE(boot_state_scan(f));
+    char rest[16] = {};
+    ASSERT_NE(fgets(rest, sizeof rest, f), nullptr);
+    EXPECT_STREQ(rest, "rest\n");
+    fclose(f);
+
+    // The word split over two 99-character pieces is not seen.
+    std::string split = std::string(95, 'a') + "warmstart\n";
+    f = fmemopen(split.data(), split.size(), "r");
+    ASSERT_NE(f, nullptr);
+    EXPECT_FALSE(boot_state_scan(f));
+    fclose(f);
+}
+
+} // namespace

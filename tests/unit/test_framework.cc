@@ -1,0 +1,116 @@
+// Unit tests of the provider framework: CONFD_OK check, assertions, traces, command answers.
+
+// Built as a release build would be: the type guards must survive NDEBUG.
+#ifndef NDEBUG
+#define NDEBUG
+#endif
+
+#include "core/daemon.h"
+#include "core/leisobek.h"
+
+#include "child_process.h"
+
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace
+{
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// Verifies that CONFD_OK passes through without a word or an exit.
+TEST(CheckConfdOkTest, OkIsSilent)
+{
+    child_outcome r = run_in_child([] { check_confd_ok(CONFD_OK, 110); });
+    EXPECT_TRUE(r.exited_with(0));
+    EXPECT_EQ(r.err, "");
+}
+
+// Verifies the failure line: always the shared header's name, the caller's
+// line, confd_errno and the last error text, then exit status 1.
+TEST(CheckConfdOkTest, FailurePrintsExactLineAndExitsOne)
+{
+    ASSERT_STREQ(confd_lasterr(), "");
+    child_outcome r = run_in_child([] {
+        confd_errno = CONFD_ERR_NOEXISTS;
+        check_confd_ok(CONFD_ERR, 110);
+    });
+    EXPECT_TRUE(r.exited_with(1));
+    EXPECT_EQ(r.err, "leisobek.h:110: error not CONFD_OK: 1 :  \n");
+
+    r = run_in_child([] {
+        confd_errno = CONFD_ERR_BADSTATE;
+        check_confd_ok(CONFD_EOF, 129);
+    });
+    EXPECT_TRUE(r.exited_with(1));
+    EXPECT_EQ(r.err, "leisobek.h:129: error not CONFD_OK: 17 :  \n");
+}
+
+int guard_line = 0;
+
+// A provider-style read of a counter value.
+unsigned int read_counter(confd_value_t *v_pp)
+{
+    guard_line = __LINE__ + 1;
+    return CONFD_GET_UINT32(v_pp);
+}
+
+// Verifies that a ConfD type guard is still checked with NDEBUG defined and
+// aborts with the standard message naming the ConfD type.
+TEST(AlwaysAssertTest, TypeGuardAbortsWithStandardMessage)
+{
+    confd_value_t v;
+    CONFD_SET_UINT32(&v, 42);
+    EXPECT_EQ(read_counter(&v), 42u);
+
+    CONFD_SET_INT32(&v, 42);
+    child_outcome r = run_in_child([&v] { read_counter(&v); });
+    EXPECT_TRUE(r.killed_by(SIGABRT));
+    EXPECT_EQ(r.err, "leisobek: " + std::string(__FILE__) + ":" + std::to_string(guard_line) +
+                         ": read_counter: Assertion `(v_pp)->type == C_UINT32' failed.\n");
+}
+
+void traced_step()
+{
+    TRACE_ENTER();
+    TRACE_EXIT();
+}
+
+// Verifies that the trace points print nothing by default and, once enabled,
+// the entry and exit marks with no newline.
+TEST(TraceTest, SilentUnlessEnabled)
+{
+    ASSERT_EQ(trace_enabled, 0);
+    child_outcome r = run_in_child([] { traced_step(); });
+    EXPECT_EQ(r.out, "");
+
+    r = run_in_child([] {
+        trace_enabled = 1;
+        traced_step();
+    });
+    std::string file = __FILE__;
+    EXPECT_THAT(r.out, StartsWith(file + ":"));
+    EXPECT_THAT(r.out, HasSubstr(": ==> traced_step() - " + file + ":"));
+    EXPECT_THAT(r.out, testing::EndsWith(": <== traced_step() - "));
+    EXPECT_EQ(r.out.find('\n'), std::string::npos);
+}
+
+// Verifies that a command's answer is its first line without the newline,
+// cut to the buffer, and empty when the command prints nothing.
+TEST(CommandLineTest, FirstLineBoundedAndEmptyWhenSilent)
+{
+    char answer[128];
+    read_command_line("printf 'TX410W\\nsecond line\\n'", answer, sizeof answer);
+    EXPECT_STREQ(answer, "TX410W");
+
+    read_command_line("printf '%0200d\\n' 0", answer, sizeof answer);
+    EXPECT_EQ(std::string(answer), std::string(127, '0'));
+
+    read_command_line("true", answer, sizeof answer);
+    EXPECT_STREQ(answer, "");
+}
+
+} // namespace
