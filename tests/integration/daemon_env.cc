@@ -14,10 +14,12 @@
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 extern char **environ;
 
@@ -44,6 +46,44 @@ bool loopback_up(std::string &why)
     return ok;
 }
 
+// Creates the directories of path, like mkdir -p.
+void make_dirs(const std::string &path)
+{
+    for (size_t at = path.find('/', 1); ; at = path.find('/', at + 1)) {
+        mkdir(path.substr(0, at).c_str(), 0755);
+        if (at == std::string::npos) break;
+    }
+}
+
+// Mounts an empty tmpfs on dir. The source and build trees stay visible
+// when they live below dir (a checkout under /tmp, as on CI machines): each
+// is held open across the mount and bound back at its old path.
+bool fresh_tmpfs_keeping_tree(const char *dir, std::string &why)
+{
+    std::vector<std::pair<std::string, int>> kept;
+    std::string prefix = std::string(dir) + "/";
+    for (const char *tree : {LEISOBEK_SOURCE_TREE, LEISOBEK_BUILD_TREE}) {
+        std::string t = tree;
+        if (t.compare(0, prefix.size(), prefix) != 0) continue;
+        int fd = open(t.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (fd >= 0) kept.emplace_back(t, fd);
+    }
+    bool ok = mount("tmpfs", dir, "tmpfs", 0, "mode=1777") == 0;
+    if (!ok) why = std::string("tmpfs on ") + dir + ": " + strerror(errno);
+    for (auto &[path, fd] : kept) {
+        std::string from = "/proc/self/fd/" + std::to_string(fd);
+        if (ok) {
+            make_dirs(path);
+            if (mount(from.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+                why = "keeping " + path + " visible: " + strerror(errno);
+                ok = false;
+            }
+        }
+        close(fd);
+    }
+    return ok;
+}
+
 // Moves the calling process into fresh network and mount namespaces with lo
 // up and empty tmpfs on /tmp and /mnt; its next child starts a fresh pid
 // namespace.
@@ -59,10 +99,7 @@ bool enter_private_namespaces(std::string &why)
     }
     if (!loopback_up(why)) return false;
     for (const char *dir : {"/tmp", "/mnt"}) {
-        if (mount("tmpfs", dir, "tmpfs", 0, "mode=1777") != 0) {
-            why = std::string("tmpfs on ") + dir + ": " + strerror(errno);
-            return false;
-        }
+        if (!fresh_tmpfs_keeping_tree(dir, why)) return false;
     }
     return true;
 }
