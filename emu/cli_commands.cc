@@ -8,6 +8,7 @@
 
 #include "confd_lib.h"
 #include "dp_session.h"
+#include "events.h"
 #include "keypath.h"
 
 namespace emu
@@ -193,6 +194,67 @@ std::string context_of(const Args &a)
     return a.has("--context") ? a.opt.at("--context") : "cli";
 }
 
+std::string user_of(const Args &a)
+{
+    return a.has("--user") ? a.opt.at("--user") : "admin";
+}
+
+// Data the datastore answers for: no callpoint above it, or a set hook (which is told of writes
+// but does not serve reads).
+bool stored(const CliEnv &env, const SchemaNode *n)
+{
+    if (!env.ds) return false;
+    const SchemaNode *owner = env.schema.callpoint_owner(n);
+    return !owner || owner->cpkind == CpKind::SetHook;
+}
+
+// Ends a transaction the command opened itself (the datastore forgets it with the registry).
+struct TransGuard {
+    Registry &reg;
+    uint32_t th;
+    ~TransGuard() { reg.close_trans(th); }
+};
+
+// The keys of every entry of a stored list, in the list's order (at most limit + 1 of them).
+bool stored_entries(CliEnv &env, const std::string &list, std::vector<std::vector<Value>> &out,
+                    std::string &err)
+{
+    std::vector<Value> keys, prev;
+    for (;;) {
+        int rc = env.ds->next_keys(0, list, out.empty() ? nullptr : &prev, false, keys, err);
+        if (rc) return false;
+        if (keys.empty() || out.size() > env.walk_limit) return true;
+        out.push_back(keys);
+        prev = keys;
+    }
+}
+
+// One transaction of the command line's own: the changes (path, value; no value creates a list
+// entry) written and committed, commit-diff subscribers told. {"result":"ok"} or an error.
+std::string commit_changes(CliEnv &env, const Args &a,
+                           const std::vector<std::pair<std::string, const Value *>> &changes)
+{
+    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE);
+    TransGuard guard{env.reg, th};
+    UserInfo u;
+    u.user = user_of(a);
+    u.context = context_of(a);
+    u.usid = env.reg.new_usid();
+    std::string err;
+    int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
+    for (size_t i = 0; i < changes.size() && !rc; i++) {
+        const auto &c = changes[i];
+        if (c.second) {
+            rc = env.ds->set_elem(th, c.first, *c.second, err);
+        } else if ((rc = env.ds->create(th, c.first, err)) == CONFD_ERR_ALREADY_EXISTS) {
+            rc = 0;
+        }
+        if (rc) err = c.first + ": " + err;
+    }
+    if (!rc) rc = commit_and_notify(env.reg, *env.ds, th, env.diff_timeout_ms, err);
+    return rc ? error_json(err) : kOk;
+}
+
 std::string cmd_get(CliEnv &env, const Args &a)
 {
     if (a.pos.size() != 1) return error_json("usage: get PATH");
@@ -200,6 +262,12 @@ std::string cmd_get(CliEnv &env, const Args &a)
     std::string err;
     if (!resolve(env.schema, a.pos[0], false, p, err)) return error_json(err);
     const SchemaNode *leaf = p.steps.back().node;
+    if (stored(env, leaf)) {
+        Value v;
+        int rc = env.ds->get_elem(0, a.pos[0], v, err);
+        if (rc == CONFD_ERR_NOEXISTS) return "{\"reply\":\"not-found\"}";
+        return rc ? error_json(err) : value_to_json(v);
+    }
     DpSession s(env.reg, env.schema, CONFD_READ, context_of(a));
     DpSession::Txn *t = s.txn_for(leaf, err);
     if (!t) return error_json(err);
@@ -270,6 +338,15 @@ std::string cmd_next(CliEnv &env, const Args &a)
     std::string err;
     if (!resolve(env.schema, a.pos[0], true, p, err)) return error_json(err);
     const SchemaNode *list = p.steps.back().node;
+    if (stored(env, list)) {
+        // The cookie of a stored list is the position of the entry it asks for.
+        std::vector<std::vector<Value>> entries;
+        if (!stored_entries(env, a.pos[0], entries, err)) return error_json(err);
+        size_t at = cookie < 0 ? 0 : static_cast<size_t>(cookie);
+        if (at >= entries.size()) return "{\"keys\":null,\"next\":-1}";
+        return "{\"keys\":" + keys_json(entries[at]) + ",\"next\":" + std::to_string(at + 1) +
+               "}";
+    }
     DpSession s(env.reg, env.schema, CONFD_READ, context_of(a));
     DpSession::Txn *t = s.txn_for(list, err);
     if (!t) return error_json(err);
@@ -309,6 +386,34 @@ std::string cmd_walk(CliEnv &env, const Args &a)
             if (c->kind == NodeKind::Leaf && !c->is_key) leaves.push_back(c);
     }
 
+    if (stored(env, list)) {
+        std::vector<std::vector<Value>> entries;
+        if (!stored_entries(env, a.pos[0], entries, err)) return error_json(err);
+        if (entries.size() > env.walk_limit)
+            return error_json("walk of " + list->name + " stopped after " +
+                              std::to_string(env.walk_limit) + " rows");
+        std::string out = "[";
+        for (size_t i = 0; i < entries.size(); i++) {
+            ParsedPath entry = p;
+            entry.steps.back().keys = entries[i];
+            entry.steps.back().has_keys = true;
+            entry.steps.push_back(PathStep{});
+            std::string row = "{\"keys\":" + keys_json(entries[i]) + ",\"leaves\":{";
+            bool first = true;
+            for (const SchemaNode *leaf : leaves) {
+                entry.steps.back().node = leaf;
+                Value v;
+                std::string lerr;
+                int rc = env.ds->get_elem(0, pp_path(env.schema, entry), v, lerr);
+                if (rc == CONFD_ERR_NOEXISTS) continue;
+                row += (first ? "" : ",") + json_quote(leaf->name) + ":" +
+                       (rc ? error_json(lerr) : value_to_json(v));
+                first = false;
+            }
+            out += (i ? "," : "") + row + "}}";
+        }
+        return out + "]";
+    }
     DpSession s(env.reg, env.schema, CONFD_READ, context_of(a));
     DpSession::Txn *t = s.txn_for(list, err);
     if (!t) return error_json(err);
@@ -378,9 +483,28 @@ std::string cmd_set(CliEnv &env, const Args &a)
     const SchemaNode *leaf = p.steps.back().node;
     Value v;
     if (!value_from_text(leaf, a.pos[1], v, err)) return error_json(err);
-    DpSession s(env.reg, env.schema, CONFD_READ_WRITE, context_of(a));
+    bool keep = stored(env, leaf);
+    if (keep) {
+        // Stored data is written and committed by the management plane itself; a registered
+        // set hook is told of the write inside that transaction.
+        const SchemaNode *owner = env.schema.callpoint_owner(leaf);
+        Route route;
+        std::string ignored;
+        if (!owner || !env.reg.route(owner->callpoint, route, ignored))
+            return commit_changes(env, a, {{a.pos[0], &v}});
+    }
+    DpSession s(env.reg, env.schema, CONFD_READ_WRITE, context_of(a), user_of(a));
     DpSession::Txn *t = s.txn_for(leaf, err, true);
     if (!t) return error_json(err);
+    if (env.ds) {
+        // The datastore side of the daemon's transaction: what the daemon writes through MAAPI
+        // while it runs goes there, and is committed with it.
+        UserInfo u;
+        u.user = user_of(a);
+        u.context = context_of(a);
+        u.usid = s.usid();
+        if (env.ds->begin(t->thandle, CONFD_READ_WRITE, u, err)) return error_json(err);
+    }
     if (!s.trans_call(*t, TransCb::TransLock, err)) return error_json(err);
     if (!s.trans_call(*t, TransCb::WriteStart, err)) {
         std::string ignored;
@@ -394,7 +518,14 @@ std::string cmd_set(CliEnv &env, const Args &a)
         err = r.message.empty() ? "set_elem failed" : r.message;
         ok = false;
     }
-    ok = ok && s.trans_call(*t, TransCb::Prepare, err) && s.trans_call(*t, TransCb::Commit, err);
+    if (ok && keep) {
+        int rc = env.ds->set_elem(t->thandle, a.pos[0], v, err);
+        ok = rc == 0;
+    }
+    ok = ok && s.trans_call(*t, TransCb::Prepare, err);
+    if (ok && env.ds)
+        ok = commit_and_notify(env.reg, *env.ds, t->thandle, env.diff_timeout_ms, err) == 0;
+    ok = ok && s.trans_call(*t, TransCb::Commit, err);
     if (!ok) {
         std::string ignored;
         if (!t->dead) s.trans_call(*t, TransCb::Abort, ignored);
@@ -413,6 +544,71 @@ std::string cmd_fail(CliEnv &env, const Args &a)
     return kOk;
 }
 
+// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
+bool split_change(const std::string &arg, std::string &path, std::string &value)
+{
+    int depth = 0;
+    bool quoted = false;
+    for (size_t i = 0; i < arg.size(); i++) {
+        char c = arg[i];
+        if (quoted) {
+            if (c == '\\')
+                i++;
+            else if (c == '"')
+                quoted = false;
+        } else if (c == '"' && depth > 0) {
+            quoted = true;
+        } else if (c == '{') {
+            depth++;
+        } else if (c == '}') {
+            depth--;
+        } else if (c == '=' && depth == 0) {
+            path = arg.substr(0, i);
+            value = arg.substr(i + 1);
+            return true;
+        }
+    }
+    path = arg;
+    return false;
+}
+
+std::string cmd_commit(CliEnv &env, const Args &a)
+{
+    if (a.pos.empty() || a.has("--msg"))
+        return error_json("usage: commit [--user U] PATH=VALUE... (PATH alone creates a list entry)");
+    if (!env.ds) return error_json("no datastore");
+    std::vector<Value> values(a.pos.size());
+    std::vector<std::pair<std::string, const Value *>> changes;
+    for (size_t i = 0; i < a.pos.size(); i++) {
+        std::string path, text, err;
+        bool has_value = split_change(a.pos[i], path, text);
+        ParsedPath p;
+        if (!parse_keypath(env.schema, path, p, err) || p.steps.empty())
+            return error_json(path + ": " + (err.empty() ? "empty path" : err));
+        const SchemaNode *n = p.steps.back().node;
+        if (!has_value) {
+            changes.emplace_back(path, nullptr);
+            continue;
+        }
+        if (n->kind != NodeKind::Leaf && n->kind != NodeKind::LeafList)
+            return error_json(path + " is not a leaf");
+        if (!value_from_text(n, text, values[i], err)) return error_json(path + ": " + err);
+        changes.emplace_back(path, &values[i]);
+    }
+    return commit_changes(env, a, changes);
+}
+
+std::string cmd_audit(CliEnv &env, const Args &a)
+{
+    if (a.pos.size() != 1) return error_json("usage: audit SYMBOL [--user U] [--msg TEXT]");
+    int logno = log_symbol_number(a.pos[0]);
+    if (logno < 0) return error_json("unknown log symbol " + a.pos[0]);
+    const char *name = log_symbol_name(logno);
+    std::string msg = a.has("--msg") ? a.opt.at("--msg") : std::string(name ? name : a.pos[0]);
+    send_audit(env.reg, logno, user_of(a), msg, 0);
+    return kOk;
+}
+
 const char *const kCommands =
     "get, next, walk, set, commit, audit, notifications, drop, fail, status";
 
@@ -425,8 +621,10 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
     Args a;
     std::string err;
     std::set<std::string> valued, flags;
-    if (cmd == "get" || cmd == "set")
+    if (cmd == "get")
         valued = {"--context"};
+    else if (cmd == "set")
+        valued = {"--context", "--user"};
     else if (cmd == "next")
         valued = {"--context", "--cookie"};
     else if (cmd == "walk")
@@ -457,7 +655,8 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
         if (!a.pos.empty()) return error_json("usage: status");
         return env.reg.status_json();
     }
-    if (cmd == "commit" || cmd == "audit") return error_json("not implemented");
+    if (cmd == "commit") return cmd_commit(env, a);
+    if (cmd == "audit") return cmd_audit(env, a);
     return error_json("unknown command " + cmd + "; commands: " + kCommands);
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "datastore.h"
 #include "registry.h"
 #include "schema.h"
 
@@ -14,7 +15,9 @@ namespace emu
 struct CliEnv {
     Registry &reg;
     const Schema &schema;
-    size_t walk_limit; // most rows a walk may return before it is called broken
+    size_t walk_limit;          // most rows a walk may return before it is called broken
+    Datastore *ds = nullptr;    // the configuration; without it only daemons answer
+    int diff_timeout_ms = 10000; // longest wait for a commit-diff subscriber's done
 };
 
 // Runs one command line (argv[0] is the command) and returns its JSON answer. Never fails: usage

@@ -21,15 +21,18 @@ const char kUsage[] =
     "  get PATH [--context C]            one get_elem on a leaf\n"
     "  next PATH [--cookie N]            one get_next on a list (cookie -1 by default)\n"
     "  walk PATH [--leaves a,b]          get_next through a list, get_elem on its leaves\n"
-    "  set PATH VALUE                    a write transaction setting one leaf\n"
-    "  commit [--user U] PATH=VALUE...   change the configuration\n"
-    "  audit SYMBOL [--user U] [--msg T] send an audit event\n"
+    "  set PATH VALUE [--user U]         a write transaction setting one leaf (a set hook\n"
+    "                                    is told of it; stored data is committed)\n"
+    "  commit [--user U] PATH=VALUE...   change the configuration in one transaction;\n"
+    "                                    a PATH alone creates that list entry\n"
+    "  audit SYMBOL [--user U] [--msg T] send an audit event (SNMP_AUTHENTICATION_FAILED)\n"
     "  notifications [--clear]           SNMP notifications received from daemons\n"
     "  drop control|worker|notifications close those connections\n"
     "  fail OP [--times N]               make the next N MAAPI requests OP fail\n"
     "  status                            connected daemons and their registrations\n"
     "PATH is a keypath such as /TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/x;\n"
-    "a key written TYPE:text (C_INT32:5) is sent with that type.\n";
+    "a key written TYPE:text (C_INT32:5) is sent with that type. Data without a callpoint\n"
+    "(or under a set hook) is read from and written to the running configuration.\n";
 
 // Closes the socket when the client is done with it.
 struct Fd {

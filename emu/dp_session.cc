@@ -2,7 +2,6 @@
 #include "dp_session.h"
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <cstdio>
 
 #include "confd_lib.h"
@@ -16,11 +15,6 @@ using confd_wire::Reader;
 using confd_wire::ReplyKind;
 using confd_wire::TransCb;
 using confd_wire::Writer;
-
-namespace
-{
-std::atomic<uint32_t> next_usid{1};
-}
 
 const char *data_cb_name(DataCb cb)
 {
@@ -44,8 +38,10 @@ const char *trans_cb_name(TransCb cb)
     return i < sizeof names / sizeof names[0] ? names[i] : "transaction callback";
 }
 
-DpSession::DpSession(Registry &reg, const Schema &schema, int mode, std::string context)
-    : reg_(reg), schema_(schema), mode_(mode), context_(std::move(context)), usid_(next_usid++)
+DpSession::DpSession(Registry &reg, const Schema &schema, int mode, std::string context,
+                     std::string user)
+    : reg_(reg), schema_(schema), mode_(mode), context_(std::move(context)),
+      user_(std::move(user)), usid_(reg.new_usid())
 {
 }
 
@@ -160,11 +156,11 @@ DpSession::Txn *DpSession::txn_for(const SchemaNode *node, std::string &err, boo
     uint32_t rid = reg_.new_rid();
     Writer w(Op::TransInit);
     w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(mode_)).u8(CONFD_RUNNING);
-    // User info: the emulator's sessions are the local administrator's.
+    // User info: the emulator's sessions come from the local host.
     const unsigned char lo[4] = {127, 0, 0, 1};
-    w.str("admin").str(context_).u8(CONFD_PROTO_TCP).u8(AF_INET);
+    w.str(user_).str(context_).u8(CONFD_PROTO_TCP).u8(AF_INET);
     w.str(std::string(reinterpret_cast<const char *>(lo), 4));
-    w.u16(0).i32(static_cast<int32_t>(usid_)).str("");
+    w.u16(0).i32(usid_).str("");
     w.u32(0); // snmp request id
     DpReply rep;
     std::string what = "the transaction init";

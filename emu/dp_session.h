@@ -31,8 +31,10 @@ struct DpReply {
 class DpSession
 {
   public:
-    // mode is CONFD_READ or CONFD_READ_WRITE; context is the user session context ("cli", "snmp").
-    DpSession(Registry &reg, const Schema &schema, int mode, std::string context);
+    // mode is CONFD_READ or CONFD_READ_WRITE; context is the user session context ("cli", "snmp");
+    // user the name the daemons see in the transaction's user info.
+    DpSession(Registry &reg, const Schema &schema, int mode, std::string context,
+              std::string user = "admin");
     // Finishes every transaction still open.
     ~DpSession();
     DpSession(const DpSession &) = delete;
@@ -64,6 +66,8 @@ class DpSession
                    std::string &err);
     // Finishes (trans_finish) every open transaction; errors are only logged.
     void finish_all();
+    // The user session the transactions run in.
+    int32_t usid() const { return usid_; }
 
   private:
     // Sends a request carrying rid and decodes the Reply. what names the request in messages.
@@ -75,8 +79,9 @@ class DpSession
     const Schema &schema_;
     const int mode_;
     const std::string context_;
+    const std::string user_;
     std::map<uint32_t, Txn> txns_; // daemon id -> transaction
-    uint32_t usid_;
+    int32_t usid_;
 };
 
 // Name of a data callback as in struct confd_data_cbs ("get_elem"), for messages.

@@ -422,6 +422,12 @@ bool parse_keypath(const Schema &s, std::string_view text, ParsedPath &out, std:
             return false;
         }
         const SchemaNode *n = s.child(parent, name);
+        if (!n && name.size() > 5 && name.compare(0, 4, "tag<") == 0 && name.back() == '>') {
+            // "tag<N>": a node by its hash, as clients print names they have no schema for.
+            uint64_t hash = 0;
+            if (parse_u64(name.substr(4, name.size() - 5), UINT32_MAX, hash))
+                n = s.by_tag(parent, static_cast<uint32_t>(hash));
+        }
         if (!n) {
             err = "no node '" + std::string(name) + "' " +
                   (parent ? "below '" + pp_path(s, out) + "'" : std::string("at the top level"));

@@ -8,6 +8,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "datastore.h"
 #include "schema.h"
 #include "server.h"
 
@@ -16,13 +17,16 @@ namespace
 
 const char kUsage[] =
     "usage: confd-emu [--port N] [--models DIR] [--init FILE] [--timeout-ms MS]\n"
-    "                 [--walk-limit ROWS] [--port-file FILE] [--help]\n"
+    "                 [--diff-timeout-ms MS] [--walk-limit ROWS] [--port-file FILE] [--help]\n"
     "Serves the YANG models on 127.0.0.1 to data-provider daemons, MAAPI clients and\n"
     "confd-emu-cli.\n"
     "  --port N          TCP port (default 4565; 0 picks a free one)\n"
     "  --models DIR      YANG modules (default <exe dir>/../share/leisobek/models)\n"
-    "  --init FILE       initial configuration (XML)\n"
+    "  --init FILE       initial running configuration, XML (default DIR/demo-init.xml\n"
+    "                    when the models directory has one; an empty name starts empty)\n"
     "  --timeout-ms MS   how long a daemon may take to answer (default 10000)\n"
+    "  --diff-timeout-ms MS  how long a commit waits for each commit-diff subscriber\n"
+    "                    (default: the --timeout-ms value)\n"
     "  --walk-limit ROWS most rows one walk may return (default 100000)\n"
     "  --port-file FILE  write the bound port to FILE once serving\n"
     "The bound port is also printed on stdout when the server is ready.\n";
@@ -63,7 +67,8 @@ bool write_port_file(const std::string &path, int port)
 int main(int argc, char **argv)
 {
     emu::ServerOptions opt;
-    std::string models, port_file;
+    std::string models, port_file, init_file;
+    bool init_given = false;
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
         long v = 0;
@@ -81,12 +86,15 @@ int main(int argc, char **argv)
             opt.port = static_cast<int>(v);
         } else if (a == "--timeout-ms" && parse_num(val, 1, 3600000, v)) {
             opt.timeout_ms = static_cast<int>(v);
+        } else if (a == "--diff-timeout-ms" && parse_num(val, 1, 3600000, v)) {
+            opt.diff_timeout_ms = static_cast<int>(v);
         } else if (a == "--walk-limit" && parse_num(val, 1, 100000000, v)) {
             opt.walk_limit = static_cast<size_t>(v);
         } else if (a == "--models") {
             models = val;
         } else if (a == "--init") {
-            opt.init_file = val;
+            init_file = val;
+            init_given = true;
         } else if (a == "--port-file") {
             port_file = val;
         } else {
@@ -100,6 +108,15 @@ int main(int argc, char **argv)
     std::string err;
     if (!schema.load(models, err)) {
         std::fprintf(stderr, "confd-emu: cannot load the models from %s: %s\n", models.c_str(),
+                     err.c_str());
+        return 1;
+    }
+
+    if (!init_given && access((models + "/demo-init.xml").c_str(), R_OK) == 0)
+        init_file = models + "/demo-init.xml";
+    emu::Datastore ds(schema);
+    if (!ds.load(init_file, err)) {
+        std::fprintf(stderr, "confd-emu: cannot load the initial configuration: %s\n",
                      err.c_str());
         return 1;
     }
@@ -119,7 +136,7 @@ int main(int argc, char **argv)
         return 1;
     }
 
-    emu::Server server(schema, opt);
+    emu::Server server(schema, ds, opt);
     if (!server.listen(err)) {
         std::fprintf(stderr, "confd-emu: cannot listen on %s\n", err.c_str());
         return 1;

@@ -73,6 +73,10 @@ void Registry::conn_closed(const ConnPtr &c, confd_wire::ConnKind kind)
         break;
     case ConnKind::Events:
         subscribers_.erase(c->id());
+        // A subscriber that goes away counts as done with every commit it was told about.
+        for (auto &w : diff_waits_)
+            w.second.erase(c->id());
+        cv_.notify_all();
         break;
     default:
         break;
@@ -353,8 +357,84 @@ uint32_t Registry::open_trans(uint32_t daemon_id, int mode)
 
 void Registry::close_trans(uint32_t thandle)
 {
+    std::function<void(uint32_t)> hook;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        trans_.erase(thandle);
+        hook = trans_closed_;
+    }
+    if (hook) hook(thandle);
+}
+
+int Registry::trans_mode(uint32_t thandle)
+{
     std::lock_guard<std::mutex> lk(mu_);
-    trans_.erase(thandle);
+    auto it = trans_.find(thandle);
+    return it == trans_.end() ? -1 : it->second.mode;
+}
+
+bool Registry::attached(uint32_t thandle, uint32_t maapi_conn)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    auto it = trans_.find(thandle);
+    return it != trans_.end() && it->second.attached.count(maapi_conn) != 0;
+}
+
+void Registry::on_trans_closed(std::function<void(uint32_t)> fn)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    trans_closed_ = std::move(fn);
+}
+
+int32_t Registry::new_usid()
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    int32_t id = next_usid_++;
+    if (next_usid_ <= 0) next_usid_ = 1;
+    return id;
+}
+
+std::vector<ConnPtr> Registry::subscribers(uint32_t mask)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    std::vector<ConnPtr> out;
+    for (auto &s : subscribers_)
+        if (s.second.second & mask) out.push_back(s.second.first);
+    return out;
+}
+
+void Registry::expect_diff_done(uint32_t thandle, const std::vector<uint32_t> &conns)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    auto &w = diff_waits_[thandle];
+    for (uint32_t c : conns)
+        if (subscribers_.count(c)) w.insert(c);
+}
+
+void Registry::diff_done(uint32_t thandle, uint32_t conn)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    auto it = diff_waits_.find(thandle);
+    if (it == diff_waits_.end()) return;
+    it->second.erase(conn);
+    cv_.notify_all();
+}
+
+std::vector<uint32_t> Registry::wait_diff_done(uint32_t thandle, int timeout_ms)
+{
+    std::unique_lock<std::mutex> lk(mu_);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    cv_.wait_until(lk, deadline, [&] {
+        auto it = diff_waits_.find(thandle);
+        return stopping_ || it == diff_waits_.end() || it->second.empty();
+    });
+    std::vector<uint32_t> silent;
+    auto it = diff_waits_.find(thandle);
+    if (it != diff_waits_.end()) {
+        silent.assign(it->second.begin(), it->second.end());
+        diff_waits_.erase(it);
+    }
+    return silent;
 }
 
 int Registry::attach(uint32_t thandle, uint32_t maapi_conn, std::string &err)

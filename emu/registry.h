@@ -8,9 +8,11 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -124,8 +126,29 @@ class Registry
     // MAAPI attach/detach by the given MAAPI connection; 0 or CONFD_ERR_NOEXISTS with a message.
     int attach(uint32_t thandle, uint32_t maapi_conn, std::string &err);
     int detach(uint32_t thandle, uint32_t maapi_conn, std::string &err);
+    // Mode of an open transaction (CONFD_READ or CONFD_READ_WRITE), -1 when there is none.
+    int trans_mode(uint32_t thandle);
+    // True when the MAAPI connection maapi_conn is attached to the open transaction thandle.
+    bool attached(uint32_t thandle, uint32_t maapi_conn);
+    // fn is called, outside the lock, with the handle of every transaction close_trans() ends (the
+    // datastore forgets its side of it then).
+    void on_trans_closed(std::function<void(uint32_t)> fn);
+    // A new user-session id, unique in this server.
+    int32_t new_usid();
     void add_maapi(const ConnPtr &c);
     void add_subscriber(const ConnPtr &c, uint32_t mask);
+
+    // --- event subscribers ---
+    // The subscribers whose mask has any of the given bits.
+    std::vector<ConnPtr> subscribers(uint32_t mask);
+    // Starts waiting for the commit-diff done of the subscribers (connection ids) told about
+    // thandle.
+    void expect_diff_done(uint32_t thandle, const std::vector<uint32_t> &conns);
+    // A subscriber's done for thandle; ignored when nobody waits for it.
+    void diff_done(uint32_t thandle, uint32_t conn);
+    // Waits until every subscriber told about thandle has said done or gone away, at most
+    // timeout_ms, and forgets the wait. Returns the connection ids still silent.
+    std::vector<uint32_t> wait_diff_done(uint32_t thandle, int timeout_ms);
     // Fault injection: the next `times` MAAPI requests of operation `op` fail.
     void set_failure(const std::string &op, int times);
     // True (and one failure used up) when the next request of `op` is to fail.
@@ -182,8 +205,11 @@ class Registry
     std::map<uint32_t, ConnPtr> maapi_;
     std::map<uint32_t, std::pair<ConnPtr, uint32_t>> subscribers_; // conn id -> (conn, mask)
     std::map<std::string, int> failures_;
+    std::map<uint32_t, std::set<uint32_t>> diff_waits_; // thandle -> subscribers not yet done
+    std::function<void(uint32_t)> trans_closed_;
     std::vector<Notification> notifs_;
     uint32_t next_daemon_ = 1, next_worker_ = 1, next_nctx_ = 1, next_rid_ = 1, next_thandle_ = 1;
+    int32_t next_usid_ = 1;
     uint64_t maapi_attaches_ = 0, notifs_total_ = 0, killed_ = 0;
 };
 

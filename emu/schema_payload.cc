@@ -46,13 +46,16 @@ void write_schema(const Schema &s, confd_wire::Writer &w)
             w.str(e.first).i32(e.second);
     }
 
-    // hash -> name: every node name and every namespace (named by its module).
+    // hash -> name: every node name and every namespace (named by its module), then the other
+    // hashed names (identities, choices, notifications), so confd_hash2str() knows them too.
     std::set<uint32_t> seen;
     std::vector<std::pair<uint32_t, std::string>> names;
     for (const auto &ns : nss)
         if (seen.insert(ns.hash).second) names.emplace_back(ns.hash, ns.module);
     for (const SchemaNode *n : all)
         if (seen.insert(n->tag).second) names.emplace_back(n->tag, n->name);
+    for (const auto &h : s.hashed_names())
+        if (!h.name.empty() && seen.insert(h.hash).second) names.emplace_back(h.hash, h.name);
     w.u32(static_cast<uint32_t>(names.size()));
     for (const auto &nm : names)
         w.u32(nm.first).str(nm.second);

@@ -11,14 +11,15 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "confd_events.h"
 #include "confd_lib.h"
+#include "maapi_service.h"
 #include "schema_payload.h"
 
 namespace emu
 {
 
 using confd_wire::ConnKind;
-using confd_wire::MaapiOp;
 using confd_wire::Op;
 using confd_wire::Reader;
 using confd_wire::Writer;
@@ -57,24 +58,22 @@ bool read_oid(Reader &r, std::vector<uint32_t> &oid)
     return true;
 }
 
-const char *maapi_op_name(uint8_t op)
-{
-    switch (static_cast<MaapiOp>(op)) {
-    case MaapiOp::Attach:
-        return "attach";
-    case MaapiOp::Detach:
-        return "detach";
-    case MaapiOp::LoadSchemas:
-        return "load_schemas";
-    }
-    return nullptr;
-}
-
 } // namespace
 
-Server::Server(const Schema &schema, const ServerOptions &opt)
-    : schema_(schema), opt_(opt), reg_(opt.timeout_ms), cli_env_{reg_, schema_, opt.walk_limit}
+namespace
 {
+int diff_timeout(const ServerOptions &opt)
+{
+    return opt.diff_timeout_ms > 0 ? opt.diff_timeout_ms : opt.timeout_ms;
+}
+} // namespace
+
+Server::Server(const Schema &schema, Datastore &ds, const ServerOptions &opt)
+    : schema_(schema), ds_(ds), opt_(opt), reg_(opt.timeout_ms),
+      cli_env_{reg_, schema_, opt.walk_limit, &ds, diff_timeout(opt)}
+{
+    // A transaction that ends (a daemon's, a MAAPI client's, a command's) leaves the datastore too.
+    reg_.on_trans_closed([this](uint32_t th) { ds_.end(th); });
 }
 
 Server::~Server()
@@ -336,6 +335,7 @@ void Server::serve_maapi(const ConnPtr &c)
 {
     if (!c->send(ok_frame())) return;
     reg_.add_maapi(c);
+    MaapiService svc(reg_, ds_, schema_, c, diff_timeout(opt_));
     std::string payload;
     while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
         Reader r(payload);
@@ -344,28 +344,14 @@ void Server::serve_maapi(const ConnPtr &c)
             answer = err_frame(CONFD_ERR_PROTOUSAGE, "not a MAAPI request");
         } else {
             uint8_t op = r.u8();
-            const char *name = maapi_op_name(op);
-            std::string err;
-            if (!name) {
+            const char *name = MaapiService::op_name(op);
+            if (!name)
                 answer = err_frame(CONFD_ERR_PROTOUSAGE,
                                    "MAAPI operation " + std::to_string(op) + " is not supported");
-            } else if (reg_.take_failure(name)) {
+            else if (reg_.take_failure(name))
                 answer = err_frame(CONFD_ERR_INTERNAL, std::string("injected failure: ") + name);
-            } else if (static_cast<MaapiOp>(op) == MaapiOp::Attach) {
-                uint32_t th = r.u32();
-                r.i32(); // namespace
-                r.i32(); // user session
-                int rc = r.ok() ? reg_.attach(th, c->id(), err) : CONFD_ERR_PROTOUSAGE;
-                answer = rc == 0 ? ok_frame() : err_frame(rc, err.empty() ? "malformed" : err);
-            } else if (static_cast<MaapiOp>(op) == MaapiOp::Detach) {
-                uint32_t th = r.u32();
-                int rc = r.ok() ? reg_.detach(th, c->id(), err) : CONFD_ERR_PROTOUSAGE;
-                answer = rc == 0 ? ok_frame() : err_frame(rc, err.empty() ? "malformed" : err);
-            } else {
-                Writer w(Op::Ok);
-                write_schema(schema_, w);
-                answer = w.payload();
-            }
+            else
+                answer = svc.handle(op, r);
         }
         if (!c->send(answer)) break;
     }
@@ -380,9 +366,15 @@ void Server::serve_events(const ConnPtr &c, Reader &hello)
     }
     if (!c->send(ok_frame())) return;
     reg_.add_subscriber(c, mask);
-    // Events flow to the subscriber; what it sends back (acknowledgements) needs no answer yet.
+    // Events flow to the subscriber; what comes back are the done messages of commit-diff
+    // events, which need no answer.
     std::string payload;
     while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+        Reader r(payload);
+        if (r.op() != Op::Event) continue;
+        uint32_t type = r.u32();
+        uint32_t th = r.u32();
+        if (r.ok() && type == CONFD_NOTIF_COMMIT_DIFF) reg_.diff_done(th, c->id());
     }
 }
 

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "cli_commands.h"
+#include "datastore.h"
 #include "registry.h"
 #include "schema.h"
 
@@ -19,13 +20,14 @@ struct ServerOptions {
     int port = 4565;        // 0 = any free port
     int timeout_ms = 10000; // longest wait for a daemon's answer
     size_t walk_limit = 100000;
-    std::string init_file; // initial configuration (kept for the datastore)
+    int diff_timeout_ms = 0; // longest wait for a commit-diff subscriber's done; 0 = timeout_ms
 };
 
 class Server
 {
   public:
-    Server(const Schema &schema, const ServerOptions &opt);
+    // Serves the schema's models with the configuration in ds.
+    Server(const Schema &schema, Datastore &ds, const ServerOptions &opt);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -57,6 +59,7 @@ class Server
     void snmp_notification(confd_wire::Reader &r);
 
     const Schema &schema_;
+    Datastore &ds_;
     const ServerOptions opt_;
     Registry reg_;
     CliEnv cli_env_;

@@ -378,7 +378,8 @@ TEST_F(LibconfdDispatch, DebugLevels)
 }
 
 // Verifies MAAPI attach/detach against the server, its refusal carried into
-// confd_errno and lasterr, and that the later MAAPI calls say so.
+// confd_errno and lasterr, and that an answer without the expected fields
+// fails a later call cleanly (no result handed out).
 TEST_F(LibconfdDispatch, MaapiAttachDetach)
 {
     int ms = socket(AF_INET, SOCK_STREAM, 0);
@@ -392,8 +393,8 @@ TEST_F(LibconfdDispatch, MaapiAttachDetach)
     char *res = reinterpret_cast<char *>(1);
     EXPECT_EQ(maapi_xpath_eval_expr(ms, 6, "1", &res, nullptr, nullptr), CONFD_ERR);
     EXPECT_EQ(res, nullptr);
-    EXPECT_EQ(confd_errno, CONFD_ERR_NOT_IMPLEMENTED);
-    EXPECT_STREQ(confd_lasterr(), "not implemented");
+    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+    EXPECT_STREQ(confd_lasterr(), "maapi_xpath_eval_expr: malformed answer from ConfD");
     EXPECT_EQ(confd_read_notification(ms, nullptr), CONFD_ERR);
     EXPECT_EQ(maapi_close(ms), CONFD_OK);
     EXPECT_EQ(maapi_attach2(ms, 0, 0, 6), CONFD_ERR) << "closed socket";

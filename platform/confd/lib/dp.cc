@@ -110,35 +110,6 @@ int reject(int fd, uint32_t rid, const std::string &text)
     return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s", text.c_str());
 }
 
-void read_user_info(Reader &rd, confd_user_info &u)
-{
-    std::string user = rd.str();
-    std::string context = rd.str();
-    uint8_t proto = rd.u8();
-    uint8_t af = rd.u8();
-    std::string ip = rd.str();
-    uint16_t port = rd.u16();
-    int32_t usid = rd.i32();
-    std::string v3ctx = rd.str();
-    memset(&u, 0, sizeof u);
-    snprintf(u.username, sizeof u.username, "%s", user.c_str());
-    snprintf(u.context, sizeof u.context, "%s", context.c_str());
-    snprintf(u.snmp_v3_ctx, sizeof u.snmp_v3_ctx, "%s", v3ctx.c_str());
-    u.proto = proto <= CONFD_PROTO_UDP ? static_cast<enum confd_proto>(proto) : CONFD_PROTO_UNKNOWN;
-    // The address length decides the family; af is only a fallback.
-    if (ip.size() == 16) {
-        u.af = AF_INET6;
-        memcpy(&u.ip.v6, ip.data(), 16);
-    } else if (ip.size() == 4) {
-        u.af = AF_INET;
-        memcpy(&u.ip.v4, ip.data(), 4);
-    } else {
-        u.af = af;
-    }
-    u.port = port;
-    u.usid = usid;
-    u.logintime = time(nullptr);
-}
 
 // Ends a transaction callback: reply by its result, free the context when
 // the transaction is over, and turn the result into fd_ready's.
@@ -434,6 +405,36 @@ int serve_data_call(DaemonState *st, int fd, Reader &rd)
 }
 
 } // namespace
+
+void read_user_info(Reader &rd, confd_user_info &u)
+{
+    std::string user = rd.str();
+    std::string context = rd.str();
+    uint8_t proto = rd.u8();
+    uint8_t af = rd.u8();
+    std::string ip = rd.str();
+    uint16_t port = rd.u16();
+    int32_t usid = rd.i32();
+    std::string v3ctx = rd.str();
+    memset(&u, 0, sizeof u);
+    snprintf(u.username, sizeof u.username, "%s", user.c_str());
+    snprintf(u.context, sizeof u.context, "%s", context.c_str());
+    snprintf(u.snmp_v3_ctx, sizeof u.snmp_v3_ctx, "%s", v3ctx.c_str());
+    u.proto = proto <= CONFD_PROTO_UDP ? static_cast<enum confd_proto>(proto) : CONFD_PROTO_UNKNOWN;
+    // The address length decides the family; af is only a fallback.
+    if (ip.size() == 16) {
+        u.af = AF_INET6;
+        memcpy(&u.ip.v6, ip.data(), 16);
+    } else if (ip.size() == 4) {
+        u.af = AF_INET;
+        memcpy(&u.ip.v4, ip.data(), 4);
+    } else {
+        u.af = af;
+    }
+    u.port = port;
+    u.usid = usid;
+    u.logintime = time(nullptr);
+}
 
 const char *cb_name(int cb)
 {

@@ -41,6 +41,9 @@ struct TransState {
     std::unique_ptr<Capture, CaptureDeleter> capture; // set for in-process transactions
 };
 
+// Decodes a UserInfo (layout in wire.h) into u; rd.ok() tells whether it was whole.
+void read_user_info(confd_wire::Reader &rd, confd_user_info &u);
+
 // Library state of one SNMP notification sender (nctx->lib_internal).
 struct NotifState {
     uint32_t id = 0;

@@ -137,7 +137,13 @@ enum class Op : uint8_t {
     // u8 MaapiOp, then per operation (see MaapiOp)
     Maapi = 40,
 
-    // --- event notifications (server -> subscriber) ---
+    // --- event notifications ---
+    // server -> subscriber: u32 type (one CONFD_NOTIF_* bit), then per type:
+    //   AUDIT (1):        i32 logno, str user, str msg, i32 usid
+    //   COMMIT_DIFF (16): u8 dbname, UserInfo, u32 thandle, i32 flags, str comment, str label
+    //                     (the commit waits for the subscriber's done, see below)
+    // subscriber -> server (no answer): u32 type, then per type:
+    //   COMMIT_DIFF (16): u32 thandle      (confd_diff_notification_done)
     Event = 50,
 
     // --- command-line client (client -> server) ---
@@ -170,8 +176,73 @@ enum class MaapiOp : uint8_t {
     Detach = 2,
     // (nothing)                              -> Ok{Schema payload, see below}
     LoadSchemas = 3,
-    // Further operations (sessions, transactions, reads, cursors, diff) are
-    // numbered from 10 on by the datastore.
+
+    // Paths below are ConfD keypath text ("/a/b{k1 k2}/c") with the path
+    // formats (%d %s %x %h ...) already expanded by the library. Every
+    // operation on a transaction needs the transaction to have been started
+    // on this socket or attached to it.
+
+    // --- user sessions and transactions ---
+    // str username, str context, u32 n, str groups[n], u8 af, str ip (4 or 16
+    // bytes), u16 port, u8 proto, str vendor, str product, str version,
+    // str client_id                          -> Ok{i32 usid}
+    // The new session becomes the socket's current one.
+    StartUserSession = 10,
+    // (nothing)                              -> Ok{}  ends the current session
+    EndUserSession = 11,
+    // u8 dbname, u8 mode, i32 usid (0 = the current session), i32 flags,
+    // str vendor, str product, str version, str client_id -> Ok{u32 thandle}
+    StartTrans = 12,
+    // u32 thandle                            -> Ok{}
+    FinishTrans = 13,
+    // u32 thandle, u8 keepopen               -> Ok{}  validate and commit
+    ApplyTrans = 14,
+    // u32 thandle, u32 hashed_ns             -> Ok{}
+    SetNamespace = 15,
+
+    // --- reads ---
+    // u32 thandle, str path                  -> Ok{Value} (a leaf-list: LIST)
+    GetElem = 20,
+    // u32 thandle, str path                  -> Ok{u8 exists}
+    Exists = 21,
+    // u32 thandle, str path                  -> Ok{u32 n}
+    NumInstances = 22,
+    // Cursors: the library keeps the position (the keys it handed out last);
+    // the server answers the entry that follows it in the list's order.
+    // u32 thandle, str list path             -> Ok{}  checks the path
+    InitCursor = 23,
+    // u32 thandle, str list path, u32 n, Value prev_keys[n] (n = 0: from the start)
+    //                                        -> Ok{u32 n, Value keys[n]} (n = 0: no more)
+    GetNext = 24,
+    // u32 thandle, str list path, u8 find_type (confd_find_next_type),
+    // u32 n, Value keys[n]                   -> Ok{u32 n, Value keys[n]}
+    FindNext = 25,
+
+    // --- writes ---
+    // u32 thandle, str path, Value v         -> Ok{}
+    SetElem = 30,
+    // u32 thandle, str path, str text        -> Ok{}  value in its string form
+    SetElemText = 31,
+    // u32 thandle, str path                  -> Ok{}
+    Create = 32,
+    // u32 thandle, str path                  -> Ok{}
+    Delete = 33,
+
+    // --- XPath ---
+    // u32 thandle, str expr, str context path ("" = none)
+    //                                        -> Ok{u8 found, str text}
+    //  found 0: the expression selects no node (text empty)
+    XPathEvalExpr = 40,
+    // same request                           -> Ok{u32 n, per node: KeyPath, Value}
+    //  (Value is C_NOEXISTS for a node that is not a leaf)
+    XPathEval = 41,
+
+    // --- diffs ---
+    // u32 thandle, str subtree path ("" = everything), i32 flags
+    //   -> Ok{u32 n, per change in preorder: u8 op (MOP_*), u32 depth,
+    //         KeyPath kp, Value v (C_NOEXISTS unless op is MOP_VALUE_SET)}
+    // A change at depth d is followed by the changes below it (depth > d).
+    DiffIterate = 50,
 };
 
 // UserInfo on the wire: str username, str context, u8 proto, u8 af,

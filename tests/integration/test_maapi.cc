@@ -1,0 +1,864 @@
+// MAAPI, the datastore and event notifications of confd-emu, used through the client library.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "confd_dp.h"
+#include "confd_events.h"
+#include "confd_lib.h"
+#include "confd_maapi.h"
+#include "harness.h"
+#include "router-interfaces.h"
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+long ms_since(Clock::time_point t)
+{
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+struct sockaddr_in server_addr(int port)
+{
+    struct sockaddr_in sa = {};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    return sa;
+}
+
+// A connected MAAPI socket, closed at the end of the scope.
+class Maapi
+{
+  public:
+    explicit Maapi(int port)
+    {
+        struct sockaddr_in sa = server_addr(port);
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        ok_ = maapi_connect(fd_, reinterpret_cast<struct sockaddr *>(&sa), sizeof sa) == CONFD_OK;
+    }
+    ~Maapi()
+    {
+        if (ok_)
+            maapi_close(fd_);
+        else
+            close(fd_);
+    }
+    Maapi(const Maapi &) = delete;
+    Maapi &operator=(const Maapi &) = delete;
+    bool ok() const { return ok_; }
+    int fd() const { return fd_; }
+
+    // A session in the "system" context and a transaction on running, as the daemon opens them.
+    int start(enum confd_trans_mode mode, const char *user = nullptr)
+    {
+        struct confd_ip src = {};
+        src.af = AF_INET;
+        inet_pton(AF_INET, "0.0.0.0", &src.ip.v4);
+        if (maapi_start_user_session3(fd_, user, "system", nullptr, 0, &src, 0, CONFD_PROTO_TCP,
+                                      nullptr, nullptr, nullptr, "test:1") != CONFD_OK)
+            return CONFD_ERR;
+        return maapi_start_trans_flags2(fd_, CONFD_RUNNING, mode, 0, 0, nullptr, nullptr, nullptr,
+                                        "test:2");
+    }
+
+  private:
+    int fd_ = -1;
+    bool ok_ = false;
+};
+
+// XPath string of an expression, or "<null>" when there is none; rc gets the result code.
+std::string xpath(int sock, int th, const char *expr, const char *ctx, int *rc = nullptr)
+{
+    char *res = reinterpret_cast<char *>(&res); // must come back NULL on failure
+    int r = ctx ? maapi_xpath_eval_expr(sock, th, expr, &res, nullptr, "%s", ctx)
+                : maapi_xpath_eval_expr(sock, th, expr, &res, nullptr, nullptr);
+    if (rc) *rc = r;
+    if (r != CONFD_OK) return res == nullptr ? "<null>" : "<not reset>";
+    std::string out = res ? res : "<null>";
+    free(res);
+    return out;
+}
+
+// Short text of a value for comparisons: strings as they are, numbers in decimal, IPv4 dotted,
+// leaf-lists as "[a b]".
+std::string text(const confd_value_t *v)
+{
+    if (!v) return "";
+    char buf[64];
+    switch (v->type) {
+    case C_BUF: return std::string(reinterpret_cast<char *>(v->val.buf.ptr), v->val.buf.size);
+    case C_STR: return v->val.s;
+    case C_INT32: return std::to_string(v->val.i32);
+    case C_UINT32: return std::to_string(v->val.u32);
+    case C_ENUM_VALUE: return std::to_string(v->val.enumvalue);
+    case C_BOOL: return v->val.boolean ? "true" : "false";
+    case C_IPV4: return inet_ntop(AF_INET, &v->val.ip, buf, sizeof buf);
+    case C_LIST: {
+        std::string s = "[";
+        for (unsigned i = 0; i < v->val.list.size; i++)
+            s += (i ? " " : "") + text(&v->val.list.ptr[i]);
+        return s + "]";
+    }
+    default: return "type" + std::to_string(v->type);
+    }
+}
+
+std::string kp_text(const confd_hkeypath_t *kp)
+{
+    char buf[512];
+    confd_pp_kpath(buf, sizeof buf, kp);
+    return buf;
+}
+
+// One change seen by maapi_diff_iterate: "OP path[=value]".
+struct Changes {
+    std::vector<std::string> lines;
+    int continue_on_created = 0; // answer ITER_CONTINUE to MOP_CREATED
+};
+
+enum maapi_iter_ret collect(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_value_t *oldv,
+                            confd_value_t *newv, void *state)
+{
+    auto *c = static_cast<Changes *>(state);
+    static const char *const ops[] = {"?", "created", "deleted", "modified", "set"};
+    std::string line = std::string(ops[op <= 4 ? op : 0]) + " " + kp_text(kp);
+    if (newv) line += "=" + text(newv);
+    if (oldv) line += " (old value given)";
+    c->lines.push_back(line);
+    return op == MOP_CREATED && c->continue_on_created ? ITER_CONTINUE : ITER_RECURSE;
+}
+
+// An event subscriber on its own thread, as the daemon's audit listener: commit-diff events are
+// read through a MAAPI attach and answered after done_delay_ms (or never, with answer false).
+class Subscriber
+{
+  public:
+    struct Event {
+        int type = 0, logno = 0;
+        std::string user, msg;
+        std::vector<std::string> changes;
+        Clock::time_point done_at;
+    };
+
+    Subscriber(int port, int mask, int done_delay_ms = 0, bool answer = true)
+        : port_(port), delay_(done_delay_ms), answer_(answer)
+    {
+        struct sockaddr_in sa = server_addr(port);
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        ok_ = confd_notifications_connect(fd_, reinterpret_cast<struct sockaddr *>(&sa), sizeof sa,
+                                          mask) == CONFD_OK;
+        if (ok_) th_ = std::thread([this] { run(); });
+    }
+    ~Subscriber()
+    {
+        stop_ = true;
+        if (th_.joinable()) th_.join();
+        close(fd_);
+    }
+    bool ok() const { return ok_; }
+    bool eof() const { return eof_; }
+
+    // The events read so far, once at least n have come (or after ms).
+    std::vector<Event> wait(size_t n, int ms = 5000)
+    {
+        auto until = Clock::now() + std::chrono::milliseconds(ms);
+        while (Clock::now() < until) {
+            {
+                std::lock_guard<std::mutex> lk(mu_);
+                if (events_.size() >= n) return events_;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::lock_guard<std::mutex> lk(mu_);
+        return events_;
+    }
+
+  private:
+    void run()
+    {
+        while (!stop_) {
+            struct pollfd p = {fd_, POLLIN, 0};
+            if (poll(&p, 1, 20) <= 0) continue;
+            struct confd_notification n;
+            int r = confd_read_notification(fd_, &n);
+            if (r == CONFD_EOF) {
+                eof_ = true;
+                return;
+            }
+            if (r != CONFD_OK) continue;
+            Event e;
+            e.type = n.type;
+            if (n.type == CONFD_NOTIF_AUDIT) {
+                e.logno = n.n.audit.logno;
+                e.user = n.n.audit.user;
+                e.msg = n.n.audit.msg;
+            } else if (n.type == CONFD_NOTIF_COMMIT_DIFF) {
+                e.user = n.n.commit_diff.uinfo.username;
+                Maapi m(port_);
+                Changes c;
+                if (m.ok() && maapi_attach(m.fd(), -1, n.n.commit_diff.tctx) == CONFD_OK)
+                    maapi_diff_iterate(m.fd(), n.n.commit_diff.tctx->thandle, collect, 0, &c);
+                e.changes = c.lines;
+                std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
+                e.done_at = Clock::now();
+                if (answer_) confd_diff_notification_done(fd_, n.n.commit_diff.tctx);
+            }
+            confd_free_notification(&n);
+            std::lock_guard<std::mutex> lk(mu_);
+            events_.push_back(e);
+        }
+    }
+
+    const int port_, delay_;
+    const bool answer_;
+    int fd_ = -1;
+    bool ok_ = false;
+    std::atomic<bool> stop_{false}, eof_{false};
+    std::thread th_;
+    std::mutex mu_;
+    std::vector<Event> events_;
+};
+
+// A provider of the fixture model's set hook and transform. The hook copies every name written
+// into the mirror leaf of the same transaction ("refuse" is refused); the transform's label is
+// written on as the host name, as the router's private MIB does with its writable leaves.
+class HookDaemon
+{
+  public:
+    explicit HookDaemon(int port) : port_(port) {}
+    ~HookDaemon()
+    {
+        stop_ = true;
+        if (th_.joinable()) th_.join();
+        for (int fd : {ctl_, wrk_, maapi_})
+            if (fd >= 0) close(fd);
+        if (dx_) confd_release_daemon(dx_);
+    }
+
+    bool start(std::string &err)
+    {
+        dx_ = confd_init_daemon("hookd");
+        dx_->d_opaque = this;
+        struct sockaddr_in sa = server_addr(port_);
+        auto *sp = reinterpret_cast<struct sockaddr *>(&sa);
+        ctl_ = socket(AF_INET, SOCK_STREAM, 0);
+        wrk_ = socket(AF_INET, SOCK_STREAM, 0);
+        maapi_ = socket(AF_INET, SOCK_STREAM, 0);
+        struct confd_trans_cbs tcb;
+        std::memset(&tcb, 0, sizeof tcb);
+        tcb.init = [](struct confd_trans_ctx *t) {
+            HookDaemon *d = self(t);
+            // Reads at init, before any write: the transaction is known to MAAPI from the start.
+            if (maapi_attach(d->maapi_, 0, t) != CONFD_OK ||
+                maapi_exists(d->maapi_, t->thandle, "/hooked") != 1)
+                return CONFD_ERR;
+            confd_trans_set_fd(t, d->wrk_);
+            return CONFD_OK;
+        };
+        tcb.finish = [](struct confd_trans_ctx *t) { return maapi_detach(self(t)->maapi_, t); };
+        struct confd_data_cbs hook, transform;
+        std::memset(&hook, 0, sizeof hook);
+        std::memset(&transform, 0, sizeof transform);
+        std::snprintf(hook.callpoint, sizeof hook.callpoint, "%s", "fixture-hook");
+        hook.set_elem = [](struct confd_trans_ctx *t, confd_hkeypath_t *kp, confd_value_t *v) {
+            if (kp_text(kp) != "/hooked/name") return CONFD_OK;
+            std::string name = text(v);
+            if (name == "refuse") {
+                confd_trans_seterr(t, "the hook refuses %s", name.c_str());
+                return CONFD_ERR;
+            }
+            std::string mirror = "mirror of " + name;
+            confd_value_t m;
+            CONFD_SET_STR(&m, mirror.c_str());
+            // The mirror is the hooked leaf's sibling: the keypath's parent plus its name.
+            return maapi_set_elem(self(t)->maapi_, t->thandle, &m, "%*h/mirror", kp->len - 1, kp);
+        };
+        std::snprintf(transform.callpoint, sizeof transform.callpoint, "%s", "fixture-transform");
+        // The label is read back from the host name in the request's own transaction.
+        transform.get_elem = [](struct confd_trans_ctx *t, confd_hkeypath_t *) {
+            char *res = nullptr;
+            confd_value_t v;
+            if (maapi_xpath_eval_expr(self(t)->maapi_, t->thandle, "/settings/hostname", &res,
+                                      nullptr, "/settings/hostname") == CONFD_OK)
+                CONFD_SET_STR(&v, res);
+            else
+                CONFD_SET_NOEXISTS(&v);
+            int r = confd_data_reply_value(t, &v);
+            free(res);
+            return r;
+        };
+        transform.set_elem = [](struct confd_trans_ctx *t, confd_hkeypath_t *, confd_value_t *v) {
+            return maapi_set_elem(self(t)->maapi_, t->thandle, v, "/settings/hostname");
+        };
+        if (confd_connect(dx_, ctl_, CONTROL_SOCKET, sp, sizeof sa) != CONFD_OK ||
+            confd_connect(dx_, wrk_, WORKER_SOCKET, sp, sizeof sa) != CONFD_OK ||
+            maapi_connect(maapi_, sp, sizeof sa) != CONFD_OK ||
+            confd_register_trans_cb(dx_, &tcb) != CONFD_OK ||
+            confd_register_data_cb(dx_, &hook) != CONFD_OK ||
+            confd_register_data_cb(dx_, &transform) != CONFD_OK ||
+            confd_register_done(dx_) != CONFD_OK) {
+            err = confd_lasterr();
+            return false;
+        }
+        th_ = std::thread([this] {
+            struct pollfd pfd[2] = {{ctl_, POLLIN, 0}, {wrk_, POLLIN, 0}};
+            while (!stop_) {
+                if (poll(pfd, 2, 20) <= 0) continue;
+                for (auto &p : pfd)
+                    if (p.fd >= 0 && (p.revents & (POLLIN | POLLHUP)) &&
+                        confd_fd_ready(dx_, p.fd) == CONFD_EOF)
+                        p.fd = -1;
+            }
+        });
+        return true;
+    }
+
+  private:
+    static HookDaemon *self(struct confd_trans_ctx *t)
+    {
+        return static_cast<HookDaemon *>(t->dx->d_opaque);
+    }
+
+    const int port_;
+    struct confd_daemon_ctx *dx_ = nullptr;
+    int ctl_ = -1, wrk_ = -1, maapi_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread th_;
+};
+
+// The fixture model with the extension module it imports, in a directory of its own.
+class FixtureModels
+{
+  public:
+    FixtureModels()
+    {
+        char tmpl[] = "/tmp/maapi-models.XXXXXX";
+        if (!mkdtemp(tmpl)) return;
+        dir_ = tmpl;
+        copy(std::string(MAAPI_FIXTURES_DIR) + "/maapi-fixture.yang", "maapi-fixture.yang");
+        copy(std::string(LEISOBEK_MODELS_DIR) + "/leisobek-ext.yang", "leisobek-ext.yang");
+    }
+    ~FixtureModels()
+    {
+        for (const char *f : {"maapi-fixture.yang", "leisobek-ext.yang"})
+            unlink((dir_ + "/" + f).c_str());
+        rmdir(dir_.c_str());
+    }
+    const std::string &dir() const { return dir_; }
+
+  private:
+    void copy(const std::string &from, const char *name)
+    {
+        std::ifstream in(from, std::ios::binary);
+        std::ofstream out(dir_ + "/" + name, std::ios::binary);
+        out << in.rdbuf();
+    }
+    std::string dir_;
+};
+
+class MaapiTest : public ::testing::Test
+{
+  protected:
+    // confd-emu on the fixture model and its configuration (or, with real, the project's models
+    // and demo configuration), with the schemas loaded into this process for printing keypaths.
+    void start(bool real = false, std::vector<std::string> extra = {})
+    {
+        confd_init("it_maapi", nullptr, CONFD_SILENT);
+        std::vector<std::string> args;
+        if (!real)
+            args = {"--models", models_.dir(), "--init",
+                    std::string(MAAPI_FIXTURES_DIR) + "/init.xml"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        emu_ = std::make_unique<harness::Emu>(args);
+        std::string err;
+        ASSERT_TRUE(emu_->start(err)) << err;
+        struct sockaddr_in sa = server_addr(emu_->port());
+        ASSERT_EQ(confd_load_schemas(reinterpret_cast<struct sockaddr *>(&sa), sizeof sa), CONFD_OK);
+    }
+
+    void TearDown() override
+    {
+        if (emu_) {
+            EXPECT_EQ(emu_->stop(), 0) << emu_->log();
+        }
+    }
+
+    std::string cli(const std::vector<std::string> &args)
+    {
+        harness::CmdResult r = emu_->cli(args);
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        if (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();
+        return r.out;
+    }
+
+    int port() const { return emu_->port(); }
+
+    FixtureModels models_;
+    std::unique_ptr<harness::Emu> emu_;
+};
+
+const std::string kOk = "{\"result\":\"ok\"}";
+
+// Verifies, on the router's own models and demo configuration, every XPath read the daemon makes
+// (in its exact forms: predicates on a name or a pool id, a context node given as a list without
+// keys, a trailing blank), that an absent value or a failure hands back NULL, and the cursor and
+// typed reads of the interface and community lists.
+TEST_F(MaapiTest, DaemonReadsOfTheRouterConfiguration)
+{
+    start(true);
+    Maapi m(port());
+    ASSERT_TRUE(m.ok());
+    int th = m.start(CONFD_READ);
+    ASSERT_GT(th, 0) << confd_lasterr();
+    int s = m.fd();
+
+    EXPECT_EQ(xpath(s, th, "/system/hostname", "/system/hostname"), "gateway");
+    EXPECT_EQ(xpath(s, th, "/system/domain-name", "/system/domain-name"), "home.lan");
+    char expr[256];
+    std::snprintf(expr, sizeof expr, "/aaa:aaa/authentication/users/user[name='%s']/name", "kelto");
+    EXPECT_EQ(xpath(s, th, expr, "/aaa:aaa/authentication/users/user"), "kelto");
+    std::snprintf(expr, sizeof expr, "/aaa:aaa/authentication/users/user[name='%s']/password",
+                  "kelto");
+    EXPECT_EQ(xpath(s, th, expr, "/aaa:aaa/authentication/users/user"),
+              "$1$q8Rz2LmE$Jw0sXb7cN4dVh1kTf9pYu/");
+    EXPECT_EQ(xpath(s, th, "/dhcp-pools/pool[pool-id=1]/ipv4/dhcp-mode", "/dhcp-pools/pool"),
+              "server");
+    EXPECT_EQ(xpath(s, th, "/dhcp-pools/pool[pool-id=1]/ipv4/range-start", "/dhcp-pools/pool"),
+              "192.168.1.100");
+    EXPECT_EQ(xpath(s, th, "/dhcp-pools/pool[pool-id=1]/ipv4/range-end", "/dhcp-pools/pool"),
+              "192.168.1.149");
+    EXPECT_EQ(xpath(s, th, "/confdConfig/snmpAgent/snmpVersions/v1", nullptr), "false");
+    EXPECT_EQ(xpath(s, th, "/confdConfig/snmpAgent/snmpVersions/v2", nullptr), "true");
+    EXPECT_EQ(xpath(s, th, "/firewall/upnp", nullptr), "true");
+    std::snprintf(expr, sizeof expr, "/interfaces-state/interface[name='%s']/if-index", "WAN1");
+    EXPECT_EQ(xpath(s, th, expr, "/interfaces-state/interface"), "5");
+    std::snprintf(expr, sizeof expr, "/interfaces/interface[name='%s']/ipv4/setting/dynamic/peerdns ",
+                  "WAN1");
+    EXPECT_EQ(xpath(s, th, expr, "/interfaces/interface"), "true");
+    // A module prefix that is not the module's name, and a relative expression.
+    EXPECT_EQ(xpath(s, th, "/sys:system/hostname", nullptr), "gateway");
+    EXPECT_EQ(xpath(s, th, "uid", "/aaa:aaa/authentication/users/user{operator}"), "1000");
+
+    int rc = 0;
+    std::snprintf(expr, sizeof expr, "/interfaces/interface[name='%s']/ipv4/setting/static/ifname ",
+                  "WAN1");
+    EXPECT_EQ(xpath(s, th, expr, "/interfaces/interface", &rc), "<null>");
+    EXPECT_EQ(rc, CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+    EXPECT_EQ(xpath(s, th, "/system/hostname[", nullptr, &rc), "<null>");
+    EXPECT_EQ(confd_errno, CONFD_ERR_XPATH);
+    EXPECT_EQ(xpath(s, th, "/system/hostname", "/no/such/node", &rc), "<null>");
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+    EXPECT_EQ(cli({"fail", "xpath_eval"}), kOk);
+    EXPECT_EQ(xpath(s, th, "/system/hostname", nullptr, &rc), "<null>");
+    EXPECT_EQ(confd_errno, CONFD_ERR_INTERNAL);
+    EXPECT_EQ(xpath(s, th, "/system/hostname", nullptr), "gateway");
+
+    // The configured interfaces, as the interface configuration provider loads them.
+    ASSERT_EQ(maapi_set_namespace(s, th, if__ns), CONFD_OK);
+    struct maapi_cursor mc;
+    ASSERT_EQ(maapi_init_cursor(s, th, &mc, "/interfaces/interface"), CONFD_OK);
+    ASSERT_EQ(maapi_get_next(&mc), CONFD_OK);
+    std::vector<std::string> rows;
+    while (mc.n != 0) {
+        int32_t index = 0;
+        unsigned char *name = nullptr;
+        int size = 0, enabled = -1;
+        struct confd_identityref type = {};
+        EXPECT_EQ(maapi_get_int32_elem(s, th, &index, "/interfaces/interface{%x}/ifIndex",
+                                       &mc.keys[0]),
+                  CONFD_OK);
+        EXPECT_EQ(maapi_get_buf_elem(s, th, &name, &size, "/interfaces/interface{%x}/name",
+                                     &mc.keys[0]),
+                  CONFD_OK);
+        EXPECT_EQ(maapi_get_identityref_elem(s, th, &type, "/interfaces/interface{%x}/type",
+                                             &mc.keys[0]),
+                  CONFD_OK);
+        EXPECT_EQ(type.ns, static_cast<uint32_t>(if__ns));
+        EXPECT_EQ(maapi_get_bool_elem(s, th, &enabled, "/interfaces/interface{%x}/enabled",
+                                      &mc.keys[0]),
+                  CONFD_OK);
+        rows.push_back(std::to_string(index) + " " + (name ? reinterpret_cast<char *>(name) : "") +
+                       " " + std::to_string(size) + " " + std::to_string(enabled) +
+                       (type.id == static_cast<uint32_t>(if_ethernet) ? " ethernet" : ""));
+        free(name);
+        ASSERT_EQ(maapi_get_next(&mc), CONFD_OK);
+    }
+    maapi_destroy_cursor(&mc);
+    EXPECT_EQ(rows, (std::vector<std::string>{"1 LAN1 4 1", "2 WAN1 4 1 ethernet",
+                                              "3 WLAN1 5 0"}));
+
+    // The community table, read with buffer reads keyed by the cursor.
+    ASSERT_EQ(maapi_init_cursor(s, th, &mc,
+                                "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry"),
+              CONFD_OK);
+    std::vector<std::string> names;
+    for (int i = 0; i < 5 && maapi_get_next(&mc) == CONFD_OK && mc.n != 0; i++) {
+        unsigned char *buf = nullptr;
+        int size = 0;
+        ASSERT_EQ(maapi_get_buf_elem(s, th, &buf, &size,
+                                     "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry{%x}/"
+                                     "snmpCommunityName",
+                                     &mc.keys[0]),
+                  CONFD_OK);
+        EXPECT_EQ(buf[size], '\0');
+        names.push_back(reinterpret_cast<char *>(buf));
+        free(buf);
+    }
+    maapi_destroy_cursor(&mc);
+    EXPECT_EQ(names, (std::vector<std::string>{"h0me-private", "public"}));
+
+    EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
+    EXPECT_EQ(maapi_finish_trans(s, th), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+    EXPECT_EQ(maapi_end_user_session(s), CONFD_OK);
+}
+
+// Verifies the typed reads (each ConfD value type, and the errors for a missing leaf, a wrong
+// type, a bad path, a small buffer), exists and num_instances, and that a cursor walks a list of
+// three entries in key order whatever their stored order, with find_next and an injected failure.
+TEST_F(MaapiTest, TypedReadsCursorsAndErrors)
+{
+    start();
+    Maapi m(port());
+    ASSERT_TRUE(m.ok());
+    int s = m.fd();
+    EXPECT_EQ(maapi_start_trans(s, CONFD_RUNNING, CONFD_READ), CONFD_ERR) << "no session yet";
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOSESSION);
+    int th = m.start(CONFD_READ);
+    ASSERT_GT(th, 0) << confd_lasterr();
+
+    int32_t i32 = 0;
+    uint32_t u32 = 0;
+    int b = -1;
+    EXPECT_EQ(maapi_get_int32_elem(s, th, &i32, "/settings/counter"), CONFD_OK);
+    EXPECT_EQ(i32, -42);
+    EXPECT_EQ(maapi_get_u_int32_elem(s, th, &u32, "/settings/size"), CONFD_OK);
+    EXPECT_EQ(u32, 4000000000u);
+    EXPECT_EQ(maapi_get_bool_elem(s, th, &b, "/settings/enabled"), CONFD_OK);
+    EXPECT_EQ(b, 1);
+    EXPECT_EQ(maapi_get_enum_value_elem(s, th, &i32, "/settings/mode"), CONFD_OK);
+    EXPECT_EQ(i32, 7);
+    struct confd_identityref id = {};
+    EXPECT_EQ(maapi_get_identityref_elem(s, th, &id, "/settings/medium"), CONFD_OK);
+    EXPECT_STREQ(confd_hash2str(id.id), "radio");
+
+    confd_value_t v;
+    ASSERT_EQ(maapi_get_elem(s, th, &v, "/settings/address"), CONFD_OK);
+    EXPECT_EQ(text(&v), "10.1.2.3");
+    ASSERT_EQ(maapi_get_elem(s, th, &v, "/settings/mac"), CONFD_OK);
+    ASSERT_EQ(v.type, C_BINARY);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(v.val.buf.ptr), v.val.buf.size),
+              std::string("\x00\x1a\x2b\x3c\x4d\x5e", 6));
+    confd_free_value(&v);
+    ASSERT_EQ(maapi_get_elem(s, th, &v, "/settings/blob"), CONFD_OK);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(v.val.buf.ptr), v.val.buf.size),
+              std::string("\x00\x01\x02\xff", 4));
+    confd_free_value(&v);
+    ASSERT_EQ(maapi_get_elem(s, th, &v, "/settings/dns"), CONFD_OK);
+    EXPECT_EQ(text(&v), "[10.0.0.53 10.0.0.54]");
+    confd_free_value(&v);
+    ASSERT_EQ(maapi_get_elem(s, th, &v, "/status/port{%s}/speed", "wan"), CONFD_OK);
+    EXPECT_EQ(text(&v), "1000");
+
+    char small[4];
+    EXPECT_EQ(maapi_get_str_elem(s, th, small, sizeof small, "/settings/hostname"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+    char big[32];
+    EXPECT_EQ(maapi_get_str_elem(s, th, big, sizeof big, "/users/user{%s}/password", "kelto"),
+              CONFD_OK);
+    EXPECT_STREQ(big, "$1$secret");
+    EXPECT_EQ(maapi_get_int32_elem(s, th, &i32, "/settings/domain"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+    EXPECT_EQ(maapi_get_int32_elem(s, th, &i32, "/settings/size"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
+    EXPECT_EQ(maapi_get_elem(s, th, &v, "/settings/nosuch"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+    EXPECT_EQ(maapi_get_elem(s, th, &v, "/users/user/uid"), CONFD_ERR) << "keys missing";
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+
+    EXPECT_EQ(maapi_exists(s, th, "/users/user{%s}", "guest"), 1);
+    EXPECT_EQ(maapi_exists(s, th, "/users/user{%s}", "nobody"), 0);
+    EXPECT_EQ(maapi_num_instances(s, th, "/pools/pool"), 3);
+
+    // Stored as 10, 1, 7: a cursor walks them in key order.
+    struct maapi_cursor mc;
+    ASSERT_EQ(maapi_init_cursor(s, th, &mc, "/pools/pool"), CONFD_OK);
+    std::vector<std::string> seen;
+    for (int n = 0; n < 5; n++) {
+        ASSERT_EQ(maapi_get_next(&mc), CONFD_OK);
+        if (mc.n == 0) break;
+        ASSERT_EQ(mc.n, 1);
+        confd_value_t start;
+        ASSERT_EQ(maapi_get_elem(s, th, &start, "/pools/pool{%x}/start", &mc.keys[0]), CONFD_OK);
+        seen.push_back(text(&mc.keys[0]) + " " + text(&start));
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"1 192.168.1.100", "7 172.16.0.10",
+                                              "10 10.0.10.1"}));
+    EXPECT_EQ(maapi_get_next(&mc), CONFD_OK);
+    EXPECT_EQ(mc.n, 0) << "stays at the end";
+    confd_value_t key;
+    CONFD_SET_UINT32(&key, 7);
+    ASSERT_EQ(maapi_find_next(&mc, CONFD_FIND_SAME_OR_NEXT, &key, 1), CONFD_OK);
+    EXPECT_EQ(text(&mc.keys[0]), "7");
+    ASSERT_EQ(maapi_find_next(&mc, CONFD_FIND_NEXT, &key, 1), CONFD_OK);
+    EXPECT_EQ(text(&mc.keys[0]), "10");
+    EXPECT_EQ(cli({"fail", "get_next"}), kOk);
+    EXPECT_EQ(maapi_get_next(&mc), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_INTERNAL);
+    EXPECT_EQ(text(&mc.keys[0]), "10") << "a failed step keeps the position";
+    ASSERT_EQ(maapi_get_next(&mc), CONFD_OK);
+    EXPECT_EQ(mc.n, 0);
+    maapi_destroy_cursor(&mc);
+    maapi_destroy_cursor(&mc);
+    EXPECT_EQ(maapi_init_cursor(s, th, &mc, "/pools/pool{1}"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+
+    // Node sets come back with their keypaths.
+    std::vector<std::string> nodes;
+    auto each = [](confd_hkeypath_t *kp, confd_value_t *val, void *st) {
+        static_cast<std::vector<std::string> *>(st)->push_back(kp_text(kp) + "=" + text(val));
+        return static_cast<int>(ITER_CONTINUE);
+    };
+    ASSERT_EQ(maapi_xpath_eval(s, th, "/users/user[uid > 10]/name", each, nullptr, &nodes, nullptr),
+              CONFD_OK);
+    EXPECT_EQ(nodes, (std::vector<std::string>{"/users/user{guest}/name=guest"}));
+
+    // Another socket may use the transaction only after attaching to it.
+    Maapi other(port());
+    EXPECT_EQ(maapi_get_int32_elem(other.fd(), th, &i32, "/settings/counter"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADSTATE);
+    ASSERT_EQ(maapi_attach2(other.fd(), 0, 0, th), CONFD_OK);
+    EXPECT_EQ(maapi_get_int32_elem(other.fd(), th, &i32, "/settings/counter"), CONFD_OK);
+    EXPECT_EQ(maapi_finish_trans(other.fd(), th), CONFD_ERR) << "only its owner ends it";
+    EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
+}
+
+// Verifies a MAAPI write transaction: its changes are visible inside it at once and elsewhere only
+// after apply; apply waits for the commit-diff subscriber's done; the subscriber sees every change
+// with its user (values, a created entry with its leaves, a deleted entry, a leaf-list), and
+// ITER_CONTINUE and a subtree limit what is iterated.
+TEST_F(MaapiTest, WritesApplyAndDiffIterate)
+{
+    start();
+    Subscriber sub(port(), CONFD_NOTIF_AUDIT | CONFD_NOTIF_COMMIT_DIFF, 300);
+    ASSERT_TRUE(sub.ok());
+    Maapi m(port()), reader(port());
+    int s = m.fd();
+    int th = m.start(CONFD_READ_WRITE, "carol");
+    ASSERT_GT(th, 0) << confd_lasterr();
+    int rth = reader.start(CONFD_READ);
+    ASSERT_GT(rth, 0);
+    EXPECT_NE(th, rth);
+
+    confd_value_t v;
+    CONFD_SET_STR(&v, "renamed");
+    ASSERT_EQ(maapi_set_elem(s, th, &v, "/settings/hostname"), CONFD_OK) << confd_lasterr();
+    ASSERT_EQ(maapi_set_elem2(s, th, "off", "/settings/mode"), CONFD_OK) << confd_lasterr();
+    ASSERT_EQ(maapi_create(s, th, "/pools/pool{%u}", 3u), CONFD_OK);
+    EXPECT_EQ(maapi_create(s, th, "/pools/pool{3}"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_ALREADY_EXISTS);
+    struct in_addr a;
+    inet_pton(AF_INET, "10.3.0.1", &a);
+    CONFD_SET_IPV4(&v, a);
+    ASSERT_EQ(maapi_set_elem(s, th, &v, "/pools/pool{3}/start"), CONFD_OK);
+    ASSERT_EQ(maapi_delete(s, th, "/users/user{guest}"), CONFD_OK);
+    EXPECT_EQ(maapi_delete(s, th, "/users/user{guest}"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+    confd_value_t dns[1];
+    inet_pton(AF_INET, "9.9.9.9", &a);
+    CONFD_SET_IPV4(&dns[0], a);
+    CONFD_SET_LIST(&v, dns, 1);
+    ASSERT_EQ(maapi_set_elem(s, th, &v, "/settings/dns"), CONFD_OK);
+
+    CONFD_SET_INT32(&v, 5);
+    EXPECT_EQ(maapi_set_elem(s, th, &v, "/settings/hostname"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
+    CONFD_SET_STR(&v, "");
+    EXPECT_EQ(maapi_set_elem(s, th, &v, "/settings/hostname"), CONFD_ERR) << "length 1..63";
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
+    CONFD_SET_UINT32(&v, 1);
+    EXPECT_EQ(maapi_set_elem(s, th, &v, "/status/port{wan}/speed"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOT_WRITABLE);
+    EXPECT_EQ(maapi_set_elem2(reader.fd(), rth, "x", "/settings/domain"), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOT_WRITABLE);
+
+    int32_t mode = -1;
+    EXPECT_EQ(maapi_get_enum_value_elem(s, th, &mode, "/settings/mode"), CONFD_OK);
+    EXPECT_EQ(mode, 0) << "the transaction sees its own change";
+    EXPECT_EQ(xpath(reader.fd(), rth, "/settings/hostname", nullptr), "fixture");
+
+    Changes pending;
+    pending.continue_on_created = 1;
+    ASSERT_EQ(maapi_diff_iterate(s, th, collect, 0, &pending), CONFD_OK);
+    EXPECT_EQ(pending.lines, (std::vector<std::string>{
+                                 "set /settings/hostname=renamed", "set /settings/mode=0",
+                                 "set /settings/dns=[9.9.9.9]", "deleted /users/user{guest}",
+                                 "created /pools/pool{3}"}));
+    Changes below;
+    ASSERT_EQ(maapi_keypath_diff_iterate(s, th, collect, 0, &below, "/pools"), CONFD_OK);
+    EXPECT_EQ(below.lines, (std::vector<std::string>{"created /pools/pool{3}",
+                                                     "set /pools/pool{3}/start=10.3.0.1"}));
+
+    auto t0 = Clock::now();
+    ASSERT_EQ(maapi_apply_trans(s, th, 0), CONFD_OK) << confd_lasterr();
+    long took = ms_since(t0);
+    auto events = sub.wait(1);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_GE(took, 300) << "apply waits for the subscriber's done";
+    EXPECT_LE(events[0].done_at, Clock::now());
+    EXPECT_EQ(events[0].type, CONFD_NOTIF_COMMIT_DIFF);
+    EXPECT_EQ(events[0].user, "carol");
+    EXPECT_EQ(events[0].changes,
+              (std::vector<std::string>{"set /settings/hostname=renamed", "set /settings/mode=0",
+                                        "set /settings/dns=[9.9.9.9]",
+                                        "deleted /users/user{guest}", "created /pools/pool{3}",
+                                        "set /pools/pool{3}/start=10.3.0.1"}));
+
+    EXPECT_EQ(xpath(reader.fd(), rth, "/settings/hostname", nullptr), "renamed");
+    EXPECT_EQ(maapi_exists(reader.fd(), rth, "/users/user{guest}"), 0);
+    EXPECT_EQ(cli({"get", "/pools/pool{3}/start"}), "{\"type\":\"C_IPV4\",\"value\":\"10.3.0.1\"}");
+    EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
+
+    // A commit that does not validate (the administrator is no user) changes nothing and tells
+    // nobody.
+    th = m.start(CONFD_READ_WRITE);
+    ASSERT_GT(th, 0);
+    ASSERT_EQ(maapi_set_elem2(s, th, "nobody", "/settings/admin"), CONFD_OK);
+    ASSERT_EQ(maapi_set_elem2(s, th, "other", "/settings/hostname"), CONFD_OK);
+    EXPECT_EQ(maapi_apply_trans(s, th, 0), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BAD_KEYREF) << confd_lasterr();
+    ASSERT_EQ(maapi_set_elem2(s, th, "kelto", "/settings/admin"), CONFD_OK);
+    EXPECT_EQ(xpath(reader.fd(), rth, "/settings/hostname", nullptr), "renamed");
+    EXPECT_EQ(maapi_apply_trans(s, th, 0), CONFD_OK) << confd_lasterr();
+    EXPECT_EQ(sub.wait(2).size(), 2u);
+    EXPECT_EQ(xpath(reader.fd(), rth, "/settings/admin", nullptr), "kelto");
+    EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
+}
+
+// Verifies the set hook: a set on a hooked leaf runs the hook inside the write transaction, the
+// hook's maapi_set_elem lands in that same transaction, and after the commit get shows both new
+// values (one commit-diff carries both); a refusing hook stores nothing. A transform's writable
+// leaf is written on through MAAPI the same way, and read back through XPath in the request's
+// transaction.
+TEST_F(MaapiTest, SetHookWritesThroughMaapi)
+{
+    start();
+    HookDaemon d(port());
+    std::string err;
+    ASSERT_TRUE(d.start(err)) << err;
+    Subscriber sub(port(), CONFD_NOTIF_COMMIT_DIFF);
+    ASSERT_TRUE(sub.ok());
+
+    EXPECT_EQ(cli({"set", "--user", "snmp", "/hooked/name", "second"}), kOk);
+    EXPECT_EQ(cli({"get", "/hooked/name"}), "{\"type\":\"C_BUF\",\"value\":\"second\"}");
+    EXPECT_EQ(cli({"get", "/hooked/mirror"}), "{\"type\":\"C_BUF\",\"value\":\"mirror of second\"}");
+    auto events = sub.wait(1);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].user, "snmp");
+    EXPECT_EQ(events[0].changes, (std::vector<std::string>{"set /hooked/name=second",
+                                                           "set /hooked/mirror=mirror of second"}));
+
+    std::string refused = cli({"set", "/hooked/name", "refuse"});
+    EXPECT_NE(refused.find("the hook refuses refuse"), std::string::npos) << refused;
+    EXPECT_EQ(cli({"get", "/hooked/name"}), "{\"type\":\"C_BUF\",\"value\":\"second\"}");
+
+    EXPECT_EQ(cli({"get", "/served/label"}), "{\"type\":\"C_STR\",\"value\":\"fixture\"}");
+    EXPECT_EQ(cli({"set", "/served/label", "router-7"}), kOk);
+    EXPECT_EQ(cli({"get", "/settings/hostname"}), "{\"type\":\"C_BUF\",\"value\":\"router-7\"}");
+    EXPECT_EQ(cli({"get", "/served/label"}), "{\"type\":\"C_STR\",\"value\":\"router-7\"}");
+    EXPECT_EQ(sub.wait(2).size(), 2u);
+    std::string st = cli({"status"});
+    EXPECT_NE(st.find("\"open_transactions\":0,"), std::string::npos) << st;
+}
+
+// Verifies the command line's audit and commit: an audit event carries its log number (whose
+// symbol is SNMP_AUTHENTICATION_FAILED), user and message; commit changes the configuration in one
+// transaction whose commit-diff names the committing user; each subscriber gets only the events
+// of its mask, and dropping the subscribers closes their sockets.
+TEST_F(MaapiTest, AuditAndCommitEventsFromTheCommandLine)
+{
+    start();
+    Subscriber both(port(), CONFD_NOTIF_AUDIT | CONFD_NOTIF_COMMIT_DIFF);
+    Subscriber audit_only(port(), CONFD_NOTIF_AUDIT);
+    ASSERT_TRUE(both.ok() && audit_only.ok());
+
+    EXPECT_EQ(cli({"audit", "SNMP_AUTHENTICATION_FAILED", "--user", "public", "--msg",
+                   "SNMP authentication failed: 192.0.2.7"}),
+              kOk);
+    EXPECT_EQ(cli({"audit", "NO_SUCH_THING"}), "{\"error\":\"unknown log symbol NO_SUCH_THING\"}");
+    EXPECT_EQ(cli({"commit", "--user", "alice", "/settings/domain=example.net",
+                   "/users/user{dave}/uid=1001", "/pools/pool{7}/ipv4/mode=relay"}),
+              kOk);
+    std::string bad = cli({"commit", "/settings/counter=many"});
+    EXPECT_EQ(bad.rfind("{\"error\":\"/settings/counter", 0), 0u) << bad;
+
+    auto events = both.wait(2);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].type, CONFD_NOTIF_AUDIT);
+    EXPECT_EQ(events[0].logno, CONFD_SNMP_AUTHENTICATION_FAILED);
+    EXPECT_STREQ(confd_log_symbols[events[0].logno], "SNMP_AUTHENTICATION_FAILED");
+    EXPECT_EQ(events[0].user, "public");
+    EXPECT_EQ(events[0].msg, "SNMP authentication failed: 192.0.2.7");
+    EXPECT_EQ(events[1].type, CONFD_NOTIF_COMMIT_DIFF);
+    EXPECT_EQ(events[1].user, "alice");
+    EXPECT_EQ(events[1].changes,
+              (std::vector<std::string>{"set /settings/domain=example.net",
+                                        "created /users/user{dave}", "set /users/user{dave}/uid=1001",
+                                        "modified /pools/pool{7}", "set /pools/pool{7}/ipv4/mode=1"}));
+    auto audits = audit_only.wait(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(audit_only.wait(1).size(), 1u) << "no commit-diff for an audit-only mask";
+    EXPECT_EQ(cli({"get", "/users/user{dave}/uid"}), "{\"type\":\"C_INT32\",\"value\":1001}");
+    EXPECT_EQ(cli({"next", "/pools/pool", "--cookie", "1"}),
+              "{\"keys\":[{\"type\":\"C_UINT32\",\"value\":7}],\"next\":2}");
+    EXPECT_EQ(cli({"walk", "/users/user", "--leaves", "uid"}),
+              "[{\"keys\":[{\"type\":\"C_BUF\",\"value\":\"dave\"}],\"leaves\":{\"uid\":"
+              "{\"type\":\"C_INT32\",\"value\":1001}}},{\"keys\":[{\"type\":\"C_BUF\",\"value\":"
+              "\"guest\"}],\"leaves\":{\"uid\":{\"type\":\"C_INT32\",\"value\":1000}}},{\"keys\":"
+              "[{\"type\":\"C_BUF\",\"value\":\"kelto\"}],\"leaves\":{\"uid\":{\"type\":"
+              "\"C_INT32\",\"value\":0}}}]");
+
+    EXPECT_EQ(cli({"drop", "notifications"}), kOk);
+    for (int i = 0; i < 200 && !(both.eof() && audit_only.eof()); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(both.eof() && audit_only.eof());
+}
+
+// Verifies that a commit goes on after the time-out when a commit-diff subscriber never answers,
+// and that the change is then in place.
+TEST_F(MaapiTest, CommitGoesOnWhenASubscriberNeverAnswers)
+{
+    start(false, {"--diff-timeout-ms", "400"});
+    Subscriber silent(port(), CONFD_NOTIF_COMMIT_DIFF, 0, false);
+    ASSERT_TRUE(silent.ok());
+    auto t0 = Clock::now();
+    EXPECT_EQ(cli({"commit", "/settings/domain=late.example"}), kOk);
+    long took = ms_since(t0);
+    EXPECT_GE(took, 400);
+    EXPECT_LT(took, 5000);
+    EXPECT_EQ(silent.wait(1).size(), 1u);
+    EXPECT_EQ(cli({"get", "/settings/domain"}), "{\"type\":\"C_BUF\",\"value\":\"late.example\"}");
+    EXPECT_NE(emu_->log().find("did not answer"), std::string::npos) << emu_->log();
+}
+
+} // namespace

@@ -1,0 +1,202 @@
+// confd-emu's datastore values: libyang data to ConfD values and back, key order, XPath prefixes.
+#include <gtest/gtest.h>
+
+#include <libyang/libyang.h>
+
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+#include "data_value.h"
+#include "nshash.h"
+#include "schema.h"
+
+namespace
+{
+
+using confd_wire::Value;
+
+const char kModule[] = R"(module dv {
+  yang-version 1.1;
+  namespace "urn:dv";
+  prefix d;
+  import ietf-inet-types { prefix inet; }
+  import ietf-yang-types { prefix yang; }
+  identity kind;
+  identity one { base kind; }
+  container c {
+    leaf dec { type decimal64 { fraction-digits 2; } }
+    leaf flags { type bits { bit a { position 0; } bit c { position 2; } } }
+    leaf bin { type binary; }
+    leaf mac { type yang:phys-address; }
+    leaf host { type inet:host; }
+    leaf id { type identityref { base kind; } }
+    leaf e { type enumeration { enum x { value -3; } enum y; } }
+    leaf pfx { type inet:ipv4-prefix; }
+    leaf flag { type empty; }
+  }
+})";
+
+// The module above loaded through emu::Schema from a directory of its own.
+class DataValue : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        char tmpl[] = "/tmp/data-value.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        FILE *f = std::fopen((dir_ + "/dv.yang").c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fputs(kModule, f);
+        std::fclose(f);
+        schema_ = new emu::Schema;
+        std::string err;
+        ASSERT_TRUE(schema_->load(dir_, err)) << err;
+    }
+    static void TearDownTestSuite()
+    {
+        delete schema_;
+        unlink((dir_ + "/dv.yang").c_str());
+        rmdir(dir_.c_str());
+    }
+
+    const emu::SchemaNode *leaf(const char *name)
+    {
+        return schema_->child(schema_->top("c"), name);
+    }
+
+    // Stores text in leaf `name` with libyang and reads it back as a ConfD value, then converts
+    // that value back to the text libyang takes (in `back`).
+    Value round_trip(const char *name, const char *text, std::string &back)
+    {
+        lyd_node *tree = nullptr;
+        std::string path = std::string("/dv:c/") + name;
+        EXPECT_EQ(lyd_new_path(nullptr, schema_->ctx(), path.c_str(), text, 0, &tree), LY_SUCCESS)
+            << name << "=" << text;
+        lyd_node *node = nullptr;
+        EXPECT_EQ(lyd_find_path(tree, path.c_str(), 0, &node), LY_SUCCESS);
+        Value v;
+        std::string err;
+        EXPECT_TRUE(emu::value_from_data(leaf(name), node, v, err)) << err;
+        EXPECT_TRUE(emu::value_to_data_text(*schema_, leaf(name), v, back, err)) << err;
+        lyd_free_all(tree);
+        return v;
+    }
+
+    static std::string dir_;
+    static emu::Schema *schema_;
+};
+std::string DataValue::dir_;
+emu::Schema *DataValue::schema_ = nullptr;
+
+// Verifies each YANG type's ConfD form and that writing that form back gives the same data.
+TEST_F(DataValue, TypesRoundTrip)
+{
+    std::string back;
+    Value v = round_trip("dec", "-1.05", back);
+    EXPECT_EQ(v.type, emu::vt::DECIMAL64);
+    EXPECT_EQ(v.i, -105);
+    EXPECT_EQ(v.u, 2u);
+    EXPECT_EQ(back, "-1.05");
+    v = round_trip("dec", "0.5", back);
+    EXPECT_EQ(v.i, 50);
+    EXPECT_EQ(back, "0.50");
+
+    v = round_trip("flags", "a c", back);
+    EXPECT_EQ(v.type, emu::vt::BIT32);
+    EXPECT_EQ(v.u, 5u);
+    EXPECT_EQ(back, "a c");
+
+    for (const char *b64 : {"AAEC/w==", "AQ==", "AQI=", "AQID"}) {
+        v = round_trip("bin", b64, back);
+        EXPECT_EQ(v.type, emu::vt::BINARY);
+        EXPECT_EQ(back, b64);
+    }
+    v = round_trip("bin", "AAEC/w==", back);
+    EXPECT_EQ(v.bytes, std::string("\x00\x01\x02\xff", 4));
+
+    v = round_trip("mac", "00:1a:2B", back);
+    EXPECT_EQ(v.type, emu::vt::BINARY);
+    EXPECT_EQ(v.bytes, std::string("\x00\x1a\x2b", 3));
+    EXPECT_EQ(back, "00:1a:2b");
+
+    v = round_trip("host", "10.0.0.1", back);
+    EXPECT_EQ(v.type, emu::vt::IPV4);
+    EXPECT_EQ(back, "10.0.0.1");
+    v = round_trip("host", "::1", back);
+    EXPECT_EQ(v.type, emu::vt::IPV6);
+    v = round_trip("host", "example.org", back);
+    EXPECT_EQ(v.type, emu::vt::BUF);
+    EXPECT_EQ(back, "example.org");
+
+    v = round_trip("id", "dv:one", back);
+    EXPECT_EQ(v.type, emu::vt::IDENTITYREF);
+    EXPECT_EQ(v.a, confd_wire::ns_hash("urn:dv"));
+    EXPECT_EQ(v.b, confd_wire::tag_hash("urn:dv", "one"));
+    EXPECT_EQ(back, "dv:one");
+
+    v = round_trip("e", "x", back);
+    EXPECT_EQ(v.type, emu::vt::ENUM_VALUE);
+    EXPECT_EQ(v.i, -3);
+    EXPECT_EQ(back, "x");
+
+    v = round_trip("pfx", "10.0.0.0/8", back);
+    EXPECT_EQ(v.type, emu::vt::IPV4PREFIX);
+    EXPECT_EQ(v.bytes, std::string("\x0a\x00\x00\x00\x08", 5));
+    EXPECT_EQ(back, "10.0.0.0/8");
+
+    v = round_trip("flag", nullptr, back);
+    EXPECT_EQ(v.type, emu::vt::XMLTAG);
+    EXPECT_EQ(back, "");
+}
+
+// Verifies that values a leaf cannot hold are refused rather than stored as something else.
+TEST_F(DataValue, MisfitValuesAreRefused)
+{
+    std::string out, err;
+    Value v;
+    v.type = emu::vt::INT32;
+    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("dec"), v, out, err));
+    v.type = emu::vt::ENUM_VALUE;
+    v.i = 99;
+    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("e"), v, out, err));
+    v = Value();
+    v.type = emu::vt::BIT32;
+    v.u = 2; // position 1: no such bit
+    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("flags"), v, out, err));
+    v = Value();
+    v.type = emu::vt::IDENTITYREF;
+    v.a = confd_wire::ns_hash("urn:dv");
+    v.b = 12345;
+    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("id"), v, out, err));
+}
+
+// Verifies that prefixes become module names only where they are prefixes of known modules.
+TEST_F(DataValue, XPathPrefixesBecomeModuleNames)
+{
+    EXPECT_EQ(emu::xpath_module_names(*schema_, "/d:c/d:dec"), "/dv:c/dv:dec");
+    EXPECT_EQ(emu::xpath_module_names(*schema_, "/dv:c/e = 'd:c'"), "/dv:c/e = 'd:c'");
+    EXPECT_EQ(emu::xpath_module_names(*schema_, "child::d:c | /x:y"), "child::dv:c | /x:y");
+    EXPECT_EQ(emu::xpath_module_names(*schema_, "count(/d:c/*) > 1.5"),
+              "count(/dv:c/*) > 1.5");
+}
+
+// Verifies the order of list keys: numbers by value, strings bytewise, types apart.
+TEST(DataValueOrder, KeysCompareByValue)
+{
+    Value two, ten, a, b;
+    two.type = ten.type = emu::vt::UINT32;
+    two.u = 2;
+    ten.u = 10;
+    a.type = b.type = emu::vt::BUF;
+    a.bytes = "LAN1";
+    b.bytes = "WAN1";
+    EXPECT_LT(emu::compare_values(two, ten), 0);
+    EXPECT_GT(emu::compare_values(b, a), 0);
+    EXPECT_NE(emu::compare_values(two, a), 0);
+    EXPECT_TRUE(emu::same_value(two, two));
+    EXPECT_FALSE(emu::same_value(two, ten));
+}
+
+} // namespace
