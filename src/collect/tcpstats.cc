@@ -3,17 +3,14 @@
 
 #include "procfs.h"
 #include "scan.h"
-#include "trace_points.h"
+
+#include "core/trace.h"
 
 #include <err.h>
 
 #include <cstring>
 #include <memory>
 #include <vector>
-
-// Fallback for builds of the collectors without the daemon core, whose
-// definition takes precedence when it is linked in.
-__attribute__((weak)) int trace_enabled = 0;
 
 namespace
 {

@@ -5,8 +5,6 @@
 #include <arpa/inet.h>
 #include <cstdlib>
 
-int trace_enabled = 0;
-
 void check_confd_ok(int result, int line)
 {
     if (result == CONFD_OK) return;

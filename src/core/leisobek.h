@@ -10,6 +10,7 @@
 #define LEISOBEK_CORE_LEISOBEK_H
 
 #include "confd_api.h"
+#include "trace.h"
 
 #include <cstdio>
 
@@ -46,19 +47,5 @@ int start_system_trans(int sock);
 // MAAPI socket. When ConfD returns a string it is stored in *result_out and the
 // caller frees it. Returns the ConfD result code.
 int xpath_eval(int thandle, const char *expr, const char *path, char **result_out);
-
-// Entry and exit trace points; silent unless trace_enabled is non-zero,
-// which nothing in the daemon sets.
-extern int trace_enabled;
-
-#define TRACE_ENTER()                                                                              \
-    do {                                                                                           \
-        if (trace_enabled) printf("%s:%d: %s %s() - ", __FILE__, __LINE__, "==>", __func__);       \
-    } while (0)
-
-#define TRACE_EXIT()                                                                               \
-    do {                                                                                           \
-        if (trace_enabled) printf("%s:%d: %s %s() - ", __FILE__, __LINE__, "<==", __func__);       \
-    } while (0)
 
 #endif

@@ -1,27 +1,26 @@
-// Entry and exit trace points of the collectors, silent unless trace_enabled is set.
+// Entry and exit trace points, switched by the process-wide trace_enabled.
 //
-// The switch is the daemon's process-wide trace_enabled, defined by the core;
-// the collectors carry a weak fallback definition so that they link on their
-// own (unit tests, tools). Nothing in the daemon sets it.
-#ifndef LEISOBEK_COLLECT_TRACE_POINTS_H
-#define LEISOBEK_COLLECT_TRACE_POINTS_H
+// Free of ConfD so that the collectors, which are built and tested without
+// it, share the one switch with the providers and the core.
+#ifndef LEISOBEK_CORE_TRACE_H
+#define LEISOBEK_CORE_TRACE_H
 
 #include <cstdio>
 
+// Starts at 0 and nothing in the daemon sets it, so the trace points are
+// compiled in but silent unless a debugger or a test turns them on.
 extern int trace_enabled;
 
-#ifndef TRACE_ENTER
+// "FILE:LINE: ==> FUNCTION() - " on stdout at a function's entry, with no
+// newline; TRACE_EXIT prints the same with "<==".
 #define TRACE_ENTER()                                                                              \
     do {                                                                                           \
         if (trace_enabled) printf("%s:%d: %s %s() - ", __FILE__, __LINE__, "==>", __func__);       \
     } while (0)
-#endif
 
-#ifndef TRACE_EXIT
 #define TRACE_EXIT()                                                                               \
     do {                                                                                           \
         if (trace_enabled) printf("%s:%d: %s %s() - ", __FILE__, __LINE__, "<==", __func__);       \
     } while (0)
-#endif
 
 #endif
