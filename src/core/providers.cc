@@ -1,8 +1,9 @@
 // The MIB providers, registered by start-up in this order.
 #include "daemon.h"
 
+#include "mibs/tcpmibimpl.h"
+
 void register_providers(struct confd_daemon_ctx *dctx, int msock)
 {
-    (void)dctx;
-    (void)msock;
+    register_tcp(dctx, msock);
 }

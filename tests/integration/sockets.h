@@ -1,0 +1,99 @@
+// Real TCP sockets for tests and benchmarks: listeners, connections, index values, holders.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace sockets
+{
+
+// A file descriptor closed when the object goes away.
+class unique_fd
+{
+  public:
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
+    ~unique_fd() { reset(); }
+    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = other.release();
+        }
+        return *this;
+    }
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release()
+    {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset();
+
+  private:
+    int fd_ = -1;
+};
+
+// A TCP listener on address (IPv4 or IPv6 text, "0.0.0.0" / "::" for the
+// wildcard) and port; an IPv6 one accepts IPv6 only. Invalid on failure.
+unique_fd listen_on(const std::string &address, uint16_t port, int backlog = 128);
+
+// A blocking connection to address:port from an ephemeral port; invalid on failure.
+unique_fd connect_to(const std::string &address, uint16_t port);
+
+// The next connection waiting on a listener; invalid on failure.
+unique_fd accept_one(int listener);
+
+// One end of a socket as the TCP-MIB indexes it, in confd-emu-cli's text
+// forms: InetAddressType ("1" or "2"), the address bytes in lower-case hex,
+// and the port in decimal.
+struct end_point {
+    std::string type, address, port;
+};
+
+// The local or the remote end of a connected or bound socket.
+end_point local_end(int fd);
+end_point remote_end(int fd);
+
+// Raises this process's open-file limit (soft and, as root, hard) towards
+// wanted. Returns the soft limit now in force.
+long raise_fd_limit(long wanted);
+
+// Worker processes that each hold a listener on 127.0.0.1 and both ends of
+// loopback connections to it, until the object goes away (then they are
+// killed and reaped). Worker k listens on first_port + k.
+class connection_holders
+{
+  public:
+    struct worker {
+        pid_t pid;
+        uint16_t port;
+        int connections;
+    };
+
+    connection_holders() = default;
+    ~connection_holders() { stop(); }
+    connection_holders(const connection_holders &) = delete;
+    connection_holders &operator=(const connection_holders &) = delete;
+
+    // Opens total connections, spread over as few workers as the open-file
+    // limit allows (raising it where permitted). Returns false with why set
+    // when a worker could not open its share.
+    bool start(int total, uint16_t first_port, std::string &why);
+    // Kills and reaps the workers.
+    void stop();
+    const std::vector<worker> &workers() const { return workers_; }
+
+  private:
+    std::vector<worker> workers_;
+};
+
+} // namespace sockets
