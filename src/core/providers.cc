@@ -2,8 +2,10 @@
 #include "daemon.h"
 
 #include "mibs/tcpmibimpl.h"
+#include "mibs/udpmibimpl.h"
 
 void register_providers(struct confd_daemon_ctx *dctx, int msock)
 {
     register_tcp(dctx, msock);
+    register_udp(dctx, msock);
 }
