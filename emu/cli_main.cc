@@ -55,7 +55,7 @@ int main(int argc, char **argv)
 {
     long port = 4565;
     int i = 1;
-    for (; i < argc; i++) {
+    while (i < argc) {
         std::string a = argv[i];
         if (a == "--help" || a == "-h") {
             std::fputs(kUsage, stdout);
@@ -67,7 +67,7 @@ int main(int argc, char **argv)
         port = i + 1 < argc ? std::strtol(argv[i + 1], &end, 10) : -1;
         if (i + 1 >= argc || errno || *end || port < 1 || port > 65535)
             return fail("--port needs a port number 1-65535");
-        i++;
+        i += 2; // the switch and its value
     }
     if (i >= argc) {
         std::fputs(kUsage, stderr);

@@ -156,11 +156,16 @@ void Server::run(int stop_fd)
 void Server::serve(const ConnPtr &c)
 {
     std::string hello;
-    // A client that connects must say who it is promptly; one that does not is dropped.
-    if (confd_wire::recv_frame(c->fd(), hello, opt_.timeout_ms) != 1) return;
+    // A client that connects must say who it is promptly; one that does not is dropped (and
+    // forgotten, as any other connection is when it ends).
+    if (confd_wire::recv_frame(c->fd(), hello, opt_.timeout_ms) != 1) {
+        reg_.conn_closed(c, ConnKind{});
+        return;
+    }
     Reader r(hello);
     if (r.op() != Op::Hello) {
         c->send(err_frame(CONFD_ERR_PROTOUSAGE, "a connection must open with a hello"));
+        reg_.conn_closed(c, ConnKind{});
         return;
     }
     auto kind = static_cast<ConnKind>(r.u8());
@@ -182,7 +187,7 @@ void Server::serve(const ConnPtr &c)
         break;
     default:
         c->send(err_frame(CONFD_ERR_PROTOUSAGE, "unknown connection kind"));
-        return;
+        break;
     }
     reg_.conn_closed(c, kind);
 }

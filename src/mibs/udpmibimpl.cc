@@ -111,8 +111,10 @@ int32_t find_endpoint(const stats_list *list, const endpoint_index &index)
 int get_udp_endpoint_stats(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
-    endpoint_index index = read_endpoint_index(kp->v[1]);
+    // The keys are only looked at (and their types checked) while rows are
+    // compared with them: an empty table fails the request without that.
     if (!walk_list || walk_list->count == 0) return CONFD_ERR;
+    endpoint_index index = read_endpoint_index(kp->v[1]);
     int32_t position = find_endpoint(walk_list, index);
     // Kept: a key that matches no row is answered from the last row of the
     // table, where the router's walk through the list stops.

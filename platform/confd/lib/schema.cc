@@ -130,7 +130,12 @@ bool parse_payload(const std::string &answer, SchemaStore &st, std::string &err)
         st.namespaces.push_back(std::move(ns));
     }
     uint32_t n_nodes = rd.u32();
-    if (!rd.ok() || n_nodes > limit) {
+    // A node takes at least 27 bytes (tag, ns, parent, kind, config, vtype,
+    // an empty type name, no keys, no enums), and the node table is far
+    // larger than that per entry: bound the count by what the payload can
+    // hold before allocating for it.
+    const uint32_t min_node_bytes = 27;
+    if (!rd.ok() || n_nodes > limit / min_node_bytes) {
         err = "node count out of range";
         return false;
     }
