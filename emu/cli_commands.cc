@@ -354,7 +354,8 @@ std::string cmd_next(CliEnv &env, const Args &a)
     c.cookie = cookie;
     DpReply r;
     if (!step_list(s, *t, list, p, c, r, err)) return error_json(err);
-    if (r.kind == ReplyKind::NextEnd) return "{\"keys\":null,\"next\":-1}";
+    if (r.kind == ReplyKind::NextEnd)
+        return "{\"keys\":null,\"next\":" + std::to_string(r.next) + "}";
     return "{\"keys\":" + keys_json(r.values) + ",\"next\":" + std::to_string(r.next) + "}";
 }
 

@@ -111,6 +111,9 @@ bool DpSession::request(Txn &txn, const ConnPtr &conn, uint32_t rid, const std::
         out.value.u = r.u32();
         break;
     case ReplyKind::NextEnd:
+        // The daemon's end-of-list cookie follows when it answered get_next.
+        out.next = r.at_end() ? -1 : r.i64();
+        break;
     case ReplyKind::NotFound:
     case ReplyKind::Found:
     case ReplyKind::Done:

@@ -81,7 +81,11 @@ bool decode_reply(Reader &rd, Capture &cap)
             return false;
         p.next = static_cast<long>(rd.i64());
         return rd.ok();
-    case ReplyKind::NextEnd: p.kind = CONFD_INPROC_NEXT_END; return true;
+    case ReplyKind::NextEnd:
+        p.kind = CONFD_INPROC_NEXT_END;
+        if (!rd.at_end())
+            p.next = static_cast<long>(rd.i64());
+        return rd.ok();
     case ReplyKind::NotFound: p.kind = CONFD_INPROC_NOT_FOUND; return true;
     case ReplyKind::Found: p.kind = CONFD_INPROC_FOUND; return true;
     case ReplyKind::Done: p.kind = CONFD_INPROC_DONE; return true;

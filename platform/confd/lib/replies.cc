@@ -247,7 +247,9 @@ int confd_data_reply_next_key(struct confd_trans_ctx *tctx, const confd_value_t 
     if (check_reply(tctx, fn, {DataCb::GetNext, DataCb::FindNext}) != CONFD_OK)
         return CONFD_ERR;
     if (v == nullptr)
-        return deliver(tctx, reply_frame(rid_of(tctx), ReplyKind::NextEnd).payload());
+        // The cookie of an end-of-list reply travels too, so that tools see
+        // exactly what the daemon answered.
+        return deliver(tctx, reply_frame(rid_of(tctx), ReplyKind::NextEnd).i64(next).payload());
     if (num_vals_in_key < 1 || num_vals_in_key >= MAXKEYLEN)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: %d key values", fn, num_vals_in_key);
     Writer w = reply_frame(rid_of(tctx), ReplyKind::NextKey);

@@ -116,7 +116,9 @@ enum class Op : uint8_t {
     //   u32 rid, u8 ReplyKind, then per kind:
     //   Value: Value v
     //   NextKey: u32 n, Value keys[n], i64 next
-    //   NextEnd / NotFound / Found / Done: (nothing)
+    //   NextEnd: i64 next when answering get_next/find_next (the cookie the
+    //            daemon passed with its empty key array); nothing otherwise
+    //   NotFound / Found / Done: (nothing)
     //   ValueArray: u32 n, Value v[n]
     //   Error: i32 result (CONFD_ERR...), i32 errcode (confd_errcode), str message
     //   TransInitDone: u32 worker_id (the socket confd_trans_set_fd chose)
