@@ -14,89 +14,64 @@
 // seconds, so each figure is the mean over several spaced-out rounds.
 #include "harness.h"
 #include "sockets.h"
-#include "udp_sockets.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <net/if.h>
-#include <sched.h>
-#include <spawn.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-extern char **environ;
-
 namespace
 {
 
-// What differs between the tables the benchmark can measure. Adding a table
-// (udpEndpointTable, ...) is adding an entry to table_kinds().
+// A table the benchmark can measure: the --table value, the list walked, what one refresh reads
+// from /proc/net, and what N counts.
 struct table_kind {
-    std::string name;                      // the --table value
-    std::string path;                      // the list that is walked
-    std::vector<std::string> kernel_files; // what one refresh reads from /proc/net
-    // Opens n sockets of the table's kind, held by other processes until the
-    // handle is released; null (and why) when they could not be opened.
-    std::function<std::shared_ptr<void>(int n, std::string &why)> open_sockets;
-    const char *unit; // what n counts
+    const char *name, *path;
+    std::vector<std::string> kernel_files;
+    const char *unit;
 };
 
-std::shared_ptr<void> open_loopback_connections(int n, std::string &why)
-{
-    auto holders = std::make_shared<sockets::connection_holders>();
-    if (!holders->start(n, 7100, why)) return nullptr;
-    return holders;
-}
+const table_kind kinds[] = {
+    {"tcp",
+     "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry",
+     {"/proc/net/tcp", "/proc/net/tcp6"},
+     "loopback connections"},
+    {"udp",
+     "/UDP-MIB/udpEndpointTable/udpEndpointEntry",
+     {"/proc/net/udp", "/proc/net/udp6"},
+     "UDP sockets"},
+};
 
-// n UDP sockets bound on the loopback addresses (every other one IPv6),
-// held by processes of at most 5 000 sockets each.
-std::shared_ptr<void> open_udp_endpoints(int n, std::string &why)
+// Opens n sockets of the table's kind, held by other processes until the handle is released (UDP
+// ones by processes of at most 5 000 sockets each); null (and why) when they could not be opened.
+std::shared_ptr<void> open_sockets(const table_kind &kind, int n, std::string &why)
 {
-    auto holders = std::make_shared<std::vector<std::unique_ptr<udp_sockets::holder>>>();
+    if (std::string(kind.name) == "tcp") {
+        auto holders = std::make_shared<sockets::connection_holders>();
+        return holders->start(n, 7100, why) ? holders : nullptr;
+    }
+    auto holders = std::make_shared<std::vector<std::unique_ptr<sockets::udp_holder>>>();
     for (int left = n; left > 0; left -= 5000) {
         int count = std::min(left, 5000);
-        holders->push_back(std::make_unique<udp_sockets::holder>(count));
+        holders->push_back(std::make_unique<sockets::udp_holder>(count));
         if (holders->back()->rows().size() != static_cast<size_t>(count)) {
             why = "could not open " + std::to_string(count) + " UDP sockets in one process";
             return nullptr;
         }
     }
     return holders;
-}
-
-const std::vector<table_kind> &table_kinds()
-{
-    static const std::vector<table_kind> kinds = {
-        {"tcp",
-         "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry",
-         {"/proc/net/tcp", "/proc/net/tcp6"},
-         open_loopback_connections,
-         "loopback connections"},
-        {"udp",
-         "/UDP-MIB/udpEndpointTable/udpEndpointEntry",
-         {"/proc/net/udp", "/proc/net/udp6"},
-         open_udp_endpoints,
-         "UDP sockets"},
-    };
-    return kinds;
 }
 
 struct options {
@@ -136,14 +111,6 @@ bool parse_options(int argc, char **argv, options &opt)
     return true;
 }
 
-std::string read_text(const std::string &path)
-{
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 // CPU time of a process so far, in milliseconds.
 struct cpu_time {
     double stat_ms = 0;  // utime + stime of all its threads, in whole ticks
@@ -153,7 +120,7 @@ struct cpu_time {
 cpu_time cpu_of(pid_t pid)
 {
     cpu_time t;
-    std::string stat = read_text("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat = harness::read_file("/proc/" + std::to_string(pid) + "/stat");
     size_t paren = stat.rfind(')');
     if (paren != std::string::npos) {
         // Fields after the command name start with the state (field 3);
@@ -167,7 +134,7 @@ cpu_time cpu_of(pid_t pid)
         }
         t.stat_ms = 1000.0 * static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
     }
-    std::istringstream sched(read_text("/proc/" + std::to_string(pid) + "/schedstat"));
+    std::istringstream sched(harness::read_file("/proc/" + std::to_string(pid) + "/schedstat"));
     long long run_ns = 0;
     if (sched >> run_ns) t.sched_ms = static_cast<double>(run_ns) / 1e6;
     return t;
@@ -230,32 +197,15 @@ class floor_reader
     std::vector<std::pair<uint32_t, uint32_t>> owners_;
 };
 
-void bring_up_loopback()
-{
-    int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr = {};
-    snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "%s", "lo");
-    if (ioctl(s, SIOCGIFFLAGS, &ifr) == 0) {
-        ifr.ifr_flags |= IFF_UP;
-        ioctl(s, SIOCSIFFLAGS, &ifr);
-    }
-    close(s);
-}
-
-// The leisobek process, its output in /tmp, killed when the object goes away.
+// The leisobek process, its stderr in /tmp, killed when the object goes away.
 class daemon_process
 {
   public:
     daemon_process()
     {
-        char *argv[] = {const_cast<char *>(LEISOBEK_BIN), nullptr};
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&fa, 1, "/tmp/leisobek.out", O_WRONLY | O_CREAT, 0600);
-        posix_spawn_file_actions_addopen(&fa, 2, "/tmp/leisobek.err", O_WRONLY | O_CREAT, 0600);
-        if (posix_spawn(&pid_, argv[0], &fa, nullptr, argv, environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&fa);
+        int err = open("/tmp/leisobek.err", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        pid_ = harness::spawn({LEISOBEK_BIN}, err, err);
+        close(err);
     }
     ~daemon_process()
     {
@@ -321,7 +271,7 @@ double mean(const std::vector<double> &v)
 bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &refreshed_at,
              figures &f, std::string &why)
 {
-    std::shared_ptr<void> held = kind.open_sockets(n, why);
+    std::shared_ptr<void> held = open_sockets(kind, n, why);
     if (!held) return false;
     f.n = n;
     floor_reader floor;
@@ -403,7 +353,7 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
 int run_benchmark(const options &opt)
 {
     const table_kind *kind = nullptr;
-    for (const table_kind &k : table_kinds())
+    for (const table_kind &k : kinds)
         if (k.name == opt.table) kind = &k;
     if (!kind) {
         fprintf(stderr, "bench_tables: unknown table %s\n", opt.table.c_str());
@@ -424,7 +374,7 @@ int run_benchmark(const options &opt)
     }
     if (daemon.pid() <= 0 || !registered) {
         fprintf(stderr, "bench_tables: leisobek did not register: %s\n",
-                read_text("/tmp/leisobek.err").c_str());
+                harness::read_file("/tmp/leisobek.err").c_str());
         return 2;
     }
 
@@ -444,7 +394,7 @@ int run_benchmark(const options &opt)
     printf("%s (%s); leisobek CPU from /proc/%d/stat (utime+stime, %.0f ms ticks) and,\n"
            "in brackets, its main thread's /proc/%d/schedstat; floor in this process; means of %d "
            "rounds\n\n",
-           kind->path.c_str(), kind->unit, daemon.pid(), tick_ms, daemon.pid(), opt.rounds);
+           kind->path, kind->unit, daemon.pid(), tick_ms, daemon.pid(), opt.rounds);
     printf("%8s %8s %8s | %20s %10s %16s | %12s %20s\n", "N", "rows", "lines", "refresh ms",
            "floor ms", "refresh/floor", "walk ms", "walk us/row");
     bool refresh_ok = true;
@@ -480,14 +430,6 @@ int run_benchmark(const options &opt)
     return refresh_ok && flat ? 0 : 1;
 }
 
-int wait_code(pid_t pid)
-{
-    int st = 0;
-    while (waitpid(pid, &st, 0) < 0)
-        if (errno != EINTR) return 2;
-    return WIFEXITED(st) ? WEXITSTATUS(st) : 2;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -497,25 +439,10 @@ int main(int argc, char **argv)
         fputs(usage, stderr);
         return 2;
     }
-    // The daemon needs port 4565 and sees every process's sockets: both
-    // only in namespaces of its own.
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWPID) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        fprintf(stderr, "bench_tables: private namespaces not permitted: %s\n", strerror(errno));
-        return 2;
-    }
-    fflush(stdout);
-    pid_t inner = fork();
-    if (inner == 0) {
-        if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0 ||
-            mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
-            fprintf(stderr, "bench_tables: mounts: %s\n", strerror(errno));
-            _exit(2);
-        }
-        bring_up_loopback();
-        int code = run_benchmark(opt);
-        fflush(stdout);
-        _exit(code);
-    }
-    return inner < 0 ? 2 : wait_code(inner);
+    // The daemon needs port 4565 and sees every process's sockets: both only in namespaces of
+    // its own.
+    int code = harness::run_in_namespaces([&] { return run_benchmark(opt); });
+    if (code == harness::kNoNamespaces)
+        fprintf(stderr, "bench_tables: private namespaces not permitted\n");
+    return code == 0 || code == 1 ? code : 2;
 }

@@ -1,7 +1,7 @@
 // Reading confd-emu-cli's JSON answers in tests: a small parser and the rows of a walk.
 #pragma once
 
-#include <cstdlib>
+#include <cctype>
 #include <map>
 #include <string>
 #include <utility>
@@ -27,124 +27,87 @@ struct value {
     }
 };
 
-class parser
+namespace detail
 {
-  public:
-    explicit parser(const std::string &text) : s_(text) {}
 
-    // Parses the whole text; false when it is not one well-formed value.
-    bool parse(value &out)
-    {
-        if (!parse_value(out)) return false;
-        skip_space();
-        return at_ == s_.size();
-    }
+inline void skip_space(const std::string &s, size_t &at)
+{
+    while (at < s.size() && isspace(static_cast<unsigned char>(s[at])))
+        at++;
+}
 
-  private:
-    void skip_space()
-    {
-        while (at_ < s_.size() &&
-               (s_[at_] == ' ' || s_[at_] == '\n' || s_[at_] == '\t' || s_[at_] == '\r'))
-            at_++;
-    }
-
-    bool literal(const char *word)
-    {
-        size_t n = std::char_traits<char>::length(word);
-        if (s_.compare(at_, n, word) != 0) return false;
-        at_ += n;
-        return true;
-    }
-
-    bool parse_string(std::string &out)
-    {
-        if (s_[at_] != '"') return false;
-        for (at_++; at_ < s_.size(); at_++) {
-            char c = s_[at_];
-            if (c == '"') {
-                at_++;
-                return true;
-            }
-            if (c == '\\') {
-                if (++at_ >= s_.size()) return false;
-                char e = s_[at_];
-                if (e == 'n')
-                    c = '\n';
-                else if (e == 't')
-                    c = '\t';
-                else if (e == 'u') {
-                    if (at_ + 4 >= s_.size()) return false;
-                    c = static_cast<char>(std::strtol(s_.substr(at_ + 1, 4).c_str(), nullptr, 16));
-                    at_ += 4;
-                } else
-                    c = e;
-            }
-            out += c;
-        }
-        return false;
-    }
-
-    bool parse_value(value &v)
-    {
-        skip_space();
-        if (at_ >= s_.size()) return false;
-        char c = s_[at_];
-        if (c == '{') {
-            v.kind = value::object;
-            at_++;
-            skip_space();
-            if (at_ < s_.size() && s_[at_] == '}') return ++at_, true;
-            for (;;) {
-                skip_space();
-                std::pair<std::string, value> m;
-                if (at_ >= s_.size() || !parse_string(m.first)) return false;
-                skip_space();
-                if (at_ >= s_.size() || s_[at_++] != ':' || !parse_value(m.second)) return false;
-                v.members.push_back(std::move(m));
-                skip_space();
-                if (at_ >= s_.size()) return false;
-                if (s_[at_] == '}') return ++at_, true;
-                if (s_[at_++] != ',') return false;
+inline bool parse_string(const std::string &s, size_t &at, std::string &out)
+{
+    if (at >= s.size() || s[at] != '"') return false;
+    for (at++; at < s.size(); at++) {
+        char c = s[at];
+        if (c == '"') return ++at, true;
+        if (c == '\\' && ++at < s.size()) {
+            c = s[at] == 'n' ? '\n' : s[at] == 't' ? '\t' : s[at];
+            if (s[at] == 'u' && at + 4 < s.size()) {
+                c = static_cast<char>(std::stoi(s.substr(at + 1, 4), nullptr, 16));
+                at += 4;
             }
         }
-        if (c == '[') {
-            v.kind = value::array;
-            at_++;
-            skip_space();
-            if (at_ < s_.size() && s_[at_] == ']') return ++at_, true;
-            for (;;) {
+        out += c;
+    }
+    return false;
+}
+
+inline bool parse_value(const std::string &s, size_t &at, value &v)
+{
+    skip_space(s, at);
+    if (at >= s.size()) return false;
+    char open = s[at];
+    if (open == '"') {
+        v.kind = value::string;
+        return parse_string(s, at, v.text);
+    }
+    if (open == '[' || open == '{') {
+        v.kind = open == '[' ? value::array : value::object;
+        char close = open == '[' ? ']' : '}';
+        skip_space(s, ++at);
+        if (at < s.size() && s[at] == close) return ++at, true;
+        for (;;) {
+            if (open == '{') {
+                v.members.emplace_back();
+                skip_space(s, at);
+                if (!parse_string(s, at, v.members.back().first)) return false;
+                skip_space(s, at);
+                if (at >= s.size() || s[at++] != ':') return false;
+                if (!parse_value(s, at, v.members.back().second)) return false;
+            } else {
                 v.items.emplace_back();
-                if (!parse_value(v.items.back())) return false;
-                skip_space();
-                if (at_ >= s_.size()) return false;
-                if (s_[at_] == ']') return ++at_, true;
-                if (s_[at_++] != ',') return false;
+                if (!parse_value(s, at, v.items.back())) return false;
             }
+            skip_space(s, at);
+            if (at >= s.size()) return false;
+            if (s[at] == close) return ++at, true;
+            if (s[at++] != ',') return false;
         }
-        if (c == '"') {
-            v.kind = value::string;
-            return parse_string(v.text);
-        }
-        for (const char *word : {"true", "false"}) {
-            if (literal(word)) {
-                v.kind = value::boolean;
-                v.text = word;
-                return true;
-            }
-        }
-        if (literal("null")) return true;
-        size_t start = at_;
-        while (at_ < s_.size() && (s_[at_] == '-' || (s_[at_] >= '0' && s_[at_] <= '9')))
-            at_++;
-        if (at_ == start) return false;
-        v.kind = value::number;
-        v.text = s_.substr(start, at_ - start);
-        return true;
     }
+    size_t start = at;
+    while (at < s.size() && (isalnum(static_cast<unsigned char>(s[at])) || s[at] == '-'))
+        at++;
+    v.text = s.substr(start, at - start);
+    if (v.text == "null") v.text.clear();
+    v.kind = v.text.empty()                          ? value::null
+             : v.text == "true" || v.text == "false" ? value::boolean
+                                                     : value::number;
+    return at > start && (v.kind != value::number ||
+                          v.text.find_first_not_of("-0123456789") == std::string::npos);
+}
 
-    const std::string &s_;
-    size_t at_ = 0;
-};
+} // namespace detail
+
+// Parses the whole text; false when it is not one well-formed value.
+inline bool parse(const std::string &text, value &out)
+{
+    size_t at = 0;
+    if (!detail::parse_value(text, at, out)) return false;
+    detail::skip_space(text, at);
+    return at == text.size();
+}
 
 // One row of a walk: its keys and leaves as the CLI printed their values
 // (numbers in decimal, binaries in hex, strings as they are).
@@ -158,7 +121,7 @@ struct row {
 inline bool parse_walk(const std::string &answer, std::vector<row> &rows)
 {
     value doc;
-    if (!parser(answer).parse(doc) || doc.kind != value::array) return false;
+    if (!parse(answer, doc) || doc.kind != value::array) return false;
     rows.clear();
     for (const value &r : doc.items) {
         row out;

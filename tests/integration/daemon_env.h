@@ -1,16 +1,17 @@
 // Running the real leisobek binary in tests: private namespaces, the process, confd-emu.
 //
 // A test body given to RUN_ISOLATED runs in a forked child with its own
-// network, mount and pid namespaces (and its own /proc), loopback up and
-// tmpfs on /tmp and /mnt: confd-emu can take the daemon's fixed port 4565,
-// files the daemon reads or removes live in scratch directories, and whatever
-// the body leaves running dies with it. Where namespaces are not permitted
-// the test is skipped.
+// network, mount and pid namespaces (harness::run_in_namespaces): confd-emu
+// can take the daemon's fixed port 4565, files the daemon reads or removes
+// live in scratch directories, and whatever the body leaves running dies with
+// it. Where namespaces are not permitted the test is skipped.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -20,19 +21,17 @@
 namespace daemon_env
 {
 
-constexpr int kNoNamespaces = 77;  // the child could not set up its namespaces
 constexpr int kSkippedInside = 78; // the body skipped itself
 
-// Runs body in private namespaces (above). Returns 0 when it passed,
-// kNoNamespaces, kSkippedInside, or another code when it failed (its failures
-// are printed from inside).
+// Runs body in private namespaces. Returns 0 when it passed, harness::kNoNamespaces,
+// kSkippedInside, or another code when it failed (its failures are printed from inside).
 int run_isolated(const std::function<void()> &body);
-
-// The whole text of a file, "" when it cannot be read.
-std::string read_text(const std::string &path);
 
 // Polls cond every 20 ms until it holds (true) or timeout_ms pass (false).
 bool eventually(const std::function<bool()> &cond, int timeout_ms = 10000);
+
+// The values of a section of /proc/net/snmp ("Tcp", "Udp") by name; empty when it is missing.
+std::map<std::string, std::string> snmp_counters(const std::string &section);
 
 // One run of the leisobek binary with stdin from /dev/null and stdout and
 // stderr kept in files; killed when the object goes away if still running.
@@ -45,15 +44,13 @@ class Daemon
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
 
-    bool started() const { return pid_ > 0 || status_ >= 0; }
     // Exit status once the daemon has ended within timeout_ms (128+N for
     // signal N), or -1 while it keeps running.
     int wait_exit(int timeout_ms = 10000);
     bool running() { return wait_exit(0) < 0; }
     // Kills the daemon if it still runs and reaps it.
     void stop();
-    std::string err() const { return read_text(dir_ + "/err"); }
-    std::string out() const { return read_text(dir_ + "/out"); }
+    std::string err() const { return harness::read_file(dir_ + "/err"); }
 
   private:
     std::string dir_;
@@ -61,12 +58,13 @@ class Daemon
     int status_ = -1;
 };
 
-// confd-emu on the daemon's fixed port 4565; its CLI answers come back
-// without the trailing newline, and a CLI that cannot reach it fails the test.
+// confd-emu on the daemon's fixed port 4565 (extra arguments after it); its
+// CLI answers come back without the trailing newline, and a CLI that cannot
+// reach it fails the test.
 class Emu
 {
   public:
-    Emu();
+    explicit Emu(std::vector<std::string> extra = {});
     // Starts the server; false (and a test failure) when it does not come up.
     bool start();
     std::string cli(const std::vector<std::string> &args) const;
@@ -79,6 +77,9 @@ class Emu
     // Waits until no daemon is connected, so that the next one run cannot be
     // mistaken for the last.
     bool wait_no_daemons() const;
+    // Starts the server, then leisobek with args, and waits for its registration; null (and a
+    // test failure) when either does not come up.
+    std::unique_ptr<Daemon> start_with_daemon(std::vector<std::string> args = {});
 
   private:
     harness::Emu emu_;
@@ -89,7 +90,7 @@ class Emu
 #define RUN_ISOLATED(...)                                                                          \
     do {                                                                                           \
         int code_ = ::daemon_env::run_isolated(__VA_ARGS__);                                       \
-        if (code_ == ::daemon_env::kNoNamespaces)                                                  \
+        if (code_ == ::harness::kNoNamespaces)                                                     \
             GTEST_SKIP() << "network, mount and pid namespaces are not permitted here";            \
         if (code_ == ::daemon_env::kSkippedInside)                                                 \
             GTEST_SKIP() << "skipped inside its namespace (reason above)";                         \

@@ -1,6 +1,8 @@
-// Integration-test harness: runs confd-emu as a child process and confd-emu-cli against it.
+// Integration-test harness: child processes, confd-emu and its CLI, private namespaces, files.
 #pragma once
 
+#include <functional>
+#include <netinet/in.h>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -14,15 +16,36 @@ const char *confd_emu_cli_path();
 
 // A TCP port on 127.0.0.1 that was free a moment ago (0 when none could be had).
 int free_port();
+// The address 127.0.0.1:port.
+sockaddr_in loopback(int port);
+
+// The whole text of a file, "" when it cannot be read.
+std::string read_file(const std::string &path);
+
+// Starts argv (argv[0] is its path) with stdin from /dev/null and stdout and stderr on the given
+// fds, and env_extra ("NAME=value") replacing inherited variables of the same name. Returns the
+// pid, -1 when it could not start.
+pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd,
+            const std::vector<std::string> &env_extra = {});
+// Reaps pid: its exit status, 128+N when killed by signal N, -1 on error.
+int wait_code(pid_t pid);
 
 struct CmdResult {
-    int exit_code = -1; // exit status; 128+N when killed by signal N; -1 when it could not run
+    int exit_code = -1; // as wait_code(); -1 when it could not run
     std::string out, err;
 };
 
-// Runs a program (argv[0] is its path) to completion, capturing stdout and stderr. A program still
-// running after timeout_ms is killed (exit_code then 128+SIGKILL).
+// Runs a program to completion, capturing stdout and stderr. A program still running after
+// timeout_ms is killed (exit_code then 128+SIGKILL).
 CmdResult run(const std::vector<std::string> &argv, int timeout_ms = 30000);
+
+constexpr int kNoNamespaces = 77; // the child could not set up its namespaces
+
+// Runs body in a forked child that is the first process of fresh network, mount and pid namespaces
+// (its own /proc, loopback up, empty tmpfs on /tmp and /mnt with the source and build trees kept
+// visible), so that port 4565 is free and whatever body starts dies with it. Returns body's result
+// as the child's exit status, or kNoNamespaces (the reason on stderr).
+int run_in_namespaces(const std::function<int()> &body);
 
 // One confd-emu child process on an ephemeral port, stopped when the object goes away.
 class Emu
@@ -41,7 +64,6 @@ class Emu
     // or -1 when it was not running.
     int stop();
     int port() const { return port_; }
-    pid_t pid() const { return pid_; }
     // What the server wrote to stdout and stderr so far.
     std::string log() const;
     // Runs confd-emu-cli --port PORT args... against this server.

@@ -1,4 +1,4 @@
-// Real TCP sockets for tests and benchmarks (see sockets.h).
+// Real sockets for tests and benchmarks (see sockets.h).
 #include "sockets.h"
 
 #include <algorithm>
@@ -10,6 +10,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sstream>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -100,6 +102,24 @@ end_point end_of(const sockaddr_storage &addr)
         pause();
 }
 
+// Raises this process's open-file limit (soft and, as root, hard) towards wanted. Returns the soft
+// limit now in force.
+long raise_fd_limit(long wanted)
+{
+    rlimit lim;
+    if (getrlimit(RLIMIT_NOFILE, &lim) != 0) return 0;
+    rlim_t want = static_cast<rlim_t>(wanted);
+    if (lim.rlim_cur >= want) return static_cast<long>(lim.rlim_cur);
+    rlimit raised = {want, lim.rlim_max > want ? lim.rlim_max : want};
+    if (setrlimit(RLIMIT_NOFILE, &raised) != 0) {
+        // Not allowed past the hard limit: take as much as it permits.
+        raised = {lim.rlim_max, lim.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &raised);
+    }
+    getrlimit(RLIMIT_NOFILE, &lim);
+    return static_cast<long>(lim.rlim_cur);
+}
+
 } // namespace
 
 void unique_fd::reset()
@@ -156,22 +176,6 @@ end_point remote_end(int fd)
     return end_of(addr);
 }
 
-long raise_fd_limit(long wanted)
-{
-    rlimit lim;
-    if (getrlimit(RLIMIT_NOFILE, &lim) != 0) return 0;
-    rlim_t want = static_cast<rlim_t>(wanted);
-    if (lim.rlim_cur >= want) return static_cast<long>(lim.rlim_cur);
-    rlimit raised = {want, lim.rlim_max > want ? lim.rlim_max : want};
-    if (setrlimit(RLIMIT_NOFILE, &raised) != 0) {
-        // Not allowed past the hard limit: take as much as it permits.
-        raised = {lim.rlim_max, lim.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &raised);
-    }
-    getrlimit(RLIMIT_NOFILE, &lim);
-    return static_cast<long>(lim.rlim_cur);
-}
-
 bool connection_holders::start(int total, uint16_t first_port, std::string &why)
 {
     // Each worker needs two descriptors per connection and a few of its
@@ -225,6 +229,104 @@ void connection_holders::stop()
     for (const worker &w : workers_)
         waitpid(w.pid, nullptr, 0);
     workers_.clear();
+}
+
+bool udp_index_less(const udp_row &a, const udp_row &b)
+{
+    for (size_t i = 0; i < 7 && i < a.size() && i < b.size(); i++) {
+        if (a[i].size() != b[i].size()) return a[i].size() < b[i].size();
+        if (a[i] != b[i]) return a[i] < b[i];
+    }
+    return false;
+}
+
+int open_udp(const char *address, int port, bool reuse, const char *peer, int peer_port)
+{
+    sockaddr_storage addr;
+    socklen_t len;
+    if (!make_address(address, static_cast<uint16_t>(port), addr, len)) return -1;
+    unique_fd s(socket(addr.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    int one = 1;
+    if (s && reuse) setsockopt(s.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (!s || bind(s.get(), reinterpret_cast<sockaddr *>(&addr), len) != 0) return -1;
+    if (peer && (!make_address(peer, static_cast<uint16_t>(peer_port), addr, len) ||
+                 connect(s.get(), reinterpret_cast<sockaddr *>(&addr), len) != 0))
+        return -1;
+    return s.release();
+}
+
+udp_row udp_row_of(int fd, long process)
+{
+    end_point local = local_end(fd);
+    sockaddr_storage peer;
+    socklen_t len = sizeof peer;
+    end_point remote = getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &len) == 0
+                           ? end_of(peer)
+                           : end_point{local.type, std::string(local.address.size(), '0'), "0"};
+    struct stat st = {};
+    fstat(fd, &st);
+    return {local.type,
+            local.address,
+            local.port,
+            remote.type,
+            remote.address,
+            remote.port,
+            std::to_string(st.st_ino),
+            "p" + std::to_string(process)};
+}
+
+udp_holder::udp_holder(int count)
+{
+    int data[2], hold[2];
+    if (pipe(data) != 0 || pipe(hold) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+        // Only the two pipe ends stay open: a copy of another holder's pipe would keep that holder
+        // waiting, and a copy of someone's socket would make this process one of its owners.
+        int low = std::min(data[1], hold[0]), high = std::max(data[1], hold[0]);
+        if (low > 3) close_range(3, static_cast<unsigned>(low) - 1, 0);
+        if (high > low + 1)
+            close_range(static_cast<unsigned>(low) + 1, static_cast<unsigned>(high) - 1, 0);
+        close_range(static_cast<unsigned>(high) + 1, ~0u, 0);
+        std::string text;
+        for (int i = 0, fd; i < count && (fd = open_udp(i % 2 ? "::1" : "127.0.0.1", 0)) >= 0;
+             i++) {
+            for (const std::string &field : udp_row_of(fd, getpid()))
+                text += field + " ";
+            text += "\n";
+        }
+        for (size_t done = 0; done < text.size();) {
+            ssize_t n = write(data[1], text.data() + done, text.size() - done);
+            if (n <= 0) _exit(1);
+            done += static_cast<size_t>(n);
+        }
+        close(data[1]);
+        char c;
+        while (read(hold[0], &c, 1) > 0) {
+        }
+        _exit(0);
+    }
+    close(data[1]);
+    close(hold[0]);
+    hold_fd_ = hold[1];
+    std::string text;
+    char buf[65536];
+    for (ssize_t n; (n = read(data[0], buf, sizeof buf)) > 0;)
+        text.append(buf, static_cast<size_t>(n));
+    close(data[0]);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        rows_.emplace_back();
+        for (std::string f; fields >> f;)
+            rows_.back().push_back(f);
+    }
+}
+
+udp_holder::~udp_holder()
+{
+    if (hold_fd_ >= 0) close(hold_fd_);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
 }
 
 } // namespace sockets

@@ -1,4 +1,5 @@
-// Real TCP sockets for tests and benchmarks: listeners, connections, index values, holders.
+// Real sockets for tests and benchmarks: TCP listeners and connections, UDP endpoints, their
+// index values, and processes holding many of them.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +26,6 @@ class unique_fd
         }
         return *this;
     }
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
 
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
@@ -52,9 +51,9 @@ unique_fd connect_to(const std::string &address, uint16_t port);
 // The next connection waiting on a listener; invalid on failure.
 unique_fd accept_one(int listener);
 
-// One end of a socket as the TCP-MIB indexes it, in confd-emu-cli's text
-// forms: InetAddressType ("1" or "2"), the address bytes in lower-case hex,
-// and the port in decimal.
+// One end of a socket as the MIBs index it, in confd-emu-cli's text forms:
+// InetAddressType ("1" or "2"), the address bytes in lower-case hex, and the
+// port in decimal.
 struct end_point {
     std::string type, address, port;
 };
@@ -62,10 +61,6 @@ struct end_point {
 // The local or the remote end of a connected or bound socket.
 end_point local_end(int fd);
 end_point remote_end(int fd);
-
-// Raises this process's open-file limit (soft and, as root, hard) towards
-// wanted. Returns the soft limit now in force.
-long raise_fd_limit(long wanted);
 
 // Worker processes that each hold a listener on 127.0.0.1 and both ends of
 // loopback connections to it, until the object goes away (then they are
@@ -94,6 +89,41 @@ class connection_holders
 
   private:
     std::vector<worker> workers_;
+};
+
+// A UDP socket's row as confd-emu-cli prints it: the seven index values, then
+// "p" and the owning process.
+using udp_row = std::vector<std::string>;
+
+// udpEndpointTable index order: numbers by value, addresses (lower-case hex)
+// by length first, then bytes.
+bool udp_index_less(const udp_row &a, const udp_row &b);
+
+// A UDP socket (close-on-exec, so that no program the test runs shares it)
+// bound to address:port, with SO_REUSEADDR when asked, connected to
+// peer:peer_port when a peer is given. -1 on failure.
+int open_udp(const char *address, int port, bool reuse = false, const char *peer = nullptr,
+             int peer_port = 0);
+
+// The row of a bound UDP socket held by process; an unconnected one has the
+// all-zero remote address of its family and port 0, as /proc/net shows it.
+udp_row udp_row_of(int fd, long process);
+
+// A child process holding count UDP sockets on the loopback addresses (every
+// other one IPv6, ports chosen by the kernel) until the object goes away.
+class udp_holder
+{
+  public:
+    explicit udp_holder(int count);
+    ~udp_holder();
+    udp_holder(const udp_holder &) = delete;
+    udp_holder &operator=(const udp_holder &) = delete;
+    const std::vector<udp_row> &rows() const { return rows_; }
+
+  private:
+    pid_t pid_ = -1;
+    int hold_fd_ = -1;
+    std::vector<udp_row> rows_;
 };
 
 } // namespace sockets

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -23,13 +24,13 @@ namespace
 
 using daemon_env::Daemon;
 using daemon_env::Emu;
-using daemon_env::eventually;
-using daemon_env::read_text;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr const char kMarker[] = "/mnt/configcert/config/snmpbootstat";
+const char kTcpScalar[] = "/TCP-MIB/tcp/tcpInSegs";
+const char kOk[] = "{\"result\":\"ok\"}";
 
 bool exists(const char *path)
 {
@@ -45,31 +46,19 @@ std::string notification_log(std::initializer_list<const char *> names)
     return log + "]";
 }
 
-bool write_marker(const std::string &text)
-{
-    if (mkdir("/mnt/configcert", 0755) != 0 && errno != EEXIST) return false;
-    if (mkdir("/mnt/configcert/config", 0755) != 0 && errno != EEXIST) return false;
-    std::ofstream(kMarker) << text;
-    return exists(kMarker);
-}
-
-const char kTcpScalar[] = "/TCP-MIB/tcp/tcpInSegs";
-
 // Verifies that a plain start announces the agent, then a cold start, and
 // keeps serving with its transaction callbacks and notification sender in place.
 TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(d.started());
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
         EXPECT_EQ(emu.wait_notifications(2), notification_log({"ucdStart", "coldStart"}));
         std::string st = emu.status();
         EXPECT_THAT(st, HasSubstr("\"trans_callbacks\":true"));
         EXPECT_THAT(st, HasSubstr("\"workers\":1,\"notification_contexts\":1"));
-        EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_TRUE(d->running()) << d->err();
         EXPECT_FALSE(exists(kMarker));
     });
 }
@@ -81,9 +70,11 @@ TEST(DaemonStartTest, MarkerGivesWarmStartAndIsRemoved)
     RUN_ISOLATED([] {
         Emu emu;
         ASSERT_TRUE(emu.start());
+        std::filesystem::create_directories("/mnt/configcert/config");
         for (const char *text : {"", "coldstart please\n"}) {
             SCOPED_TRACE(text);
-            ASSERT_TRUE(write_marker(text));
+            std::ofstream(kMarker) << text;
+            ASSERT_TRUE(exists(kMarker));
             Daemon d({});
             EXPECT_EQ(emu.wait_notifications(2), notification_log({"ucdStart", "warmStart"}));
             ASSERT_TRUE(emu.wait_registered()) << d.err();
@@ -98,8 +89,9 @@ TEST(DaemonStartTest, MarkerGivesWarmStartAndIsRemoved)
 
 // Verifies that start mode 0, given as a number or as text atoi reads as 0,
 // sends ucdShutdown only and exits with status 1 before the boot
-// notification and before registering anything.
-TEST(DaemonStartTest, StartModeZeroSendsUcdShutdownAndExits)
+// notification and before registering anything; and that any other start
+// mode announces no agent, still sends the boot notification and serves on.
+TEST(DaemonStartTest, StartModes)
 {
     RUN_ISOLATED([] {
         Emu emu;
@@ -114,16 +106,6 @@ TEST(DaemonStartTest, StartModeZeroSendsUcdShutdownAndExits)
             emu.cli({"notifications", "--clear"});
             ASSERT_TRUE(emu.wait_no_daemons());
         }
-    });
-}
-
-// Verifies that any other start mode announces no agent, still sends the
-// boot notification and serves on.
-TEST(DaemonStartTest, OtherStartModeSendsNoAgentNotification)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        ASSERT_TRUE(emu.start());
         Daemon d({"-n", "7"});
         ASSERT_TRUE(emu.wait_registered()) << d.err();
         EXPECT_EQ(emu.wait_notifications(1), notification_log({"coldStart"}));
@@ -139,18 +121,14 @@ TEST(DaemonStartTest, LastLevelSwitchSetsLibraryTrace)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        {
-            Daemon d({"-d", "-p"});
-            ASSERT_TRUE(emu.wait_registered()) << d.err();
-            EXPECT_THAT(d.err(), HasSubstr("PROTO leisobek"));
-        }
+        auto d = emu.start_with_daemon({"-d", "-p"});
+        ASSERT_TRUE(d);
+        EXPECT_THAT(d->err(), HasSubstr("PROTO leisobek"));
+        d.reset();
         ASSERT_TRUE(emu.wait_no_daemons());
-        {
-            Daemon d({"-p", "-d"});
-            ASSERT_TRUE(emu.wait_registered()) << d.err();
-            EXPECT_THAT(d.err(), Not(HasSubstr("PROTO")));
-        }
+        Daemon quiet({"-p", "-d"});
+        ASSERT_TRUE(emu.wait_registered()) << quiet.err();
+        EXPECT_THAT(quiet.err(), Not(HasSubstr("PROTO")));
     });
 }
 
@@ -203,36 +181,26 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         std::string line(msg, static_cast<size_t>(n));
         EXPECT_THAT(line, testing::StartsWith("<14>"));
         EXPECT_THAT(line, HasSubstr("leisobek: PRODUCT_ID is ''"));
-        EXPECT_EQ(read_text("/tmp/uci-args"), "get systeminfo.sysinfo.pid\n");
+        EXPECT_EQ(harness::read_file("/tmp/uci-args"), "get systeminfo.sysinfo.pid\n");
         close(log);
     });
 }
 
-// Verifies that ConfD closing the control socket ends the daemon.
-TEST(DaemonLoopTest, ClosedControlSocketIsFatal)
+// Verifies that ConfD closing the control or the worker socket ends the daemon.
+TEST(DaemonLoopTest, ClosedSocketIsFatal)
 {
     RUN_ISOLATED([] {
         Emu emu;
         ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
-        EXPECT_EQ(emu.cli({"drop", "control"}), "{\"result\":\"ok\"}");
-        EXPECT_EQ(d.wait_exit(), 1);
-        EXPECT_THAT(d.err(), EndsWith("Control socket closed\n"));
-    });
-}
-
-// Verifies that ConfD closing the worker socket ends the daemon.
-TEST(DaemonLoopTest, ClosedWorkerSocketIsFatal)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
-        EXPECT_EQ(emu.cli({"drop", "worker"}), "{\"result\":\"ok\"}");
-        EXPECT_EQ(d.wait_exit(), 1);
-        EXPECT_THAT(d.err(), EndsWith("Worker socket closed\n"));
+        for (auto [socket, text] : {std::pair{"control", "Control socket closed\n"},
+                                    std::pair{"worker", "Worker socket closed\n"}}) {
+            Daemon d({});
+            ASSERT_TRUE(emu.wait_registered()) << d.err();
+            EXPECT_EQ(emu.cli({"drop", socket}), kOk);
+            EXPECT_EQ(d.wait_exit(), 1);
+            EXPECT_THAT(d.err(), EndsWith(text));
+            ASSERT_TRUE(emu.wait_no_daemons());
+        }
     });
 }
 
@@ -242,15 +210,14 @@ TEST(DaemonTransactionTest, WalkLeavesNoOpenTransaction)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
         emu.cli({"walk", "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry"});
         emu.cli({"get", kTcpScalar});
         std::string st = emu.status();
         EXPECT_THAT(st, HasSubstr("\"open_transactions\":0,"));
         EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"maapi_detaches\":2"));
-        EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
@@ -265,7 +232,7 @@ TEST(DaemonTransactionTest, FailedAttachOrDetachIsFatal)
             SCOPED_TRACE(step.first);
             Daemon d({});
             ASSERT_TRUE(emu.wait_registered()) << d.err();
-            EXPECT_EQ(emu.cli({"fail", step.first}), "{\"result\":\"ok\"}");
+            EXPECT_EQ(emu.cli({"fail", step.first}), kOk);
             emu.cli({"get", kTcpScalar});
             EXPECT_EQ(d.wait_exit(), 1);
             std::regex line("(^|\n)leisobek\\.h:" + std::to_string(step.second) +

@@ -1,26 +1,13 @@
 // Round trips through confd-emu: an in-process test daemon on the client library, and the CLI.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <atomic>
-#include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <netinet/in.h>
-#include <poll.h>
-#include <string>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <vector>
 
-#include "confd_dp.h"
-#include "confd_lib.h"
-#include "confd_maapi.h"
 #include "TCP-MIB.h"
-#include "harness.h"
+#include "emu_daemon.h"
 
 namespace
 {
@@ -44,88 +31,67 @@ enum class Quirk {
 };
 
 // A data provider for "tcp_status" serving the listener table and two scalars, with a main loop
-// on its own thread like the daemon's.
+// on its own thread like the daemon's; it records the transaction callbacks it sees.
 class TestDaemon
 {
   public:
-    TestDaemon(int port, std::vector<ListenerRow> rows) : port_(port), rows_(std::move(rows)) {}
-    ~TestDaemon() { stop(); }
+    TestDaemon(int port, std::vector<ListenerRow> rows)
+        : rows_(std::move(rows)), d_(port, "testd", this)
+    {
+    }
 
     // Connects the control, worker and MAAPI sockets, registers and starts the main loop.
     bool start(std::string &err)
     {
-        confd_init("it_emu", nullptr, CONFD_SILENT);
-        dx_ = confd_init_daemon("testd");
-        if (!dx_) return fail(err, "confd_init_daemon");
-        dx_->d_opaque = this;
-        struct sockaddr_in sa = addr();
-        ctl_ = socket(AF_INET, SOCK_STREAM, 0);
-        wrk_ = socket(AF_INET, SOCK_STREAM, 0);
-        maapi_ = socket(AF_INET, SOCK_STREAM, 0);
-        auto *sp = reinterpret_cast<struct sockaddr *>(&sa);
-        if (confd_connect(dx_, ctl_, CONTROL_SOCKET, sp, sizeof sa) != CONFD_OK)
-            return fail(err, "control connect");
-        if (confd_connect(dx_, wrk_, WORKER_SOCKET, sp, sizeof sa) != CONFD_OK)
-            return fail(err, "worker connect");
-        if (maapi_connect(maapi_, sp, sizeof sa) != CONFD_OK) return fail(err, "maapi_connect");
-        struct confd_trans_cbs tcb;
-        std::memset(&tcb, 0, sizeof tcb);
-        tcb.init = t_init;
-        tcb.trans_lock = t_lock;
-        tcb.write_start = t_write_start;
-        tcb.prepare = t_prepare;
-        tcb.commit = t_commit;
-        tcb.abort = t_abort;
-        tcb.finish = t_finish;
-        if (confd_register_trans_cb(dx_, &tcb) != CONFD_OK) return fail(err, "register trans");
-        struct confd_data_cbs dcb;
-        std::memset(&dcb, 0, sizeof dcb);
-        std::snprintf(dcb.callpoint, sizeof dcb.callpoint, "%s", "tcp_status");
+        if (!d_.connect(err)) return false;
+        confd_trans_cbs tcb = {};
+        tcb.init = [](confd_trans_ctx *t) {
+            TestDaemon *d = self(t);
+            d->record("init");
+            if (maapi_attach(d->d_.maapi(), 0, t) != CONFD_OK) {
+                d->attach_failures++;
+                confd_trans_seterr(t, "attach failed: %s", confd_lasterr());
+                return CONFD_ERR;
+            }
+            confd_trans_set_fd(t, d->d_.worker());
+            return CONFD_OK;
+        };
+        tcb.trans_lock = [](confd_trans_ctx *t) { return self(t)->record("trans_lock"); };
+        tcb.write_start = [](confd_trans_ctx *t) { return self(t)->record("write_start"); };
+        tcb.prepare = [](confd_trans_ctx *t) { return self(t)->record("prepare"); };
+        tcb.commit = [](confd_trans_ctx *t) { return self(t)->record("commit"); };
+        tcb.abort = [](confd_trans_ctx *t) { return self(t)->record("abort"); };
+        tcb.finish = [](confd_trans_ctx *t) {
+            self(t)->record("finish");
+            maapi_detach(self(t)->d_.maapi(), t);
+            return CONFD_OK;
+        };
+        confd_data_cbs dcb = data_cbs("tcp_status");
         dcb.get_elem = get_elem;
         dcb.get_next = get_next;
-        dcb.set_elem = set_elem;
-        if (confd_register_data_cb(dx_, &dcb) != CONFD_OK) return fail(err, "register tcp_status");
-        if (confd_register_snmp_notification(dx_, wrk_, "", "", &nctx_) != CONFD_OK)
-            return fail(err, "register snmp notification");
-        if (confd_register_done(dx_) != CONFD_OK) return fail(err, "register done");
-        th_ = std::thread([this] { loop(); });
-        return true;
+        dcb.set_elem = [](confd_trans_ctx *t, confd_hkeypath_t *, confd_value_t *v) {
+            self(t)->last_set = v->type == C_INT32 ? v->val.i32 : -1;
+            return self(t)->record("set_elem");
+        };
+        if (confd_register_trans_cb(d_.dx(), &tcb) != CONFD_OK ||
+            confd_register_data_cb(d_.dx(), &dcb) != CONFD_OK ||
+            confd_register_snmp_notification(d_.dx(), d_.worker(), "", "", &nctx_) != CONFD_OK) {
+            err = std::string("registration failed: ") + confd_lasterr();
+            return false;
+        }
+        return d_.run(err);
     }
 
-    void stop()
-    {
-        stop_ = true;
-        if (th_.joinable()) th_.join();
-        for (int *fd : {&ctl_, &wrk_, &maapi_})
-            if (*fd >= 0) {
-                close(*fd);
-                *fd = -1;
-            }
-        if (dx_) {
-            confd_release_daemon(dx_);
-            dx_ = nullptr;
-        }
-    }
-
-    // Waits until the main loop has seen the control (or worker) socket close.
-    bool wait_eof(bool control, int ms = 5000)
-    {
-        for (int i = 0; i < ms / 10; i++) {
-            if ((control ? control_result_ : worker_result_).load() == CONFD_EOF) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
+    bool wait_eof(bool control) { return d_.wait_eof(control); }
 
     // Sends linkUp with an ifIndex and an ifDescr binding from the calling thread.
     int send_link_up(int32_t index, const std::string &descr)
     {
         struct confd_snmp_varbind vb[2];
         std::memset(vb, 0, sizeof vb);
-        vb[0].type = CONFD_SNMP_VARIABLE;
+        vb[0].type = vb[1].type = CONFD_SNMP_VARIABLE;
         std::snprintf(vb[0].var.name, sizeof vb[0].var.name, "%s", "ifIndex");
         CONFD_SET_INT32(&vb[0].val, index);
-        vb[1].type = CONFD_SNMP_VARIABLE;
         std::snprintf(vb[1].var.name, sizeof vb[1].var.name, "%s", "ifDescr");
         CONFD_SET_STR(&vb[1].val, descr.c_str());
         return confd_notification_send_snmp(nctx_, "linkUp", vb, 2);
@@ -142,69 +108,15 @@ class TestDaemon
     std::atomic<int64_t> last_set{0};
 
   private:
-    bool fail(std::string &err, const char *what)
-    {
-        err = std::string(what) + " failed: " + confd_lasterr();
-        return false;
-    }
-
-    struct sockaddr_in addr() const
-    {
-        struct sockaddr_in sa = {};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sa.sin_port = htons(static_cast<uint16_t>(port_));
-        return sa;
-    }
-
     static TestDaemon *self(struct confd_trans_ctx *tctx)
     {
         return static_cast<TestDaemon *>(tctx->dx->d_opaque);
     }
 
-    void record(const std::string &what)
+    int record(const std::string &what)
     {
         std::lock_guard<std::mutex> lk(mu_);
         calls_.push_back(what);
-    }
-
-    static int t_init(struct confd_trans_ctx *tctx)
-    {
-        TestDaemon *d = self(tctx);
-        d->record("init");
-        if (maapi_attach(d->maapi_, 0, tctx) != CONFD_OK) {
-            d->attach_failures++;
-            confd_trans_seterr(tctx, "attach failed: %s", confd_lasterr());
-            return CONFD_ERR;
-        }
-        confd_trans_set_fd(tctx, d->wrk_);
-        return CONFD_OK;
-    }
-    static int t_lock(struct confd_trans_ctx *tctx)
-    {
-        return self(tctx)->record("trans_lock"), CONFD_OK;
-    }
-    static int t_write_start(struct confd_trans_ctx *tctx)
-    {
-        return self(tctx)->record("write_start"), CONFD_OK;
-    }
-    static int t_prepare(struct confd_trans_ctx *tctx)
-    {
-        return self(tctx)->record("prepare"), CONFD_OK;
-    }
-    static int t_commit(struct confd_trans_ctx *tctx)
-    {
-        return self(tctx)->record("commit"), CONFD_OK;
-    }
-    static int t_abort(struct confd_trans_ctx *tctx)
-    {
-        return self(tctx)->record("abort"), CONFD_OK;
-    }
-    static int t_finish(struct confd_trans_ctx *tctx)
-    {
-        TestDaemon *d = self(tctx);
-        d->record("finish");
-        maapi_detach(d->maapi_, tctx);
         return CONFD_OK;
     }
 
@@ -268,40 +180,11 @@ class TestDaemon
         return confd_data_reply_next_key(tctx, k, 3, cookie);
     }
 
-    static int set_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t *v)
-    {
-        TestDaemon *d = self(tctx);
-        d->record("set_elem");
-        d->last_set = v->type == C_INT32 ? v->val.i32 : -1;
-        return CONFD_OK;
-    }
-
-    void loop()
-    {
-        struct pollfd pfd[2] = {{ctl_, POLLIN, 0}, {wrk_, POLLIN, 0}};
-        std::atomic<int> *result[2] = {&control_result_, &worker_result_};
-        while (!stop_ && (pfd[0].fd >= 0 || pfd[1].fd >= 0)) {
-            if (poll(pfd, 2, 20) <= 0) continue;
-            for (int i = 0; i < 2; i++) {
-                if (pfd[i].fd < 0 || !(pfd[i].revents & (POLLIN | POLLHUP))) continue;
-                int rc = confd_fd_ready(dx_, pfd[i].fd);
-                result[i]->store(rc);
-                if (rc == CONFD_EOF)
-                    pfd[i].fd = -1; // closed by the management plane: stop reading it
-            }
-        }
-    }
-
-    const int port_;
     const std::vector<ListenerRow> rows_;
-    struct confd_daemon_ctx *dx_ = nullptr;
     struct confd_notification_ctx *nctx_ = nullptr;
-    int ctl_ = -1, wrk_ = -1, maapi_ = -1;
-    std::thread th_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> control_result_{CONFD_OK}, worker_result_{CONFD_OK};
     std::mutex mu_;
     std::vector<std::string> calls_;
+    EmuDaemon d_; // last: its main loop stops before the rest goes
 };
 
 const std::vector<ListenerRow> kRows = {
@@ -314,39 +197,24 @@ const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
 const char kProcess22[] =
     "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess";
 
-class EmuTest : public ::testing::Test
+class EmuTest : public EmuTestBase
 {
   protected:
     // Starts confd-emu with the extra arguments and, unless with_daemon is false, the test daemon.
     void start(std::vector<std::string> args = {}, bool with_daemon = true)
     {
-        emu_ = std::make_unique<harness::Emu>(std::move(args));
-        std::string err;
-        ASSERT_TRUE(emu_->start(err)) << err;
+        ASSERT_NO_FATAL_FAILURE(start_emu(std::move(args)));
         if (!with_daemon) return;
-        daemon_ = std::make_unique<TestDaemon>(emu_->port(), kRows);
+        daemon_ = std::make_unique<TestDaemon>(port(), kRows);
+        std::string err;
         ASSERT_TRUE(daemon_->start(err)) << err;
     }
-
     void TearDown() override
     {
         daemon_.reset();
-        if (emu_) {
-            EXPECT_EQ(emu_->stop(), 0) << emu_->log();
-        }
+        EmuTestBase::TearDown();
     }
 
-    // Runs confd-emu-cli; expects it to succeed and returns its output without the newline.
-    std::string cli(const std::vector<std::string> &args)
-    {
-        harness::CmdResult r = emu_->cli(args);
-        EXPECT_EQ(r.exit_code, 0) << r.err;
-        EXPECT_FALSE(r.out.empty());
-        if (!r.out.empty() && r.out.back() == '\n') r.out.pop_back();
-        return r.out;
-    }
-
-    std::unique_ptr<harness::Emu> emu_;
     std::unique_ptr<TestDaemon> daemon_;
 };
 
@@ -571,57 +439,120 @@ TEST_F(EmuTest, SetRunsAWriteTransaction)
 TEST_F(EmuTest, UnknownCallpointIsRefused)
 {
     start({}, false);
-    confd_init("it_emu", nullptr, CONFD_SILENT);
-    struct confd_daemon_ctx *dx = confd_init_daemon("stray");
-    ASSERT_NE(dx, nullptr);
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sa.sin_port = htons(static_cast<uint16_t>(emu_->port()));
-    int ctl = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(
-        confd_connect(dx, ctl, CONTROL_SOCKET, reinterpret_cast<struct sockaddr *>(&sa), sizeof sa),
-        CONFD_OK);
-    struct confd_data_cbs dcb;
-    std::memset(&dcb, 0, sizeof dcb);
-    std::snprintf(dcb.callpoint, sizeof dcb.callpoint, "%s", "no_such_callpoint");
-    EXPECT_EQ(confd_register_data_cb(dx, &dcb), CONFD_ERR);
+    EmuDaemon stray(port(), "stray", nullptr);
+    std::string err;
+    ASSERT_TRUE(stray.connect(err)) << err;
+    confd_data_cbs dcb = data_cbs("no_such_callpoint");
+    EXPECT_EQ(confd_register_data_cb(stray.dx(), &dcb), CONFD_ERR);
     EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
     EXPECT_NE(std::string(confd_lasterr()).find("callpoint no_such_callpoint not in the schema"),
               std::string::npos);
-    close(ctl);
-    confd_release_daemon(dx);
 }
 
-// Verifies that the schema the server hands out loads in the client library (names, keys, leaf
-// types), and that "fail load_schemas" makes one load fail.
+// Verifies that the schema the server hands out loads in the client library, over its own socket
+// or a MAAPI one ("fail load_schemas" makes one load fail): navigation by path and by keypath,
+// keys, leaf types, names both ways, keypaths printed with names in ConfD's and XPath form, and
+// values converted by their types.
 TEST_F(EmuTest, SchemaLoadsInTheLibrary)
 {
     start({}, false);
-    struct sockaddr_in sa = {};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sa.sin_port = htons(static_cast<uint16_t>(emu_->port()));
+    sockaddr_in sa = harness::loopback(port());
     auto *sp = reinterpret_cast<struct sockaddr *>(&sa);
     confd_init("it_emu", nullptr, CONFD_SILENT);
     EXPECT_EQ(cli({"fail", "load_schemas"}), "{\"result\":\"ok\"}");
     EXPECT_EQ(confd_load_schemas(sp, sizeof sa), CONFD_ERR);
+    int ms = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(maapi_connect(ms, sp, sizeof sa), CONFD_OK);
+    ASSERT_EQ(maapi_load_schemas(ms), CONFD_OK) << confd_lasterr();
+    EXPECT_EQ(maapi_close(ms), CONFD_OK);
     ASSERT_EQ(confd_load_schemas(sp, sizeof sa), CONFD_OK) << confd_lasterr();
 
-    const char *name = confd_hash2str(TCP_MIB_tcpListenerProcess);
-    ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, "tcpListenerProcess");
-    struct confd_cs_node *entry =
-        confd_cs_node_cd(nullptr, "/TCP-MIB/tcpListenerTable/tcpListenerEntry");
+    EXPECT_STREQ(confd_hash2str(TCP_MIB_tcpListenerProcess), "tcpListenerProcess");
+    EXPECT_EQ(confd_str2hash("tcpListenerProcess"),
+              static_cast<uint32_t>(TCP_MIB_tcpListenerProcess));
+    EXPECT_EQ(confd_str2hash("nosuch"), 0u);
+    EXPECT_STREQ(confd_ns2prefix(TCP_MIB__ns), "TCP-MIB");
+    confd_nsinfo *list = nullptr;
+    int count = confd_get_nslist(&list);
+    bool listed = false;
+    for (int i = 0; i < count; i++)
+        listed = listed || std::string(list[i].uri) == TCP_MIB__ns_uri;
+    EXPECT_TRUE(listed);
+
+    confd_cs_node *root = confd_find_cs_root(TCP_MIB__ns);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->tag, static_cast<uint32_t>(TCP_MIB_TCP_MIB));
+    confd_cs_node *entry = confd_cs_node_cd(nullptr, "/TCP-MIB/tcpListenerTable/tcpListenerEntry");
     ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->parent->parent, root);
+    EXPECT_TRUE(entry->info.flags & CS_NODE_IS_DYN);
     ASSERT_NE(entry->info.keys, nullptr);
     EXPECT_EQ(entry->info.keys[0], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalAddressType));
     EXPECT_EQ(entry->info.keys[2], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalPort));
     EXPECT_EQ(entry->info.keys[3], 0u);
-    struct xml_tag tag = {TCP_MIB_tcpListenerProcess, TCP_MIB__ns};
-    struct confd_cs_node *leaf = confd_find_cs_node_child(entry, tag);
+    confd_cs_node *leaf =
+        confd_find_cs_node_child(entry, {TCP_MIB_tcpListenerProcess, TCP_MIB__ns});
     ASSERT_NE(leaf, nullptr);
     EXPECT_EQ(leaf->info.shallow_type, C_UINT32);
+    EXPECT_EQ(confd_cs_node_cd(entry, "../tcpListenerEntry{%d %s %u}/%s", 1, "7f000001", 22u,
+                               "tcpListenerProcess"),
+              leaf);
+    EXPECT_EQ(confd_cs_node_cd(nullptr, "/TCP-MIB/nosuch"), nullptr);
+
+    // /TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess
+    static const unsigned char addr[] = {0x7f, 0, 0, 1};
+    confd_hkeypath_t kp;
+    kp.len = 5;
+    for (auto &row : kp.v)
+        CONFD_SET_NOEXISTS(&row[0]);
+    uint32_t tags[] = {TCP_MIB_tcpListenerProcess, 0, TCP_MIB_tcpListenerEntry,
+                       TCP_MIB_tcpListenerTable, TCP_MIB_TCP_MIB};
+    for (int i = 0; i < 5; i++) {
+        CONFD_SET_XMLTAG(&kp.v[i][0], tags[i], TCP_MIB__ns);
+        CONFD_SET_NOEXISTS(&kp.v[i][1]);
+    }
+    CONFD_SET_ENUM_VALUE(&kp.v[1][0], 1);
+    CONFD_SET_BINARY(&kp.v[1][1], addr, 4);
+    CONFD_SET_UINT32(&kp.v[1][2], 22);
+    CONFD_SET_NOEXISTS(&kp.v[1][3]);
+    EXPECT_EQ(confd_find_cs_node(&kp, 3), entry);
+    EXPECT_EQ(confd_find_cs_node(&kp, kp.len), leaf);
+    char buf[256];
+    const char *want =
+        "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess";
+    EXPECT_EQ(confd_pp_kpath(buf, sizeof buf, &kp), static_cast<int>(strlen(want)));
+    EXPECT_STREQ(buf, want);
+    char small[12];
+    EXPECT_EQ(confd_pp_kpath(small, sizeof small, &kp), static_cast<int>(strlen(want)));
+    EXPECT_STREQ(small, "/TCP-MIB/tc");
+    confd_xpath_pp_kpath(buf, sizeof buf, 0, &kp);
+    EXPECT_STREQ(buf, "/TCP-MIB:TCP-MIB/TCP-MIB:tcpListenerTable/TCP-MIB:tcpListenerEntry"
+                      "[tcpListenerLocalAddressType='1'][tcpListenerLocalAddress='7f000001']"
+                      "[tcpListenerLocalPort='22']/TCP-MIB:tcpListenerProcess");
+    CONFD_SET_XMLTAG(&kp.v[0][0], 99, 0);
+    confd_pp_kpath(buf, sizeof buf, &kp);
+    EXPECT_STREQ(buf, "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tag<99>");
+
+    // Enumeration names both ways, numbers within their range, binaries in hex.
+    confd_type *type =
+        confd_find_cs_node_child(entry, {TCP_MIB_tcpListenerLocalAddressType, TCP_MIB__ns})
+            ->info.type;
+    confd_value_t v;
+    CONFD_SET_ENUM_VALUE(&v, 2);
+    EXPECT_EQ(confd_val2str(type, &v, buf, sizeof buf), 4);
+    EXPECT_STREQ(buf, "ipv6");
+    ASSERT_EQ(confd_str2val(type, "ipv4", &v), CONFD_OK);
+    EXPECT_EQ(CONFD_GET_ENUM_VALUE(&v), 1);
+    EXPECT_EQ(confd_str2val(type, "ipx", &v), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
+    confd_type *u32 = confd_find_ns_type(0, "uint32");
+    EXPECT_EQ(confd_str2val(u32, "4294967296", &v), CONFD_ERR);
+    ASSERT_EQ(confd_str2val(u32, "4294967295", &v), CONFD_OK);
+    EXPECT_EQ(confd_val2str(u32, &v, buf, sizeof buf), 10);
+    confd_type *bin = confd_find_ns_type(0, "binary");
+    ASSERT_EQ(confd_str2val(bin, "7f:00:00:01", &v), CONFD_OK);
+    EXPECT_EQ(CONFD_GET_BINARY_SIZE(&v), 4u);
+    confd_free_value(&v);
 }
 
 } // namespace

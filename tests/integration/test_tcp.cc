@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -23,7 +24,6 @@ namespace
 {
 
 using cli_json::row;
-using daemon_env::Daemon;
 using daemon_env::Emu;
 using daemon_env::eventually;
 using sockets::end_point;
@@ -38,17 +38,18 @@ const char kTimeWait[] = "11";
 
 // Index order of TCP-MIB keys, in groups of (type, address, port): type,
 // then address length, then address bytes, then port.
-int compare_keys(const std::vector<std::string> &a, const std::vector<std::string> &b)
+bool index_less(const row &ra, const row &rb)
 {
+    const std::vector<std::string> &a = ra.keys, &b = rb.keys;
     for (size_t i = 0; i + 2 < a.size() && i + 2 < b.size(); i += 3) {
         long ta = std::stol(a[i]), tb = std::stol(b[i]);
-        if (ta != tb) return ta < tb ? -1 : 1;
-        if (a[i + 1].size() != b[i + 1].size()) return a[i + 1].size() < b[i + 1].size() ? -1 : 1;
-        if (int c = a[i + 1].compare(b[i + 1])) return c < 0 ? -1 : 1;
+        if (ta != tb) return ta < tb;
+        if (a[i + 1].size() != b[i + 1].size()) return a[i + 1].size() < b[i + 1].size();
+        if (a[i + 1] != b[i + 1]) return a[i + 1] < b[i + 1];
         unsigned long pa = std::stoul(a[i + 2]), pb = std::stoul(b[i + 2]);
-        if (pa != pb) return pa < pb ? -1 : 1;
+        if (pa != pb) return pa < pb;
     }
-    return 0;
+    return false;
 }
 
 std::string describe(const row &r)
@@ -62,14 +63,6 @@ std::string describe(const row &r)
     return text;
 }
 
-std::vector<std::string> describe(const std::vector<row> &rows)
-{
-    std::vector<std::string> lines;
-    for (const row &r : rows)
-        lines.push_back(describe(r));
-    return lines;
-}
-
 bool on_confd_port(const row &r)
 {
     for (size_t i = 2; i < r.keys.size(); i += 3)
@@ -77,37 +70,26 @@ bool on_confd_port(const row &r)
     return false;
 }
 
-// The rows that are not the management plane's, sorted by the same
-// comparison the walk is checked against.
-std::vector<row> without_management(std::vector<row> rows)
+// The rows, less the management plane's when asked, in index order, one line each.
+std::vector<std::string> lines(std::vector<row> rows, bool without_management = true)
 {
-    std::vector<row> ours;
-    for (row &r : rows)
-        if (!on_confd_port(r)) ours.push_back(std::move(r));
-    return ours;
+    std::sort(rows.begin(), rows.end(), index_less);
+    std::vector<std::string> out;
+    for (const row &r : rows)
+        if (!without_management || !on_confd_port(r)) out.push_back(describe(r));
+    return out;
 }
 
-std::vector<row> sorted(std::vector<row> rows)
-{
-    std::sort(rows.begin(), rows.end(),
-              [](const row &a, const row &b) { return compare_keys(a.keys, b.keys) < 0; });
-    return rows;
-}
-
-void expect_index_order(const std::vector<row> &rows)
-{
-    for (size_t i = 1; i < rows.size(); i++)
-        EXPECT_LT(compare_keys(rows[i - 1].keys, rows[i].keys), 0)
-            << "rows " << i - 1 << " and " << i << ":\n"
-            << describe(rows[i - 1]) << "\n"
-            << describe(rows[i]);
-}
-
+// The rows of a walk, checked to come in strictly increasing index order.
 std::vector<row> walk(const Emu &emu, const char *path)
 {
     std::vector<row> rows;
     std::string answer = emu.cli({"walk", path});
     EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 400);
+    for (size_t i = 1; i < rows.size(); i++)
+        EXPECT_TRUE(index_less(rows[i - 1], rows[i])) << "rows " << i - 1 << " and " << i << ":\n"
+                                                      << describe(rows[i - 1]) << "\n"
+                                                      << describe(rows[i]);
     return rows;
 }
 
@@ -126,37 +108,33 @@ row listener(const end_point &local, pid_t pid)
 std::string value_of(const std::string &answer, std::string *type = nullptr)
 {
     cli_json::value v;
-    if (!cli_json::parser(answer).parse(v) || v["value"].kind == cli_json::value::null)
-        return answer;
+    if (!cli_json::parse(answer, v) || v["value"].kind == cli_json::value::null) return answer;
     if (type) *type = v["type"].text;
     return v["value"].text;
 }
 
-// Holds a listener on 127.0.0.1:port and the one connection it accepts, in
-// a process of its own, so that those rows have another owner.
+// Holds a listener on 127.0.0.1:port and the one connection it accepts, in a process of its own,
+// so that those rows have another owner. It reports 'l' once listening, 'a' once it accepted.
 class other_owner
 {
   public:
     explicit other_owner(uint16_t port)
     {
         int p[2];
-        if (pipe(p) != 0) return;
-        unique_fd ready_read(p[0]), ready_write(p[1]);
+        if (pipe2(p, O_CLOEXEC) != 0) return;
         fflush(stdout);
         fflush(stderr);
         pid_ = fork();
         if (pid_ == 0) {
             unique_fd l = sockets::listen_on("127.0.0.1", port);
-            char state = l ? 'l' : 'n';
-            if (write(ready_write.get(), &state, 1) != 1 || !l) _exit(1);
+            if (write(p[1], l ? "l" : "n", 1) != 1 || !l) _exit(1);
             unique_fd c = sockets::accept_one(l.get());
-            state = c ? 'a' : 'n';
-            if (write(ready_write.get(), &state, 1) != 1) _exit(1);
+            if (write(p[1], c ? "a" : "n", 1) != 1) _exit(1);
             for (;;)
                 pause();
         }
-        ready_write.reset();
-        read_fd_ = std::move(ready_read);
+        close(p[1]);
+        read_fd_ = unique_fd(p[0]);
     }
     ~other_owner()
     {
@@ -165,7 +143,7 @@ class other_owner
             waitpid(pid_, nullptr, 0);
         }
     }
-    // Waits for the next report of the holder: 'l' listening, 'a' accepted.
+    // The holder's next report, 0 when it has gone.
     char wait_for() const
     {
         char state = 0;
@@ -184,31 +162,10 @@ std::string kernel_line(const end_point &local, const end_point &remote)
     char ports[40];
     snprintf(ports, sizeof ports, ":%04X %08X:%04X", std::stoi(local.port), 0x0100007F,
              std::stoi(remote.port));
-    std::istringstream text(daemon_env::read_text("/proc/net/tcp"));
+    std::istringstream text(harness::read_file("/proc/net/tcp"));
     for (std::string line; std::getline(text, line);)
         if (line.find(ports) != std::string::npos) return line;
     return "";
-}
-
-// The Tcp counters of /proc/net/snmp by name.
-std::map<std::string, long long> kernel_counters()
-{
-    std::istringstream text(daemon_env::read_text("/proc/net/snmp"));
-    std::vector<std::string> names;
-    std::map<std::string, long long> values;
-    for (std::string line; std::getline(text, line);) {
-        if (line.compare(0, 4, "Tcp:") != 0) continue;
-        std::istringstream fields(line.substr(4));
-        if (names.empty()) {
-            for (std::string n; fields >> n;)
-                names.push_back(n);
-        } else {
-            long long v;
-            for (size_t i = 0; i < names.size() && fields >> v; i++)
-                values[names[i]] = v;
-        }
-    }
-    return values;
 }
 
 // Verifies that both walks list exactly the kernel's sockets (listeners on
@@ -219,9 +176,8 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
         const pid_t self = getpid();
         // Forked first: a socket open in both processes would count as the
         // other one's (the last owner found wins).
@@ -256,21 +212,18 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
         ASSERT_TRUE(eventually([&] {
             return kernel_line(tw_local, tw_remote).find(" 06 ") != std::string::npos &&
                    kernel_line(tw_remote, tw_local).empty();
-        })) << daemon_env::read_text("/proc/net/tcp");
+        })) << harness::read_file("/proc/net/tcp");
 
-        std::vector<row> listeners = walk(emu, kListeners);
-        expect_index_order(listeners);
-        EXPECT_EQ(describe(without_management(listeners)),
-                  describe(sorted({
+        EXPECT_EQ(lines(walk(emu, kListeners)),
+                  lines({
                       listener(sockets::local_end(any4.get()), self),
                       listener(sockets::local_end(lo4.get()), self),
                       listener(sockets::local_end(any6.get()), self),
                       listener(sockets::local_end(lo6.get()), self),
                       listener({"1", "7f000001", "6005"}, other.pid()),
-                  })));
+                  }));
 
         std::vector<row> connections = walk(emu, kConnections);
-        expect_index_order(connections);
         auto ends = [](const unique_fd &fd) {
             return std::make_pair(sockets::local_end(fd.get()), sockets::remote_end(fd.get()));
         };
@@ -282,7 +235,7 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
         auto e5 = ends(c5);
         expected.push_back(connection(e5.second, e5.first, "5", other.pid()));
         expected.push_back(connection(tw_local, tw_remote, kTimeWait, 0));
-        EXPECT_EQ(describe(without_management(connections)), describe(sorted(expected)));
+        EXPECT_EQ(lines(connections), lines(expected));
 
         // The daemon's own sessions are there too, owned by a process.
         size_t management = 0;
@@ -309,7 +262,7 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
         EXPECT_EQ(emu.cli({"get", std::string(kListeners) + "{2 " + std::string(31, '0') +
                                       "1 6004}/tcpListenerProcess"}),
                   "{\"type\":\"C_UINT32\",\"value\":" + std::to_string(self) + "}");
-        EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
@@ -321,10 +274,15 @@ TEST(TcpMibScalarTest, MatchTheKernelCounters)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
 
+        auto kernel_counters = [] {
+            std::map<std::string, long long> values;
+            for (const auto &c : daemon_env::snmp_counters("Tcp"))
+                values[c.first] = std::stoll(c.second);
+            return values;
+        };
         std::map<std::string, long long> before = kernel_counters();
         std::map<std::string, long long> answered;
         std::map<std::string, std::string> types;
@@ -382,7 +340,7 @@ TEST(TcpMibScalarTest, UnknownScalarLeafAnswersAnError)
         // The project's models with one more tcp scalar.
         const std::string models = "/tmp/models";
         std::filesystem::copy(LEISOBEK_MODELS_DIR, models);
-        std::string yang = daemon_env::read_text(models + "/TCP-MIB.yang");
+        std::string yang = harness::read_file(models + "/TCP-MIB.yang");
         size_t at = yang.find("      leaf tcpRtoAlgorithm {");
         ASSERT_NE(at, std::string::npos);
         yang.insert(at, "      leaf tcpInCsumErrors {\n"
@@ -391,19 +349,13 @@ TEST(TcpMibScalarTest, UnknownScalarLeafAnswersAnError)
                         "      }\n");
         std::ofstream(models + "/TCP-MIB.yang") << yang;
 
-        harness::Emu emu({"--port", "4565", "--models", models});
-        std::string err;
-        ASSERT_TRUE(emu.start(err)) << err;
-        Daemon d({});
-        auto cli = [&](std::vector<std::string> args) { return emu.cli(args).out; };
-        ASSERT_TRUE(eventually([&] {
-            return cli({"status"}).find("\"registered\":true") != std::string::npos;
-        })) << d.err();
-
-        std::string answer = cli({"get", "/TCP-MIB/tcp/tcpInCsumErrors"});
+        Emu emu({"--models", models});
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
+        std::string answer = emu.cli({"get", "/TCP-MIB/tcp/tcpInCsumErrors"});
         EXPECT_EQ(answer.rfind("{\"error\":", 0), 0u) << answer;
-        EXPECT_EQ(value_of(cli({"get", "/TCP-MIB/tcp/tcpMaxConn"})), "-1");
-        EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_EQ(value_of(emu.cli({"get", "/TCP-MIB/tcp/tcpMaxConn"})), "-1");
+        EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
@@ -414,9 +366,8 @@ TEST(TcpMibWalkTest, WalksWithinThreeSecondsReturnTheSameRows)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
         unique_fd first_listener = sockets::listen_on("127.0.0.1", 6101);
         unique_fd c1 = sockets::connect_to("127.0.0.1", 6101);
         unique_fd s1 = sockets::accept_one(first_listener.get());
@@ -453,9 +404,8 @@ TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        ASSERT_TRUE(emu.start());
-        Daemon d({});
-        ASSERT_TRUE(emu.wait_registered()) << d.err();
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
 
         const int total = 20000;
         sockets::connection_holders holders;
@@ -470,6 +420,7 @@ TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
         ASSERT_EQ(r.exit_code, 0) << r.err;
         std::vector<row> rows;
         ASSERT_TRUE(cli_json::parse_walk(r.out, rows)) << r.out.substr(0, 400);
+        EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), index_less));
 
         size_t held = 0, wrong = 0, ownerless = 0;
         for (const row &entry : rows) {
@@ -488,7 +439,6 @@ TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
         EXPECT_EQ(held, 2u * total);
         EXPECT_EQ(wrong, 0u);
         EXPECT_EQ(ownerless, 0u);
-        expect_index_order(rows);
     });
 }
 

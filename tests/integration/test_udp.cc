@@ -3,25 +3,26 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <set>
-#include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "cli_json.h"
 #include "daemon_env.h"
-#include "udp_sockets.h"
+#include "sockets.h"
 
 namespace
 {
 
-using daemon_env::Daemon;
 using daemon_env::Emu;
-using udp_sockets::row;
+using sockets::udp_row;
 
 const char kTable[] = "/UDP-MIB/udpEndpointTable/udpEndpointEntry";
 
-std::string process_path(const row &r)
+std::string process_path(const udp_row &r)
 {
     std::string keys;
     for (size_t i = 0; i < 7; i++)
@@ -34,45 +35,30 @@ size_t kernel_rows()
 {
     size_t lines = 0;
     for (const char *file : {"/proc/net/udp", "/proc/net/udp6"}) {
-        std::string text = daemon_env::read_text(file);
+        std::string text = harness::read_file(file);
         lines += static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
     }
     return lines;
 }
 
-// The Udp section of /proc/net/snmp, value by name.
-std::map<std::string, std::string> kernel_counters()
+// Starts confd-emu and the daemon; null when "udp_status" is not served.
+std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 {
-    std::istringstream in(daemon_env::read_text("/proc/net/snmp"));
-    std::string names, values;
-    while (std::getline(in, names) && names.rfind("Udp: ", 0) != 0) {
+    auto d = emu.start_with_daemon();
+    if (d && emu.status().find("\"udp_status\"") == std::string::npos) {
+        ADD_FAILURE() << "udp_status is not served: " << emu.status();
+        d.reset();
     }
-    std::getline(in, values);
-    std::istringstream n(names), v(values);
-    std::map<std::string, std::string> out;
-    for (std::string name, value; n >> name && v >> value;)
-        out[name] = value;
-    return out;
+    return d;
 }
 
-// Starts confd-emu and the daemon; false when "udp_status" is not served.
-bool start(Emu &emu, std::unique_ptr<Daemon> &daemon)
-{
-    if (!emu.start()) return false;
-    daemon = std::make_unique<Daemon>(std::vector<std::string>{});
-    if (!emu.wait_registered()) return false;
-    bool served = emu.status().find("\"udp_status\"") != std::string::npos;
-    EXPECT_TRUE(served) << emu.status();
-    return served;
-}
-
-// The rows of a walk of udpEndpointTable, as udp_sockets::row.
-std::vector<row> walk(const Emu &emu)
+// The rows of a walk of udpEndpointTable, as udp_row.
+std::vector<udp_row> walk(const Emu &emu)
 {
     std::string answer = emu.cli({"walk", kTable});
     std::vector<cli_json::row> rows;
     EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 300);
-    std::vector<row> out;
+    std::vector<udp_row> out;
     for (cli_json::row &r : rows) {
         out.push_back(r.keys);
         out.back().push_back("p" + r.leaves["udpEndpointProcess"]);
@@ -81,14 +67,14 @@ std::vector<row> walk(const Emu &emu)
 }
 
 // The rows of the walk that belong to the sockets of want (by inode).
-std::vector<row> ours(const std::vector<row> &rows, const std::vector<row> &want)
+std::vector<udp_row> ours(const std::vector<udp_row> &rows, const std::vector<udp_row> &want)
 {
     std::set<std::string> inodes;
-    for (const row &r : want)
+    for (const udp_row &r : want)
         inodes.insert(r[6]);
-    std::vector<row> out;
+    std::vector<udp_row> out;
     std::copy_if(rows.begin(), rows.end(), std::back_inserter(out),
-                 [&](const row &r) { return r.size() == 8 && inodes.count(r[6]); });
+                 [&](const udp_row &r) { return r.size() == 8 && inodes.count(r[6]); });
     return out;
 }
 
@@ -101,29 +87,29 @@ TEST(UdpMibTest, EndpointTableListsTheSockets)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        std::unique_ptr<Daemon> daemon;
-        ASSERT_TRUE(start(emu, daemon));
-        udp_sockets::holder other(2);
-        std::vector<row> want = other.rows();
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        sockets::udp_holder other(2);
+        std::vector<udp_row> want = other.rows();
         std::vector<int> fds = {
-            udp_sockets::open_udp("0.0.0.0", 161),
-            udp_sockets::open_udp("127.0.0.1", 5000, true),
-            udp_sockets::open_udp("127.0.0.1", 5000, true),
-            udp_sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000),
-            udp_sockets::open_udp("::", 123),
-            udp_sockets::open_udp("::1", 0, false, "::1", 123),
+            sockets::open_udp("0.0.0.0", 161),
+            sockets::open_udp("127.0.0.1", 5000, true),
+            sockets::open_udp("127.0.0.1", 5000, true),
+            sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000),
+            sockets::open_udp("::", 123),
+            sockets::open_udp("::1", 0, false, "::1", 123),
         };
         for (int fd : fds) {
             ASSERT_GE(fd, 0) << strerror(errno);
-            want.push_back(udp_sockets::describe(fd, getpid()));
+            want.push_back(sockets::udp_row_of(fd, getpid()));
         }
         ASSERT_EQ(want.size(), 8u);
-        std::sort(want.begin(), want.end(), udp_sockets::index_less);
+        std::sort(want.begin(), want.end(), sockets::udp_index_less);
         EXPECT_NE(emu.cli({"get", process_path(want[0])}).find("\"error\""), std::string::npos);
 
-        std::vector<row> rows = walk(emu);
+        std::vector<udp_row> rows = walk(emu);
         EXPECT_EQ(rows.size(), kernel_rows());
-        EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), udp_sockets::index_less));
+        EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), sockets::udp_index_less));
         EXPECT_EQ(ours(rows, want), want);
         EXPECT_EQ(emu.cli({"get", process_path(want[1])}),
                   "{\"type\":\"C_UINT32\",\"value\":" + want[1][7].substr(1) + "}");
@@ -139,11 +125,11 @@ TEST(UdpMibTest, ScalarsMatchTheKernel)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        std::unique_ptr<Daemon> daemon;
-        ASSERT_TRUE(start(emu, daemon));
-        int server = udp_sockets::open_udp("127.0.0.1", 5000);
-        int client = udp_sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000);
-        int stray = udp_sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 9);
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        int server = sockets::open_udp("127.0.0.1", 5000);
+        int client = sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000);
+        int stray = sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 9);
         ASSERT_TRUE(server >= 0 && client >= 0 && stray >= 0);
         char buf[8];
         for (int i = 0; i < 3; i++) {
@@ -151,9 +137,10 @@ TEST(UdpMibTest, ScalarsMatchTheKernel)
             ASSERT_EQ(recv(server, buf, sizeof buf, 0), 4);
         }
         send(stray, "ping", 4, 0);
-        ASSERT_TRUE(daemon_env::eventually([] { return kernel_counters()["NoPorts"] != "0"; }));
+        ASSERT_TRUE(daemon_env::eventually(
+            [] { return daemon_env::snmp_counters("Udp")["NoPorts"] != "0"; }));
 
-        std::map<std::string, std::string> kernel = kernel_counters();
+        std::map<std::string, std::string> kernel = daemon_env::snmp_counters("Udp");
         EXPECT_GE(std::stoul(kernel["OutDatagrams"]), 4u);
         for (const char *name : {"InDatagrams", "NoPorts", "InErrors", "OutDatagrams"})
             EXPECT_EQ(emu.cli({"get", std::string("/UDP-MIB/udp/udp") + name}),
@@ -172,16 +159,16 @@ TEST(UdpMibScaleTest, EveryRowHasItsProcessAt20000Sockets)
 {
     RUN_ISOLATED([] {
         Emu emu;
-        std::unique_ptr<Daemon> daemon;
-        ASSERT_TRUE(start(emu, daemon));
-        std::vector<std::unique_ptr<udp_sockets::holder>> holders;
-        std::vector<row> want;
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        std::vector<std::unique_ptr<sockets::udp_holder>> holders;
+        std::vector<udp_row> want;
         for (int i = 0; i < 4; i++) {
-            holders.push_back(std::make_unique<udp_sockets::holder>(5000));
+            holders.push_back(std::make_unique<sockets::udp_holder>(5000));
             want.insert(want.end(), holders.back()->rows().begin(), holders.back()->rows().end());
         }
         ASSERT_EQ(want.size(), 20000u) << "could not open the sockets";
-        std::sort(want.begin(), want.end(), udp_sockets::index_less);
+        std::sort(want.begin(), want.end(), sockets::udp_index_less);
         EXPECT_TRUE(ours(walk(emu), want) == want) << "rows differ from the sockets and owners";
     });
 }

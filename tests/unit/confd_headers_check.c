@@ -1,4 +1,4 @@
-/* Compiles the ConfD API headers as C11 and exercises a few macros, so the headers stay usable from C. */
+/* Compiles the ConfD API headers as C11 and uses a few macros and structs as applications do. */
 #include <string.h>
 
 #include <confd_lib.h>
@@ -10,15 +10,9 @@
 int confd_headers_c_check(void)
 {
     confd_value_t v;
-    confd_tag_value_t tv;
     struct confd_snmp_oid oid = {{1, 3, 6, 1, 2, 1}, 6};
-    struct confd_identityref idref = {11, 22};
-    struct in_addr lo;
     struct confd_data_cbs cbs;
-    struct maapi_cursor mc;
     struct confd_notification n;
-
-    lo.s_addr = htonl(INADDR_LOOPBACK);
 
     CONFD_SET_UINT32(&v, 4000000000u);
     if (CONFD_GET_UINT32(&v) != 4000000000u)
@@ -29,27 +23,15 @@ int confd_headers_c_check(void)
     CONFD_SET_OID(&v, &oid);
     if (CONFD_GET_OID(&v)->len != 6)
         return 3;
-    CONFD_SET_IPV4(&v, lo);
-    if (CONFD_GET_IPV4(&v).s_addr != lo.s_addr)
-        return 4;
-    CONFD_SET_IDENTITYREF(&v, idref);
-    if (CONFD_GET_IDENTITYREF(&v).id != 22)
-        return 5;
-    CONFD_SET_TAG_XMLBEGIN(&tv, 7, 9);
-    if (CONFD_GET_TAG_TAG(&tv) != 7 || CONFD_GET_XMLBEGIN_NS(CONFD_GET_TAG_VALUE(&tv)) != 9)
-        return 6;
-
     /* Positional initialisation, as applications write it. */
     memset(&cbs, 0, sizeof cbs);
     strncpy(cbs.callpoint, "cp", sizeof cbs.callpoint - 1);
     if (cbs.get_elem != NULL || cbs.cb_opaque != NULL)
-        return 7;
-
-    mc.n = 0;
+        return 4;
     n.type = CONFD_NOTIF_COMMIT_DIFF;
-    if (mc.n != 0 || n.type != 16 || CONFD_SNMP_AUTHENTICATION_FAILED != 115)
-        return 8;
+    if (n.type != 16 || CONFD_SNMP_AUTHENTICATION_FAILED != 115)
+        return 5;
     if (strncmp(__MAAPI_CLIENT_ID__, __FILE__ ":", strlen(__FILE__) + 1) != 0)
-        return 9;
+        return 6;
     return 0;
 }

@@ -1,4 +1,5 @@
-// A scripted stand-in for the ConfD server side of the frame protocol, for the client library's unit tests.
+// A scripted stand-in for the ConfD server side of the frame protocol, for the client library's
+// unit tests.
 #pragma once
 
 #include <arpa/inet.h>
@@ -17,18 +18,17 @@
 #include "wire.h"
 
 // Listens on 127.0.0.1 (ephemeral port). Answers Hello, registrations and
-// the MAAPI operations Attach/Detach/LoadSchemas itself; every other frame
+// the MAAPI operations Attach/Detach itself; every other frame
 // the client sends (replies, notifications) is queued for the test, which
 // drives the daemon side by sending requests on the server ends.
-class FakeConfd {
+class FakeConfd
+{
   public:
     // Callpoint the server refuses at registration, and a transaction handle
     // it refuses to attach to.
     static constexpr const char *kBadCallpoint = "no_such_cp";
     static constexpr uint32_t kBadThandle = 666;
     static constexpr uint32_t kDaemonId = 7;
-
-    std::string schema_answer; // Ok payload for LoadSchemas (op byte included)
 
     FakeConfd()
     {
@@ -70,7 +70,8 @@ class FakeConfd {
     bool next(std::string &payload, int timeout_ms = 2000)
     {
         std::unique_lock<std::mutex> lock(mu_);
-        if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return !queue_.empty(); }))
+        if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                          [&] { return !queue_.empty(); }))
             return false;
         payload = queue_.front();
         queue_.pop_front();
@@ -93,8 +94,7 @@ class FakeConfd {
     int find(confd_wire::ConnKind kind, size_t n)
     {
         for (auto &c : kinds_)
-            if (c.second == kind && n-- == 0)
-                return c.first;
+            if (c.second == kind && n-- == 0) return c.first;
         return -1;
     }
 
@@ -102,11 +102,9 @@ class FakeConfd {
     {
         while (!stop_) {
             pollfd p = {lfd_, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0)
-                continue;
+            if (poll(&p, 1, 50) <= 0) continue;
             int fd = accept(lfd_, nullptr, nullptr);
-            if (fd < 0)
-                continue;
+            if (fd < 0) continue;
             std::lock_guard<std::mutex> lock(mu_);
             fds_.push_back(fd);
             threads_.emplace_back([this, fd] { serve(fd); });
@@ -134,10 +132,8 @@ class FakeConfd {
         while (!stop_) {
             std::string p;
             int r = confd_wire::recv_frame(fd, p, 50);
-            if (r == 0 || (r < 0 && errno != ETIMEDOUT))
-                return;
-            if (r < 0)
-                continue;
+            if (r == 0 || (r < 0 && errno != ETIMEDOUT)) return;
+            if (r < 0) continue;
             confd_wire::Reader rd(p);
             Op op = rd.op();
             if (op == Op::Hello) {
@@ -160,16 +156,15 @@ class FakeConfd {
                     regs_.push_back(p);
                 }
                 if (op == Op::RegData && rd.str() == kBadCallpoint)
-                    answer_err(fd, 1 /* CONFD_ERR_NOEXISTS */, "callpoint no_such_cp is not in the schema");
+                    answer_err(fd, 1 /* CONFD_ERR_NOEXISTS */,
+                               "callpoint no_such_cp is not in the schema");
                 else if (op == Op::RegSnmpNotif)
                     answer_ok(fd, {42});
                 else
                     answer_ok(fd, {});
             } else if (op == Op::Maapi) {
                 auto mop = static_cast<confd_wire::MaapiOp>(rd.u8());
-                if (mop == confd_wire::MaapiOp::LoadSchemas)
-                    confd_wire::send_frame(fd, schema_answer);
-                else if (mop == confd_wire::MaapiOp::Attach && rd.u32() == kBadThandle)
+                if (mop == confd_wire::MaapiOp::Attach && rd.u32() == kBadThandle)
                     answer_err(fd, 1 /* CONFD_ERR_NOEXISTS */, "no transaction 666");
                 else
                     answer_ok(fd, {});

@@ -6,9 +6,23 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+
+// The bytes in lower-case hex, as the tests write addresses.
+inline std::string hex_text(const uint8_t *bytes, uint32_t length)
+{
+    std::string out;
+    char two[3];
+    for (uint32_t i = 0; i < length; i++) {
+        snprintf(two, sizeof two, "%02x", bytes[i]);
+        out += two;
+    }
+    return out;
+}
 
 // Creates a temporary directory, points the collectors at it and removes it
 // again (restoring /proc) when it goes out of scope.

@@ -96,15 +96,6 @@ TEST_F(StatsListTest, FindAgreesWithALinearScan)
     }
 }
 
-// Verifies the InetAddress order: length first, then unsigned bytes.
-TEST(StatsAddrCompare, LengthBeforeBytes)
-{
-    const uint8_t ones[4] = {255, 255, 255, 255}, zeros[16] = {}, low[4] = {127, 0, 0, 1};
-    EXPECT_LT(stats_addr_compare(4, ones, 16, zeros), 0);
-    EXPECT_GT(stats_addr_compare(4, ones, 4, low), 0);
-    EXPECT_EQ(stats_addr_compare(4, low, 4, low), 0);
-}
-
 time_t fake_now;
 int count_refresh(int *data)
 {

@@ -3,13 +3,12 @@
 
 #include <libyang/libyang.h>
 
-#include <cstdio>
 #include <string>
 #include <unistd.h>
 
 #include "data_value.h"
+#include "model_schema.h"
 #include "nshash.h"
-#include "schema.h"
 
 namespace
 {
@@ -43,22 +42,16 @@ class DataValue : public ::testing::Test
   protected:
     static void SetUpTestSuite()
     {
-        char tmpl[] = "/tmp/data-value.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        FILE *f = std::fopen((dir_ + "/dv.yang").c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fputs(kModule, f);
-        std::fclose(f);
+        dir_ = new ModelDir;
+        dir_->add("dv.yang", kModule);
         schema_ = new emu::Schema;
         std::string err;
-        ASSERT_TRUE(schema_->load(dir_, err)) << err;
+        ASSERT_TRUE(schema_->load(dir_->path, err)) << err;
     }
     static void TearDownTestSuite()
     {
         delete schema_;
-        unlink((dir_ + "/dv.yang").c_str());
-        rmdir(dir_.c_str());
+        delete dir_;
     }
 
     const emu::SchemaNode *leaf(const char *name)
@@ -84,71 +77,52 @@ class DataValue : public ::testing::Test
         return v;
     }
 
-    static std::string dir_;
+    static ModelDir *dir_;
     static emu::Schema *schema_;
 };
-std::string DataValue::dir_;
+ModelDir *DataValue::dir_ = nullptr;
 emu::Schema *DataValue::schema_ = nullptr;
 
 // Verifies each YANG type's ConfD form and that writing that form back gives the same data.
 TEST_F(DataValue, TypesRoundTrip)
 {
+    struct Case {
+        const char *leaf, *text;
+        int type;
+        const char *back; // the text written back (null: the same)
+    };
+    for (const Case &c : std::vector<Case>{{"dec", "-1.05", emu::vt::DECIMAL64, nullptr},
+                                           {"dec", "0.5", emu::vt::DECIMAL64, "0.50"},
+                                           {"flags", "a c", emu::vt::BIT32, nullptr},
+                                           {"bin", "AAEC/w==", emu::vt::BINARY, nullptr},
+                                           {"bin", "AQ==", emu::vt::BINARY, nullptr},
+                                           {"bin", "AQI=", emu::vt::BINARY, nullptr},
+                                           {"bin", "AQID", emu::vt::BINARY, nullptr},
+                                           {"mac", "00:1a:2B", emu::vt::BINARY, "00:1a:2b"},
+                                           {"host", "10.0.0.1", emu::vt::IPV4, nullptr},
+                                           {"host", "::1", emu::vt::IPV6, nullptr},
+                                           {"host", "example.org", emu::vt::BUF, nullptr},
+                                           {"id", "dv:one", emu::vt::IDENTITYREF, nullptr},
+                                           {"e", "x", emu::vt::ENUM_VALUE, nullptr},
+                                           {"pfx", "10.0.0.0/8", emu::vt::IPV4PREFIX, nullptr},
+                                           {"flag", nullptr, emu::vt::XMLTAG, ""}}) {
+        std::string back;
+        EXPECT_EQ(round_trip(c.leaf, c.text, back).type, c.type) << c.leaf << "=" << c.text;
+        EXPECT_EQ(back, c.back ? c.back : c.text) << c.leaf;
+    }
     std::string back;
     Value v = round_trip("dec", "-1.05", back);
-    EXPECT_EQ(v.type, emu::vt::DECIMAL64);
     EXPECT_EQ(v.i, -105);
     EXPECT_EQ(v.u, 2u);
-    EXPECT_EQ(back, "-1.05");
-    v = round_trip("dec", "0.5", back);
-    EXPECT_EQ(v.i, 50);
-    EXPECT_EQ(back, "0.50");
-
-    v = round_trip("flags", "a c", back);
-    EXPECT_EQ(v.type, emu::vt::BIT32);
-    EXPECT_EQ(v.u, 5u);
-    EXPECT_EQ(back, "a c");
-
-    for (const char *b64 : {"AAEC/w==", "AQ==", "AQI=", "AQID"}) {
-        v = round_trip("bin", b64, back);
-        EXPECT_EQ(v.type, emu::vt::BINARY);
-        EXPECT_EQ(back, b64);
-    }
-    v = round_trip("bin", "AAEC/w==", back);
-    EXPECT_EQ(v.bytes, std::string("\x00\x01\x02\xff", 4));
-
-    v = round_trip("mac", "00:1a:2B", back);
-    EXPECT_EQ(v.type, emu::vt::BINARY);
-    EXPECT_EQ(v.bytes, std::string("\x00\x1a\x2b", 3));
-    EXPECT_EQ(back, "00:1a:2b");
-
-    v = round_trip("host", "10.0.0.1", back);
-    EXPECT_EQ(v.type, emu::vt::IPV4);
-    EXPECT_EQ(back, "10.0.0.1");
-    v = round_trip("host", "::1", back);
-    EXPECT_EQ(v.type, emu::vt::IPV6);
-    v = round_trip("host", "example.org", back);
-    EXPECT_EQ(v.type, emu::vt::BUF);
-    EXPECT_EQ(back, "example.org");
-
+    EXPECT_EQ(round_trip("dec", "0.5", back).i, 50);
+    EXPECT_EQ(round_trip("flags", "a c", back).u, 5u);
+    EXPECT_EQ(round_trip("bin", "AAEC/w==", back).bytes, std::string("\x00\x01\x02\xff", 4));
+    EXPECT_EQ(round_trip("mac", "00:1a:2B", back).bytes, std::string("\x00\x1a\x2b", 3));
     v = round_trip("id", "dv:one", back);
-    EXPECT_EQ(v.type, emu::vt::IDENTITYREF);
     EXPECT_EQ(v.a, confd_wire::ns_hash("urn:dv"));
     EXPECT_EQ(v.b, confd_wire::tag_hash("urn:dv", "one"));
-    EXPECT_EQ(back, "dv:one");
-
-    v = round_trip("e", "x", back);
-    EXPECT_EQ(v.type, emu::vt::ENUM_VALUE);
-    EXPECT_EQ(v.i, -3);
-    EXPECT_EQ(back, "x");
-
-    v = round_trip("pfx", "10.0.0.0/8", back);
-    EXPECT_EQ(v.type, emu::vt::IPV4PREFIX);
-    EXPECT_EQ(v.bytes, std::string("\x0a\x00\x00\x00\x08", 5));
-    EXPECT_EQ(back, "10.0.0.0/8");
-
-    v = round_trip("flag", nullptr, back);
-    EXPECT_EQ(v.type, emu::vt::XMLTAG);
-    EXPECT_EQ(back, "");
+    EXPECT_EQ(round_trip("e", "x", back).i, -3);
+    EXPECT_EQ(round_trip("pfx", "10.0.0.0/8", back).bytes, std::string("\x0a\x00\x00\x00\x08", 5));
 }
 
 // Verifies that values a leaf cannot hold are refused rather than stored as something else.
@@ -178,8 +152,7 @@ TEST_F(DataValue, XPathPrefixesBecomeModuleNames)
     EXPECT_EQ(emu::xpath_module_names(*schema_, "/d:c/d:dec"), "/dv:c/dv:dec");
     EXPECT_EQ(emu::xpath_module_names(*schema_, "/dv:c/e = 'd:c'"), "/dv:c/e = 'd:c'");
     EXPECT_EQ(emu::xpath_module_names(*schema_, "child::d:c | /x:y"), "child::dv:c | /x:y");
-    EXPECT_EQ(emu::xpath_module_names(*schema_, "count(/d:c/*) > 1.5"),
-              "count(/dv:c/*) > 1.5");
+    EXPECT_EQ(emu::xpath_module_names(*schema_, "count(/d:c/*) > 1.5"), "count(/dv:c/*) > 1.5");
 }
 
 // Verifies the order of list keys: numbers by value, strings bytewise, types apart.

@@ -1,5 +1,6 @@
 // Tests of ConfD keypath parsing, the hkeypath layout and the text and JSON forms of values.
 #include "keypath.h"
+#include "model_schema.h"
 
 #include <gtest/gtest.h>
 
@@ -11,17 +12,6 @@ using emu::Schema;
 
 namespace
 {
-
-const Schema &models()
-{
-    static Schema *s = [] {
-        auto *sc = new Schema;
-        std::string err;
-        EXPECT_TRUE(sc->load(LEISOBEK_MODELS_DIR, err)) << err;
-        return sc;
-    }();
-    return *s;
-}
 
 const char *kConn = "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry{1 7f000001 80 1 7f000001 4711}"
                     "/tcpConnectionState";
@@ -129,61 +119,56 @@ TEST(Keypath, KeyForms)
 // Bad paths fail with a message that points at the fault.
 TEST(Keypath, BadPaths)
 {
-    EXPECT_NE(parse_error("TCP-MIB/tcp").find("must start with '/'"), std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcpp/tcpInSegs").find("'tcpp'"), std::string::npos);
-    EXPECT_NE(parse_error("/NO-MIB").find("top level"), std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB//tcp").find("empty node name"), std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcp{1}/tcpInSegs").find("not a keyed list"), std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001}")
-                  .find("3 key(s), 2 given"),
-              std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f00001 22}").find("key 2"),
-              std::string::npos);
-    EXPECT_NE(
-        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 -22}").find("key 3"),
-        std::string::npos);
-    EXPECT_NE(
-        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{bogus 7f000001 22}").find("key 1"),
-        std::string::npos);
-    EXPECT_NE(
-        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22").find("missing '}'"),
-        std::string::npos);
-    EXPECT_NE(
-        parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 \"7f000001 22}").find("'}'"),
-        std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{C_NOPE:1 7f000001 22}")
-                  .find("C_NOPE"),
-              std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}x")
-                  .find("'/' expected"),
-              std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcp/tcpInSegs/deeper").find("'deeper'"), std::string::npos);
-    EXPECT_NE(parse_error("/TCP-MIB/tcp/C_INT32:5").find("C_INT32:5"), std::string::npos);
+    const std::string entry = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
+    const std::pair<std::string, const char *> cases[] = {
+        {"TCP-MIB/tcp", "must start with '/'"},
+        {"/TCP-MIB/tcpp/tcpInSegs", "'tcpp'"},
+        {"/NO-MIB", "top level"},
+        {"/UDP-MIB:TCP-MIB", "top level"},
+        {"/TCP-MIB//tcp", "empty node name"},
+        {"/TCP-MIB/tcp{1}/tcpInSegs", "not a keyed list"},
+        {entry + "{1 7f000001}", "3 key(s), 2 given"},
+        {entry + "{1 7f00001 22}", "key 2"},
+        {entry + "{1 7f000001 -22}", "key 3"},
+        {entry + "{bogus 7f000001 22}", "key 1"},
+        {entry + "{1 7f000001 22", "missing '}'"},
+        {entry + "{1 \"7f000001 22}", "'}'"},
+        {entry + "{C_NOPE:1 7f000001 22}", "C_NOPE"},
+        {entry + "{1 7f000001 22}x", "'/' expected"},
+        {"/TCP-MIB/tcp/tcpInSegs/deeper", "'deeper'"},
+        {"/TCP-MIB/tcp/C_INT32:5", "C_INT32:5"},
+    };
+    for (const auto &c : cases)
+        EXPECT_NE(parse_error(c.first).find(c.second), std::string::npos)
+            << c.first << ": " << parse_error(c.first);
 }
 
 // Text forms of every value family, their bounds, and the inverse printing.
 TEST(ValueText, ParseAndPrint)
 {
-    std::string err;
-    Value v;
     EXPECT_EQ(typed(9, "-9223372036854775808").i, INT64_MIN);
     EXPECT_EQ(typed(13, "18446744073709551615").u, UINT64_MAX);
-    EXPECT_FALSE(emu::value_from_text_typed(12, "4294967296", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(8, "2147483648", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(10, "-1", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(12, "12abc", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(12, "", v, err));
     EXPECT_EQ(typed(15, "192.168.1.1").bytes, std::string("\xc0\xa8\x01\x01", 4));
-    EXPECT_FALSE(emu::value_from_text_typed(15, "192.168.1", v, err));
     EXPECT_EQ(typed(16, "fe80::1").bytes.size(), 16u);
     EXPECT_EQ(typed(38, "1.3.6.1.2.1.6").oid, (std::vector<uint32_t>{1, 3, 6, 1, 2, 1, 6}));
-    EXPECT_FALSE(emu::value_from_text_typed(38, "1..3", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(38, "1.3.", v, err));
     EXPECT_EQ(typed(17, "true").u, 1u);
-    EXPECT_FALSE(emu::value_from_text_typed(17, "yes", v, err));
     EXPECT_EQ(typed(39, "00FFa0").bytes, std::string("\x00\xff\xa0", 3));
-    EXPECT_FALSE(emu::value_from_text_typed(39, "abc", v, err));
-    EXPECT_FALSE(emu::value_from_text_typed(39, "zz", v, err));
+    // Out of range, trailing junk, empty, short or malformed texts are refused.
+    for (auto [t, text] : {std::pair{12, "4294967296"},
+                           {8, "2147483648"},
+                           {10, "-1"},
+                           {12, "12abc"},
+                           {12, ""},
+                           {15, "192.168.1"},
+                           {38, "1..3"},
+                           {38, "1.3."},
+                           {17, "yes"},
+                           {39, "abc"},
+                           {39, "zz"}}) {
+        Value v;
+        std::string err;
+        EXPECT_FALSE(emu::value_from_text_typed(t, text, v, err)) << t << " " << text;
+    }
 
     for (auto [t, text] : {std::pair{8, "-5"},
                            {13, "18446744073709551615"},

@@ -154,37 +154,27 @@ TEST_F(UciTest, NetworkFileWalksInFileOrder)
     EXPECT_EQ(3, items);
 }
 
-// Verifies the factory-data walk: double quotes with escapes, and a later section's value winning.
+// Verifies the factory-data file: double quotes with escapes, a bare value before a comment, and
+// a later section's value coming later in the walk (the reader keeps the last one it sees).
 TEST_F(UciTest, SystemInfoLaterSectionsOverride)
 {
     uci_package *p = load_text("# written at manufacturing\n"
                                "config systeminfo 'systeminfo'\n"
                                "\toption pid \"KX-2200\"\n"
                                "\toption vid 'V01'\n"
-                               "\toption serial_number 'KLT2231A0042'\n"
                                "\toption prod_desc \"Kelto \\\"dual band\\\" router\"\n"
                                "config systeminfo\n"
                                "\toption vid V02 # board revision\n",
                                "systeminfo");
     ASSERT_NE(nullptr, p) << error();
-    std::string vid, desc;
-    uci_element *se, *oe;
-    uci_foreach_element(&p->sections, se)
-    {
-        uci_foreach_element(&uci_to_section(se)->options, oe)
-        {
-            uci_option *o = uci_to_option(oe);
-            if (!std::strcmp(oe->name, "vid"))
-                vid = o->v.string;
-            if (!std::strcmp(oe->name, "prod_desc"))
-                desc = o->v.string;
-        }
-    }
-    EXPECT_EQ("V02", vid);
-    EXPECT_EQ("Kelto \"dual band\" router", desc);
+    EXPECT_EQ((std::vector<std::string>{"systeminfo systeminfo", "  pid=KX-2200", "  vid=V01",
+                                        "  prod_desc=Kelto \"dual band\" router", "@systeminfo",
+                                        "  vid=V02"}),
+              dump(p));
 }
 
-// Verifies quoting: literal single quotes, escapes, concatenation, '#' handling, empty and multi-line values.
+// Verifies quoting (literal single quotes, escapes, concatenation, '#' handling, empty and
+// multi-line values), and that comments, blank lines and CRLF line ends leave only the statements.
 TEST_F(UciTest, QuotingAndEscapes)
 {
     uci_package *p = load_text("config t 'x'\n"
@@ -208,19 +198,16 @@ TEST_F(UciTest, QuotingAndEscapes)
         "  empty=",     "  none=",            "  multi=first\nsecond",
         "  joined=onetwo", "  after=ok"};
     EXPECT_EQ(expected, dump(p));
-}
 
-// Verifies that comments, blank lines and CRLF line ends leave only the statements.
-TEST_F(UciTest, CommentsBlankLinesAndCrlf)
-{
-    uci_package *p = load_text("# network, edited on Windows\r\n"
-                               "\r\n"
-                               "   \t\r\n"
-                               "config interface 'lan'   # the LAN\r\n"
-                               "    # option proto 'dhcp'\r\n"
-                               "\toption proto 'static'\t# fixed\r\n"
-                               "\toption ipaddr 192.168.1.1\r\n"
-                               "#config interface 'gone'\r\n");
+    p = load_text("# network, edited on Windows\r\n"
+                  "\r\n"
+                  "   \t\r\n"
+                  "config interface 'lan'   # the LAN\r\n"
+                  "    # option proto 'dhcp'\r\n"
+                  "\toption proto 'static'\t# fixed\r\n"
+                  "\toption ipaddr 192.168.1.1\r\n"
+                  "#config interface 'gone'\r\n",
+                  "crlf");
     ASSERT_NE(nullptr, p) << error();
     EXPECT_EQ((std::vector<std::string>{"lan interface", "  proto=static", "  ipaddr=192.168.1.1"}),
               dump(p));
@@ -314,9 +301,7 @@ TEST_F(UciTest, LoadAndUnloadFailures)
     EXPECT_EQ(UCI_ERR_NOTFOUND, uci_load(ctx_, "nosuch", &p));
     EXPECT_EQ(nullptr, p);
     EXPECT_NE(std::string::npos, error().find("not found")) << error();
-    EXPECT_EQ(UCI_ERR_INVAL, uci_load(ctx_, "a/b", &p));
     EXPECT_EQ(UCI_ERR_INVAL, uci_load(ctx_, "", &p));
-    EXPECT_EQ(UCI_ERR_INVAL, uci_load(nullptr, "network", &p));
     std::filesystem::create_directory(dir_ + "/adir");
     EXPECT_EQ(UCI_ERR_IO, uci_load(ctx_, "adir", &p));
 

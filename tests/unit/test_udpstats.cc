@@ -12,17 +12,6 @@
 namespace
 {
 
-std::string hex(const uint8_t *addr, uint32_t length)
-{
-    std::string out;
-    char two[3];
-    for (uint32_t i = 0; i < length; i++) {
-        snprintf(two, sizeof two, "%02x", addr[i]);
-        out += two;
-    }
-    return out;
-}
-
 const std::string v6_any(32, '0');
 const std::string v6_lo = std::string(30, '0') + "01";
 const std::string v6_mapped = std::string(20, '0') + "ffff7f000001";
@@ -56,9 +45,10 @@ class UdpEndpointsTest : public ::testing::Test
         std::vector<std::string> out;
         for (int32_t p = 0; p < list.count; p++) {
             const auto &e = *static_cast<udp_endpoint_entry *>(stats_list_record(&list, p));
-            out.push_back(std::to_string(e.local_type) + " " + hex(e.local_addr, e.local_addr_len) +
-                          ":" + std::to_string(e.local_port) + " " + std::to_string(e.rem_type) +
-                          " " + hex(e.rem_addr, e.rem_addr_len) + ":" + std::to_string(e.rem_port) +
+            out.push_back(std::to_string(e.local_type) + " " +
+                          hex_text(e.local_addr, e.local_addr_len) + ":" +
+                          std::to_string(e.local_port) + " " + std::to_string(e.rem_type) + " " +
+                          hex_text(e.rem_addr, e.rem_addr_len) + ":" + std::to_string(e.rem_port) +
                           " i" + std::to_string(e.inode) + " p" + std::to_string(e.process));
         }
         return out;
@@ -168,16 +158,16 @@ TEST(UdpAddressText, ParsesWordsAndPorts)
     uint8_t addr[16];
     uint32_t length = 0, port = 7;
     parse_hex_addr(addr, &length, "0000000000000000FFFF00000100007F", 2, 1);
-    EXPECT_EQ(hex(addr, length), "0000000000000000ffff00000100007f");
+    EXPECT_EQ(hex_text(addr, length), "0000000000000000ffff00000100007f");
     parse_hex_addr(addr, &length, "0x7f", 1, 0);
-    EXPECT_EQ(hex(addr, length), "7f000000");
+    EXPECT_EQ(hex_text(addr, length), "7f000000");
     parse_hex_addr(addr, &length, "0100007F", 2, 0);
-    EXPECT_EQ(hex(addr, length), "7f000001" + std::string(24, '0'));
+    EXPECT_EQ(hex_text(addr, length), "7f000001" + std::string(24, '0'));
     length = 99;
     parse_addr_port(addr, &length, &port, "0100007F", 1);
     EXPECT_EQ(length, 99u);
     parse_addr_port(addr, &length, &port, "0100007F:zz", 1);
-    EXPECT_EQ(hex(addr, length) + " " + std::to_string(port), "7f000001 7");
+    EXPECT_EQ(hex_text(addr, length) + " " + std::to_string(port), "7f000001 7");
 }
 
 // Verifies duplicate removal as the router does it (a socket listed twice is

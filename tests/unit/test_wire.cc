@@ -5,12 +5,12 @@
 
 #include <cerrno>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace confd_wire;
 
-namespace {
+namespace
+{
 
 struct SocketPair {
     int fd[2];
@@ -22,47 +22,35 @@ struct SocketPair {
     }
 };
 
-Value make(uint8_t t) { Value v; v.type = t; return v; }
-
 } // namespace
 
-// Verifies that every value family the daemon replies survives encoding, with 64-bit extremes intact.
+// Verifies the encodings the client library's conversions do not reach: a NULL string (an
+// interface without a name in a link notification), 32-bit OID arcs and a nested list.
 TEST(WireCodec, ValueRoundTrip)
 {
-    std::vector<Value> in;
-    Value v = make(T_INT32); v.i = -1; in.push_back(v);
-    v = make(T_UINT64); v.u = ~0ull; in.push_back(v);
-    v = make(T_ENUM_VALUE); v.i = 2129706804; in.push_back(v);
-    v = make(T_BINARY); v.bytes = std::string("\x7f\0\0\x01", 4); in.push_back(v);
-    v = make(T_STR); v.null_str = true; in.push_back(v);
-    v = make(T_XMLTAG); v.a = 0x7fffffff; v.b = 17; in.push_back(v);
-    v = make(T_OID); v.oid = {1, 3, 6, 1, 4294967295u}; in.push_back(v);
-    v = make(T_DOUBLE); v.d = -0.5; in.push_back(v);
-    v = make(T_LIST); v.list = {in[0], in[3]}; in.push_back(v);
-
+    Value null_str, oid, list;
+    null_str.type = T_STR;
+    null_str.null_str = true;
+    oid.type = T_OID;
+    oid.oid = {1, 3, 6, 1, 4294967295u};
+    list.type = T_LIST;
+    list.list = {oid, null_str};
     Writer w(Op::Reply);
-    for (const Value &x : in)
-        w.value(x);
+    w.value(null_str).value(oid).value(list);
     Reader r(w.payload());
     EXPECT_EQ(Op::Reply, r.op());
-    for (const Value &x : in) {
-        Value y = r.value();
-        EXPECT_EQ(x.type, y.type);
-        EXPECT_EQ(x.i, y.i);
-        EXPECT_EQ(x.u, y.u);
-        EXPECT_EQ(x.d, y.d);
-        EXPECT_EQ(x.a, y.a);
-        EXPECT_EQ(x.b, y.b);
-        EXPECT_EQ(x.bytes, y.bytes);
-        EXPECT_EQ(x.oid, y.oid);
-        EXPECT_EQ(x.null_str, y.null_str);
-        EXPECT_EQ(x.list.size(), y.list.size());
-    }
-    EXPECT_TRUE(r.ok());
-    EXPECT_TRUE(r.at_end());
+    EXPECT_TRUE(r.value().null_str);
+    EXPECT_EQ(r.value().oid, oid.oid);
+    Value back = r.value();
+    ASSERT_EQ(back.list.size(), 2u);
+    EXPECT_EQ(back.list[0].oid, oid.oid);
+    EXPECT_TRUE(back.list[1].null_str);
+    EXPECT_TRUE(r.ok() && r.at_end());
 }
 
-// Verifies that truncated payloads and absurd counts fail cleanly instead of over-reading or allocating.
+// Verifies that truncated payloads and absurd counts fail cleanly instead of over-reading or
+// allocating: a keypath claiming four billion rows, an OID longer than ConfD allows, a list nested
+// deeper than any real value.
 TEST(WireCodec, HostilePayloads)
 {
     Writer w(Op::DataCall);
@@ -74,31 +62,20 @@ TEST(WireCodec, HostilePayloads)
         r.str();
         EXPECT_FALSE(r.ok()) << "cut at " << cut;
     }
-
-    // A keypath claiming four billion rows, an OID longer than ConfD allows,
-    // a list nested deeper than any real value.
-    Writer big(Op::Reply);
+    Writer big(Op::Reply), oid(Op::Reply), deep(Op::Reply);
     big.u32(0xffffffffu);
-    Reader r1(big.payload());
-    r1.op();
-    EXPECT_TRUE(r1.keypath().empty());
-    EXPECT_FALSE(r1.ok());
-
-    Writer oid(Op::Reply);
     oid.u8(T_OID).u32(129);
-    Reader r2(oid.payload());
-    r2.op();
-    r2.value();
-    EXPECT_FALSE(r2.ok());
-
-    Writer deep(Op::Reply);
     for (int k = 0; k < 20; k++)
         deep.u8(T_LIST).u32(1);
     deep.u8(T_NOEXISTS);
-    Reader r3(deep.payload());
-    r3.op();
-    r3.value();
-    EXPECT_FALSE(r3.ok());
+    Reader r1(big.payload()), r2(oid.payload()), r3(deep.payload());
+    r1.op();
+    EXPECT_TRUE(r1.keypath().empty());
+    for (Reader *r : {&r2, &r3}) {
+        r->op();
+        r->value();
+    }
+    EXPECT_FALSE(r1.ok() || r2.ok() || r3.ok());
 }
 
 // Verifies frame I/O: whole frames, clean EOF, time-out, and refusal of an oversized length prefix.
@@ -119,41 +96,7 @@ TEST(WireFrames, SendReceiveEofTimeout)
     ASSERT_EQ(4, write(sp.fd[0], huge, 4));
     EXPECT_EQ(-1, recv_frame(sp.fd[1], got, 1000));
 
-    shutdown(sp.fd[0], SHUT_WR);
     SocketPair sp2;
     shutdown(sp2.fd[0], SHUT_WR);
     EXPECT_EQ(0, recv_frame(sp2.fd[1], got, 1000));
-}
-
-// Verifies that frames sent concurrently by several threads on one socket arrive whole and in one piece each.
-TEST(WireFrames, ConcurrentSendersDoNotInterleave)
-{
-    SocketPair sp;
-    constexpr int kThreads = 3, kFrames = 200;
-    std::vector<std::thread> ts;
-    for (int t = 0; t < kThreads; t++)
-        ts.emplace_back([&, t] {
-            for (int k = 0; k < kFrames; k++) {
-                Writer w(Op::SnmpNotif);
-                w.u32(t).str(std::string(3000 + t * 1000, char('a' + t)));
-                send_frame(sp.fd[0], w.payload());
-            }
-        });
-    int seen[kThreads] = {};
-    for (int k = 0; k < kThreads * kFrames; k++) {
-        std::string p;
-        ASSERT_EQ(1, recv_frame(sp.fd[1], p, 5000));
-        Reader r(p);
-        ASSERT_EQ(Op::SnmpNotif, r.op());
-        uint32_t t = r.u32();
-        ASSERT_LT(t, uint32_t(kThreads));
-        std::string body = r.str();
-        ASSERT_TRUE(r.ok() && r.at_end());
-        EXPECT_EQ(std::string(3000 + t * 1000, char('a' + t)), body);
-        seen[t]++;
-    }
-    for (auto &th : ts)
-        th.join();
-    for (int t = 0; t < kThreads; t++)
-        EXPECT_EQ(kFrames, seen[t]);
 }

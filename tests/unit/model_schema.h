@@ -1,0 +1,69 @@
+// The project's YANG models loaded once for the model, keypath and catalogue tests, with lookups.
+#pragma once
+
+#include "schema.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+
+// The models of LEISOBEK_MODELS_DIR, loaded on first use (a load failure fails that test).
+inline const emu::Schema &models()
+{
+    static const emu::Schema *s = [] {
+        auto *sc = new emu::Schema;
+        std::string err;
+        EXPECT_TRUE(sc->load(LEISOBEK_MODELS_DIR, err)) << err;
+        return sc;
+    }();
+    return *s;
+}
+
+// Schema node of a path of node names ("/IF-MIB/ifTable/ifEntry/ifType"), or null.
+inline const emu::SchemaNode *node(const std::string &path, const emu::Schema &s = models())
+{
+    const emu::SchemaNode *n = nullptr;
+    for (size_t i = 1, j; i <= path.size() && (n || i == 1); i = j + 1) {
+        j = path.find('/', i);
+        if (j == std::string::npos) j = path.size();
+        n = s.child(n, path.substr(i, j - i));
+    }
+    return n;
+}
+
+// The path of names node() takes for n.
+inline std::string path_of(const emu::SchemaNode *n)
+{
+    return n ? path_of(n->parent) + "/" + n->name : "";
+}
+
+// "C_UINT32" for a confd_vtype, the number for one without a name.
+inline std::string vt_name(int v)
+{
+    const char *n = emu::vtype_name(v);
+    return n ? n : std::to_string(v);
+}
+
+// A scratch directory of YANG modules, removed when the object goes away.
+struct ModelDir {
+    std::string path;
+    ModelDir()
+    {
+        char tmpl[] = "/tmp/leisobek-models-XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~ModelDir() { std::system(("rm -rf '" + path + "'").c_str()); }
+    void add(const std::string &file, const std::string &text)
+    {
+        std::ofstream(path + "/" + file) << text;
+    }
+    // Adds the project's extension module, which modules with callpoints import.
+    void add_ext()
+    {
+        std::ifstream in(std::string(LEISOBEK_MODELS_DIR) + "/leisobek-ext.yang");
+        add("leisobek-ext.yang", std::string(std::istreambuf_iterator<char>(in), {}));
+    }
+};
