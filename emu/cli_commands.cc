@@ -369,12 +369,12 @@ std::string cmd_walk(CliEnv &env, const Args &a)
 
     std::vector<const SchemaNode *> leaves;
     if (a.has("--leaves")) {
-        const std::string &spec = a.opt.at("--leaves");
+        const std::string &names = a.opt.at("--leaves");
         size_t start = 0;
-        while (start <= spec.size()) {
-            size_t comma = spec.find(',', start);
+        while (start <= names.size()) {
+            size_t comma = names.find(',', start);
             std::string name =
-                spec.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+                names.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
             const SchemaNode *l = env.schema.child(list, name);
             if (!l || (l->kind != NodeKind::Leaf && l->kind != NodeKind::LeafList))
                 return error_json("list " + list->name + " has no leaf " + json_quote(name));
