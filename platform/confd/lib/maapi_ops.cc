@@ -60,11 +60,13 @@ int expand(std::string &out, const char *fmt, va_list ap, const char *what)
     return CONFD_OK;
 }
 
-// One request on a transaction and a path: u32 thandle, str path, then `more`.
-int path_request(int sock, MaapiOp op, int th, const std::string &path, std::string &answer,
-                 const char *what, void (*more)(Writer &, const void *) = nullptr,
-                 const void *arg = nullptr)
+// One request on a transaction and a path: u32 thandle, str path, then `more`. The path is
+// expanded from the format into `path` first; CONFD_ERR_BADPATH when it does not expand.
+int path_request(int sock, MaapiOp op, int th, const char *fmt, va_list ap, std::string &path,
+                 std::string &answer, const char *what,
+                 void (*more)(Writer &, const void *) = nullptr, const void *arg = nullptr)
 {
+    if (expand(path, fmt, ap, what) != CONFD_OK) return CONFD_ERR;
     Writer w = maapi_op(op);
     w.u32(static_cast<uint32_t>(th)).str(path);
     if (more) more(w, arg);
@@ -75,8 +77,8 @@ int get_value(int sock, int th, confd_value_t *v, const char *fmt, va_list ap, c
 {
     if (v == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: no value to fill", what);
     std::string path, answer, err;
-    if (expand(path, fmt, ap, what) != CONFD_OK) return CONFD_ERR;
-    if (path_request(sock, MaapiOp::GetElem, th, path, answer, what) != CONFD_OK) return CONFD_ERR;
+    if (path_request(sock, MaapiOp::GetElem, th, fmt, ap, path, answer, what) != CONFD_OK)
+        return CONFD_ERR;
     Reader r = fields(answer);
     Value w = r.value();
     if (!r.ok()) return malformed(what);
@@ -95,6 +97,18 @@ int get_typed(int sock, int th, confd_value_t &v, std::initializer_list<int> typ
     int got = v.type;
     confd_free_value(&v);
     return confd_lib_fail(CONFD_ERR_BADTYPE, "%s: the leaf holds a value of type %d", what, got);
+}
+
+// A typed read of one scalar into *rval: `take` copies it out of the value once the type matched.
+template <typename T, typename Take>
+int get_scalar(int sock, int th, T *rval, std::initializer_list<int> types, Take take,
+               const char *fmt, va_list ap, const char *what)
+{
+    if (rval == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: NULL", what);
+    confd_value_t v;
+    if (get_typed(sock, th, v, types, fmt, ap, what) != CONFD_OK) return CONFD_ERR;
+    *rval = take(v);
+    return CONFD_OK;
 }
 
 void free_keys(struct maapi_cursor *mc)
@@ -322,26 +336,23 @@ int maapi_get_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...
 
 int maapi_get_int32_elem(int sock, int thandle, int32_t *rval, const char *fmt, ...)
 {
-    if (rval == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_int32_elem: NULL");
-    confd_value_t v;
     va_list ap;
     va_start(ap, fmt);
-    int r = get_typed(sock, thandle, v, {C_INT32}, fmt, ap, "maapi_get_int32_elem");
+    int r = get_scalar(
+        sock, thandle, rval, {C_INT32}, [](const confd_value_t &v) { return v.val.i32; },
+        fmt, ap, "maapi_get_int32_elem");
     va_end(ap);
-    if (r == CONFD_OK) *rval = v.val.i32;
     return r;
 }
 
 int maapi_get_u_int32_elem(int sock, int thandle, uint32_t *rval, const char *fmt, ...)
 {
-    if (rval == nullptr)
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_u_int32_elem: NULL");
-    confd_value_t v;
     va_list ap;
     va_start(ap, fmt);
-    int r = get_typed(sock, thandle, v, {C_UINT32}, fmt, ap, "maapi_get_u_int32_elem");
+    int r = get_scalar(
+        sock, thandle, rval, {C_UINT32}, [](const confd_value_t &v) { return v.val.u32; },
+        fmt, ap, "maapi_get_u_int32_elem");
     va_end(ap);
-    if (r == CONFD_OK) *rval = v.val.u32;
     return r;
 }
 
@@ -390,48 +401,43 @@ int maapi_get_str_elem(int sock, int thandle, char *buf, int n, const char *fmt,
 
 int maapi_get_bool_elem(int sock, int thandle, int *rval, const char *fmt, ...)
 {
-    if (rval == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_bool_elem: NULL");
-    confd_value_t v;
     va_list ap;
     va_start(ap, fmt);
-    int r = get_typed(sock, thandle, v, {C_BOOL}, fmt, ap, "maapi_get_bool_elem");
+    int r = get_scalar(
+        sock, thandle, rval, {C_BOOL}, [](const confd_value_t &v) { return v.val.boolean; },
+        fmt, ap, "maapi_get_bool_elem");
     va_end(ap);
-    if (r == CONFD_OK) *rval = v.val.boolean;
     return r;
 }
 
 int maapi_get_enum_value_elem(int sock, int thandle, int32_t *rval, const char *fmt, ...)
 {
-    if (rval == nullptr)
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_enum_value_elem: NULL");
-    confd_value_t v;
     va_list ap;
     va_start(ap, fmt);
-    int r = get_typed(sock, thandle, v, {C_ENUM_VALUE}, fmt, ap, "maapi_get_enum_value_elem");
+    int r = get_scalar(
+        sock, thandle, rval, {C_ENUM_VALUE}, [](const confd_value_t &v) { return v.val.enumvalue; },
+        fmt, ap, "maapi_get_enum_value_elem");
     va_end(ap);
-    if (r == CONFD_OK) *rval = v.val.enumvalue;
     return r;
 }
 
 int maapi_get_identityref_elem(int sock, int thandle, struct confd_identityref *rval,
                                const char *fmt, ...)
 {
-    if (rval == nullptr)
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_identityref_elem: NULL");
-    confd_value_t v;
     va_list ap;
     va_start(ap, fmt);
-    int r = get_typed(sock, thandle, v, {C_IDENTITYREF}, fmt, ap, "maapi_get_identityref_elem");
+    int r = get_scalar(
+        sock, thandle, rval, {C_IDENTITYREF}, [](const confd_value_t &v) { return v.val.idref; },
+        fmt, ap, "maapi_get_identityref_elem");
     va_end(ap);
-    if (r == CONFD_OK) *rval = v.val.idref;
     return r;
 }
 
 int maapi_vexists(int sock, int thandle, const char *fmt, va_list args)
 {
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_exists") != CONFD_OK) return CONFD_ERR;
-    if (path_request(sock, MaapiOp::Exists, thandle, path, answer, "maapi_exists") != CONFD_OK)
+    if (path_request(sock, MaapiOp::Exists, thandle, fmt, args, path, answer, "maapi_exists") !=
+        CONFD_OK)
         return CONFD_ERR;
     Reader r = fields(answer);
     uint8_t e = r.u8();
@@ -451,8 +457,7 @@ int maapi_exists(int sock, int thandle, const char *fmt, ...)
 int maapi_vnum_instances(int sock, int thandle, const char *fmt, va_list args)
 {
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_num_instances") != CONFD_OK) return CONFD_ERR;
-    if (path_request(sock, MaapiOp::NumInstances, thandle, path, answer,
+    if (path_request(sock, MaapiOp::NumInstances, thandle, fmt, args, path, answer,
                      "maapi_num_instances") != CONFD_OK)
         return CONFD_ERR;
     Reader r = fields(answer);
@@ -477,9 +482,8 @@ int maapi_vinit_cursor(int sock, int thandle, struct maapi_cursor *mc, const cha
 {
     if (mc == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_init_cursor: NULL");
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_init_cursor") != CONFD_OK) return CONFD_ERR;
-    if (path_request(sock, MaapiOp::InitCursor, thandle, path, answer, "maapi_init_cursor") !=
-        CONFD_OK)
+    if (path_request(sock, MaapiOp::InitCursor, thandle, fmt, args, path, answer,
+                     "maapi_init_cursor") != CONFD_OK)
         return CONFD_ERR;
     char *copy = strdup(path.c_str());
     if (copy == nullptr) return confd_lib_fail(CONFD_ERR_MALLOC, "maapi_init_cursor: no memory");
@@ -558,9 +562,8 @@ int maapi_vset_elem(int sock, int thandle, confd_value_t *v, const char *fmt, va
     Value wv;
     std::string err, path, answer;
     if (!to_wire(*v, wv, err)) return confd_lib_fail(CONFD_ERR_BADTYPE, "maapi_set_elem: %s", err.c_str());
-    if (expand(path, fmt, args, "maapi_set_elem") != CONFD_OK) return CONFD_ERR;
     return path_request(
-        sock, MaapiOp::SetElem, thandle, path, answer, "maapi_set_elem",
+        sock, MaapiOp::SetElem, thandle, fmt, args, path, answer, "maapi_set_elem",
         [](Writer &w, const void *arg) { w.value(*static_cast<const Value *>(arg)); }, &wv);
 }
 
@@ -577,9 +580,8 @@ int maapi_vset_elem2(int sock, int thandle, const char *strval, const char *fmt,
 {
     if (strval == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_set_elem2: no value");
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_set_elem2") != CONFD_OK) return CONFD_ERR;
     return path_request(
-        sock, MaapiOp::SetElemText, thandle, path, answer, "maapi_set_elem2",
+        sock, MaapiOp::SetElemText, thandle, fmt, args, path, answer, "maapi_set_elem2",
         [](Writer &w, const void *arg) { w.str(static_cast<const char *>(arg)); }, strval);
 }
 
@@ -595,8 +597,7 @@ int maapi_set_elem2(int sock, int thandle, const char *strval, const char *fmt, 
 int maapi_vcreate(int sock, int thandle, const char *fmt, va_list args)
 {
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_create") != CONFD_OK) return CONFD_ERR;
-    return path_request(sock, MaapiOp::Create, thandle, path, answer, "maapi_create");
+    return path_request(sock, MaapiOp::Create, thandle, fmt, args, path, answer, "maapi_create");
 }
 
 int maapi_create(int sock, int thandle, const char *fmt, ...)
@@ -611,8 +612,7 @@ int maapi_create(int sock, int thandle, const char *fmt, ...)
 int maapi_vdelete(int sock, int thandle, const char *fmt, va_list args)
 {
     std::string path, answer;
-    if (expand(path, fmt, args, "maapi_delete") != CONFD_OK) return CONFD_ERR;
-    return path_request(sock, MaapiOp::Delete, thandle, path, answer, "maapi_delete");
+    return path_request(sock, MaapiOp::Delete, thandle, fmt, args, path, answer, "maapi_delete");
 }
 
 int maapi_delete(int sock, int thandle, const char *fmt, ...)
