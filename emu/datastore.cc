@@ -343,14 +343,22 @@ KeyPath Datastore::keypath_of(const lyd_node *n) const
 
 // ---- reads ----
 
+int Datastore::readable(uint32_t th, const std::string &path, bool last_open, ParsedPath &p,
+                        Txn *&t, std::string &err)
+{
+    int rc = 0;
+    if (!lookup(th, t, rc, err)) return rc;
+    if ((rc = parse(schema_, path, p, err))) return rc;
+    return check_keys(p, last_open, err);
+}
+
 int Datastore::get_elem(uint32_t th, const std::string &path, Value &out, std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    Txn *t;
-    int rc = 0;
-    if (!lookup(th, t, rc, err)) return rc;
     ParsedPath p;
-    if ((rc = parse(schema_, path, p, err)) || (rc = check_keys(p, false, err))) return rc;
+    Txn *t = nullptr;
+    int rc = readable(th, path, false, p, t, err);
+    if (rc) return rc;
     const SchemaNode *leaf = p.steps.back().node;
     if (leaf->kind != NodeKind::Leaf && leaf->kind != NodeKind::LeafList) {
         err = path + " is not a leaf";
@@ -379,11 +387,10 @@ int Datastore::get_elem(uint32_t th, const std::string &path, Value &out, std::s
 int Datastore::exists(uint32_t th, const std::string &path, bool &out, std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    Txn *t;
-    int rc = 0;
-    if (!lookup(th, t, rc, err)) return rc;
     ParsedPath p;
-    if ((rc = parse(schema_, path, p, err)) || (rc = check_keys(p, true, err))) return rc;
+    Txn *t = nullptr;
+    int rc = readable(th, path, true, p, t, err);
+    if (rc) return rc;
     size_t m = 0;
     find(tree_of(t), p, p.steps.size(), true, &m);
     size_t n = p.steps.size();
@@ -397,11 +404,10 @@ int Datastore::num_instances(uint32_t th, const std::string &path, uint32_t &out
                              std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    Txn *t;
-    int rc = 0;
-    if (!lookup(th, t, rc, err)) return rc;
     ParsedPath p;
-    if ((rc = parse(schema_, path, p, err)) || (rc = check_keys(p, true, err))) return rc;
+    Txn *t = nullptr;
+    int rc = readable(th, path, true, p, t, err);
+    if (rc) return rc;
     const PathStep &last = p.steps.back();
     if (!(last.node->kind == NodeKind::List && !last.has_keys) &&
         last.node->kind != NodeKind::LeafList) {
@@ -423,11 +429,10 @@ int Datastore::next_keys(uint32_t th, const std::string &list_path, const std::v
 {
     std::lock_guard<std::mutex> lk(mu_);
     keys.clear();
-    Txn *t;
-    int rc = 0;
-    if (!lookup(th, t, rc, err)) return rc;
     ParsedPath p;
-    if ((rc = parse(schema_, list_path, p, err)) || (rc = check_keys(p, true, err))) return rc;
+    Txn *t = nullptr;
+    int rc = readable(th, list_path, true, p, t, err);
+    if (rc) return rc;
     const PathStep &last = p.steps.back();
     if (!is_keyed_list(last.node) || last.has_keys) {
         err = list_path + " is not a keyed list given without its keys";
@@ -476,12 +481,10 @@ int Datastore::next_keys(uint32_t th, const std::string &list_path, const std::v
     return 0;
 }
 
-int Datastore::xpath_string(uint32_t th, const std::string &expr, const std::string &ctx_path,
-                            bool &found, std::string &text, std::string &err)
+int Datastore::xpath_select(uint32_t th, const std::string &expr, const std::string &ctx_path,
+                            ly_set *&set, std::string &err)
 {
-    found = false;
-    text.clear();
-    std::lock_guard<std::mutex> lk(mu_);
+    set = nullptr;
     Txn *t;
     int rc = 0;
     if (!lookup(th, t, rc, err)) return rc;
@@ -494,12 +497,24 @@ int Datastore::xpath_string(uint32_t th, const std::string &expr, const std::str
     }
     if (!tree) return 0;
     std::string x = xpath_module_names(schema_, expr);
-    ly_set *set = nullptr;
     if (lyd_find_xpath3(ctx_node, tree, x.c_str(), nullptr, &set) != LY_SUCCESS) {
         err = "XPath " + expr + ": " + ly_error();
         ly_set_free(set, nullptr);
+        set = nullptr;
         return CONFD_ERR_XPATH;
     }
+    return 0;
+}
+
+int Datastore::xpath_string(uint32_t th, const std::string &expr, const std::string &ctx_path,
+                            bool &found, std::string &text, std::string &err)
+{
+    found = false;
+    text.clear();
+    std::lock_guard<std::mutex> lk(mu_);
+    ly_set *set = nullptr;
+    int rc = xpath_select(th, expr, ctx_path, set, err);
+    if (rc || !set) return rc;
     if (set->count > 0) {
         found = true;
         string_value(set->dnodes[0], text);
@@ -513,24 +528,9 @@ int Datastore::xpath_nodes(uint32_t th, const std::string &expr, const std::stri
 {
     out.clear();
     std::lock_guard<std::mutex> lk(mu_);
-    Txn *t;
-    int rc = 0;
-    if (!lookup(th, t, rc, err)) return rc;
-    const lyd_node *tree = tree_of(t);
-    const lyd_node *ctx_node = nullptr;
-    if (!ctx_path.empty()) {
-        ParsedPath p;
-        if ((rc = parse(schema_, ctx_path, p, err))) return rc;
-        ctx_node = find(tree, p, p.steps.size(), true);
-    }
-    if (!tree) return 0;
-    std::string x = xpath_module_names(schema_, expr);
     ly_set *set = nullptr;
-    if (lyd_find_xpath3(ctx_node, tree, x.c_str(), nullptr, &set) != LY_SUCCESS) {
-        err = "XPath " + expr + ": " + ly_error();
-        ly_set_free(set, nullptr);
-        return CONFD_ERR_XPATH;
-    }
+    int rc = xpath_select(th, expr, ctx_path, set, err);
+    if (rc || !set) return rc;
     for (uint32_t i = 0; i < set->count; i++) {
         const lyd_node *n = set->dnodes[i];
         const SchemaNode *sn = n->schema ? schema_.from_lys(n->schema) : nullptr;

@@ -21,6 +21,7 @@
 #include "wire.h"
 
 struct lyd_node;
+struct ly_set;
 
 namespace emu
 {
@@ -139,7 +140,14 @@ class Datastore
     bool lookup(uint32_t th, Txn *&t, int &rc, std::string &err);
     // The tree reads of th see: its own copy (read-write) or the running tree.
     lyd_node *tree_of(const Txn *t) const;
+    // The transaction and parsed path of a read; last_open as check_keys takes it.
+    int readable(uint32_t th, const std::string &path, bool last_open, ParsedPath &p, Txn *&t,
+                 std::string &err);
     int writable(uint32_t th, const std::string &path, ParsedPath &p, Txn *&t, std::string &err);
+    // The nodes expr selects in th's tree, from ctx_path's node when one is given; set stays
+    // null when the tree is empty, CONFD_ERR_XPATH when expr does not evaluate.
+    int xpath_select(uint32_t th, const std::string &expr, const std::string &ctx_path,
+                     ly_set *&set, std::string &err);
     int set_locked(Txn *t, const ParsedPath &p, const confd_wire::Value &v, std::string &err);
     int apply(lyd_node *&tree, const Edit &e, std::string &err) const;
     int record(Txn *t, const Edit &e, std::string &err);
