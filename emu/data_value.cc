@@ -46,44 +46,6 @@ std::string base64_encode(const std::string &in)
     return out;
 }
 
-std::string hex_text(const std::string &b, char sep)
-{
-    static const char d[] = "0123456789abcdef";
-    std::string s;
-    for (size_t i = 0; i < b.size(); ++i) {
-        if (i && sep) s += sep;
-        s += d[uint8_t(b[i]) >> 4];
-        s += d[uint8_t(b[i]) & 15];
-    }
-    return s;
-}
-
-int hexval(char c)
-{
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// "00:1a:2b" (or "00-1a-2b", or without separators) as bytes.
-bool parse_sep_hex(std::string_view t, std::string &out)
-{
-    out.clear();
-    size_t i = 0;
-    while (i < t.size()) {
-        if (i + 1 >= t.size()) return false;
-        int h = hexval(t[i]), l = hexval(t[i + 1]);
-        if (h < 0 || l < 0) return false;
-        out.push_back(static_cast<char>(h * 16 + l));
-        i += 2;
-        if (i < t.size() && (t[i] == ':' || t[i] == '-')) {
-            if (++i == t.size()) return false;
-        }
-    }
-    return true;
-}
-
 // An address (with an optional "%zone", dropped) as 4 or 16 bytes.
 bool parse_addr(std::string_view t, int af, std::string &out)
 {
@@ -140,7 +102,7 @@ bool string_as(int vt, std::string_view text, Value &out)
         return value_from_text_typed(vt::OID, text, out, e);
     case vt::BINARY:
     case 47: // C_HEXSTR
-        return parse_sep_hex(text, out.bytes);
+        return parse_hex(text, ":-", false, out.bytes);
     case 46: // C_DQUAD
         return parse_addr(text, AF_INET, out.bytes);
     default:

@@ -57,39 +57,6 @@ int hexval(char c)
     return -1;
 }
 
-// Hex octets, optionally separated by ':' (hex-string form) when colons is set.
-bool parse_hex(std::string_view t, bool colons, std::string &out)
-{
-    out.clear();
-    size_t i = 0;
-    while (i < t.size()) {
-        if (i + 1 >= t.size()) return false;
-        int h = hexval(t[i]), l = hexval(t[i + 1]);
-        if (h < 0 || l < 0) return false;
-        out.push_back(static_cast<char>(h * 16 + l));
-        i += 2;
-        if (colons && i < t.size()) {
-            if (t[i] != ':' || i + 1 == t.size()) return false;
-            ++i;
-        }
-    }
-    return true;
-}
-
-std::string to_hex(const std::string &b, bool colons)
-{
-    static const char d[] = "0123456789abcdef";
-    std::string s;
-    s.reserve(b.size() * 3);
-    for (size_t i = 0; i < b.size(); ++i) {
-        if (colons && i) s.push_back(':');
-        auto c = static_cast<uint8_t>(b[i]);
-        s.push_back(d[c >> 4]);
-        s.push_back(d[c & 15]);
-    }
-    return s;
-}
-
 struct IntRange {
     int vt;
     int64_t lo, hi;
@@ -250,7 +217,54 @@ void append_json_number(std::string &s, double d)
     s += buf;
 }
 
+// The two-character JSON escape of c, or null when it has none.
+const char *json_short_escape(uint8_t c)
+{
+    switch (c) {
+    case '"': return "\\\"";
+    case '\\': return "\\\\";
+    case '\n': return "\\n";
+    case '\t': return "\\t";
+    case '\r': return "\\r";
+    default: return nullptr;
+    }
+}
+
 } // namespace
+
+bool parse_hex(std::string_view t, std::string_view seps, bool every, std::string &out)
+{
+    out.clear();
+    size_t i = 0;
+    while (i < t.size()) {
+        if (i + 1 >= t.size()) return false;
+        int h = hexval(t[i]), l = hexval(t[i + 1]);
+        if (h < 0 || l < 0) return false;
+        out.push_back(static_cast<char>(h * 16 + l));
+        i += 2;
+        if (i == t.size()) break;
+        if (seps.find(t[i]) != std::string_view::npos) {
+            if (++i == t.size()) return false;
+        } else if (every) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string hex_text(const std::string &b, char sep)
+{
+    static const char d[] = "0123456789abcdef";
+    std::string s;
+    s.reserve(b.size() * 3);
+    for (size_t i = 0; i < b.size(); ++i) {
+        if (sep && i) s.push_back(sep);
+        auto c = static_cast<uint8_t>(b[i]);
+        s.push_back(d[c >> 4]);
+        s.push_back(d[c & 15]);
+    }
+    return s;
+}
 
 bool value_from_text_typed(int t, std::string_view text, Value &out, std::string &err)
 {
@@ -279,9 +293,9 @@ bool value_from_text_typed(int t, std::string_view text, Value &out, std::string
         out.bytes = std::string(text);
         return true;
     case vt::BINARY:
-        return parse_hex(text, false, out.bytes) ? true : bad("hex octets");
+        return parse_hex(text, "", false, out.bytes) ? true : bad("hex octets");
     case 47: // C_HEXSTR
-        return parse_hex(text, true, out.bytes) ? true : bad("colon-separated hex octets");
+        return parse_hex(text, ":", true, out.bytes) ? true : bad("colon-separated hex octets");
     case vt::BOOL:
         if (text == "true")
             out.u = 1;
@@ -531,16 +545,16 @@ std::string value_to_text(const Value &v)
     case vt::BUF:
         return v.bytes;
     case vt::BINARY:
-        return to_hex(v.bytes, false);
+        return hex_text(v.bytes, 0);
     case 47:
-        return to_hex(v.bytes, true);
+        return hex_text(v.bytes, ':');
     case vt::IPV4:
     case vt::IPV6: {
         char buf[INET6_ADDRSTRLEN];
         bool four = v.type == vt::IPV4;
         if (v.bytes.size() != (four ? 4u : 16u) ||
             !inet_ntop(four ? AF_INET : AF_INET6, v.bytes.data(), buf, sizeof buf))
-            return to_hex(v.bytes, false);
+            return hex_text(v.bytes, 0);
         return buf;
     }
     case vt::OID: {
@@ -585,53 +599,27 @@ std::string json_quote(std::string_view s)
     };
     while (i < s.size()) {
         auto c = static_cast<uint8_t>(s[i]);
-        if (c == '"') {
-            o += "\\\"";
-            ++i;
-            continue;
-        }
-        if (c == '\\') {
-            o += "\\\\";
-            ++i;
-            continue;
-        }
-        if (c == '\n') {
-            o += "\\n";
-            ++i;
-            continue;
-        }
-        if (c == '\t') {
-            o += "\\t";
-            ++i;
-            continue;
-        }
-        if (c == '\r') {
-            o += "\\r";
-            ++i;
-            continue;
-        }
-        if (c < 0x20 || c == 0x7f) {
+        size_t n = 1;
+        if (const char *e = json_short_escape(c)) {
+            o += e;
+        } else if (c < 0x20 || c == 0x7f) {
             esc(c);
-            ++i;
-            continue;
-        }
-        if (c < 0x80) {
+        } else if (c < 0x80) {
             o.push_back(static_cast<char>(c));
-            ++i;
-            continue;
-        }
-        // Pass a well-formed UTF-8 sequence through; escape stray bytes one by one.
-        size_t n = (c & 0xe0) == 0xc0 ? 2 : (c & 0xf0) == 0xe0 ? 3 : (c & 0xf8) == 0xf0 ? 4 : 0;
-        bool ok = n > 0 && i + n <= s.size() && !(c == 0xc0 || c == 0xc1 || c > 0xf4);
-        for (size_t k = 1; ok && k < n; ++k)
-            ok = (static_cast<uint8_t>(s[i + k]) & 0xc0) == 0x80;
-        if (ok) {
-            o.append(s.substr(i, n));
-            i += n;
         } else {
-            esc(c);
-            ++i;
+            // Pass a well-formed UTF-8 sequence through; escape stray bytes one by one.
+            n = (c & 0xe0) == 0xc0 ? 2 : (c & 0xf0) == 0xe0 ? 3 : (c & 0xf8) == 0xf0 ? 4 : 0;
+            bool ok = n > 0 && i + n <= s.size() && !(c == 0xc0 || c == 0xc1 || c > 0xf4);
+            for (size_t k = 1; ok && k < n; ++k)
+                ok = (static_cast<uint8_t>(s[i + k]) & 0xc0) == 0x80;
+            if (ok) {
+                o.append(s.substr(i, n));
+            } else {
+                esc(c);
+                n = 1;
+            }
         }
+        i += n;
     }
     o.push_back('"');
     return o;

@@ -61,4 +61,11 @@ std::string pp_keypath(const Schema &s, const std::vector<std::vector<confd_wire
 // Convenience: the text of a parsed path (equivalent to pp_keypath(s, to_hkeypath(p))).
 std::string pp_path(const Schema &s, const ParsedPath &p);
 
+// Hex octets as bytes. Between two octets one of `seps` may stand (must, when `every` is set);
+// returns false on an odd digit, any other character or a separator at the end.
+bool parse_hex(std::string_view t, std::string_view seps, bool every, std::string &out);
+
+// Lower-case hex of bytes, `sep` between the octets unless it is 0.
+std::string hex_text(const std::string &b, char sep);
+
 } // namespace emu
