@@ -127,10 +127,9 @@ int Registry::add_worker(uint32_t daemon_id, const ConnPtr &worker, uint32_t &wo
     return 0;
 }
 
-int Registry::reg_trans(uint32_t daemon_id, uint32_t mask, std::string &err)
+int Registry::registering_locked(uint32_t daemon_id, Daemon *&d, std::string &err)
 {
-    std::lock_guard<std::mutex> lk(mu_);
-    Daemon *d = daemon_locked(daemon_id);
+    d = daemon_locked(daemon_id);
     if (!d) {
         err = "daemon is gone";
         return CONFD_ERR_NOEXISTS;
@@ -139,6 +138,15 @@ int Registry::reg_trans(uint32_t daemon_id, uint32_t mask, std::string &err)
         err = "registration after confd_register_done";
         return CONFD_ERR_PROTOUSAGE;
     }
+    return 0;
+}
+
+int Registry::reg_trans(uint32_t daemon_id, uint32_t mask, std::string &err)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    Daemon *d = nullptr;
+    int rc = registering_locked(daemon_id, d, err);
+    if (rc) return rc;
     d->trans_registered = true;
     d->trans_mask = mask;
     return 0;
@@ -148,15 +156,9 @@ int Registry::reg_data(uint32_t daemon_id, const std::string &callpoint, uint32_
                        std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
-    Daemon *d = daemon_locked(daemon_id);
-    if (!d) {
-        err = "daemon is gone";
-        return CONFD_ERR_NOEXISTS;
-    }
-    if (d->done) {
-        err = "registration after confd_register_done";
-        return CONFD_ERR_PROTOUSAGE;
-    }
+    Daemon *d = nullptr;
+    int rc = registering_locked(daemon_id, d, err);
+    if (rc) return rc;
     auto owner = cp_owner_.find(callpoint);
     if (owner != cp_owner_.end() && owner->second != daemon_id) {
         Daemon *other = daemon_locked(owner->second);

@@ -192,6 +192,9 @@ class Registry
     void kill_locked(uint32_t daemon_id, const std::string &why);
     void fail_pending_locked(uint32_t conn_id);
     Daemon *daemon_locked(uint32_t id);
+    // The daemon while it may still register: CONFD_ERR_NOEXISTS when it is gone,
+    // CONFD_ERR_PROTOUSAGE after its confd_register_done.
+    int registering_locked(uint32_t daemon_id, Daemon *&d, std::string &err);
 
     const int timeout_ms_;
     std::mutex mu_;

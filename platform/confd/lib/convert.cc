@@ -70,12 +70,22 @@ unsigned char *keep_bytes(const std::string &s, ValueStore *store)
     return p;
 }
 
-template <typename T> bool in_range(int64_t x)
+// Stores x in a narrower field; false when it does not fit the field's type.
+template <typename T> bool narrow(int64_t x, T &field)
 {
-    return x >= std::numeric_limits<T>::min() && x <= std::numeric_limits<T>::max();
+    if (x < std::numeric_limits<T>::min() || x > std::numeric_limits<T>::max())
+        return false;
+    field = static_cast<T>(x);
+    return true;
 }
 
-template <typename T> bool in_urange(uint64_t x) { return x <= std::numeric_limits<T>::max(); }
+template <typename T> bool narrow(uint64_t x, T &field)
+{
+    if (x > std::numeric_limits<T>::max())
+        return false;
+    field = static_cast<T>(x);
+    return true;
+}
 
 } // namespace
 
@@ -219,37 +229,31 @@ bool from_wire(const Value &w, confd_value_t &out, ValueStore *store, std::strin
         v.val.buf.size = static_cast<unsigned>(w.bytes.size());
         break;
     case C_INT8:
-        if (!in_range<int8_t>(w.i))
+        if (!narrow(w.i, v.val.i8))
             return fail("C_INT8 value out of range");
-        v.val.i8 = static_cast<int8_t>(w.i);
         break;
     case C_INT16:
-        if (!in_range<int16_t>(w.i))
+        if (!narrow(w.i, v.val.i16))
             return fail("C_INT16 value out of range");
-        v.val.i16 = static_cast<int16_t>(w.i);
         break;
     case C_INT32:
     case C_ENUM_VALUE:
-        if (!in_range<int32_t>(w.i))
+        if (!narrow(w.i, v.val.i32))
             return fail("32-bit value out of range");
-        v.val.i32 = static_cast<int32_t>(w.i);
         break;
     case C_INT64: v.val.i64 = w.i; break;
     case C_UINT8:
-        if (!in_urange<uint8_t>(w.u))
+        if (!narrow(w.u, v.val.u8))
             return fail("C_UINT8 value out of range");
-        v.val.u8 = static_cast<uint8_t>(w.u);
         break;
     case C_UINT16:
-        if (!in_urange<uint16_t>(w.u))
+        if (!narrow(w.u, v.val.u16))
             return fail("C_UINT16 value out of range");
-        v.val.u16 = static_cast<uint16_t>(w.u);
         break;
     case C_UINT32:
     case C_BIT32:
-        if (!in_urange<uint32_t>(w.u))
+        if (!narrow(w.u, v.val.u32))
             return fail("32-bit unsigned value out of range");
-        v.val.u32 = static_cast<uint32_t>(w.u);
         break;
     case C_UINT64: v.val.u64 = w.u; break;
     case C_BIT64: v.val.b64 = w.u; break;

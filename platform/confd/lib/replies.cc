@@ -120,6 +120,22 @@ int put_tag_values(Writer &w, const confd_tag_value_t *tvs, int n, const char *f
 
 uint32_t rid_of(struct confd_trans_ctx *tctx) { return trans_state(tctx)->pending.rid; }
 
+// A get_object reply of n items: u32 n, then what `put` writes of them.
+template <typename T>
+int reply_array(struct confd_trans_ctx *tctx, const char *fn, ReplyKind kind, const T *items,
+                int n, int (*put)(Writer &, const T *, int, const char *))
+{
+    if (check_reply(tctx, fn, {DataCb::GetObject}) != CONFD_OK)
+        return CONFD_ERR;
+    if (n < 0 || (n > 0 && items == nullptr))
+        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: bad value array", fn);
+    Writer w = reply_frame(rid_of(tctx), kind);
+    w.u32(static_cast<uint32_t>(n));
+    if (put(w, items, n, fn) != CONFD_OK)
+        return CONFD_ERR;
+    return deliver(tctx, w.payload());
+}
+
 int reply_simple(struct confd_trans_ctx *tctx, const char *fn, ReplyKind kind,
                  std::initializer_list<DataCb> allowed)
 {
@@ -184,6 +200,20 @@ int delayed_reply(struct confd_trans_ctx *tctx, const char *fn, bool ok, const c
     return r;
 }
 
+// Records the callback's error for the reply: the formatted text, its code and application tag.
+void set_trans_error(struct confd_trans_ctx *tctx, enum confd_errcode type, uint32_t apptag_ns,
+                     uint32_t apptag_tag, const char *fmt, va_list ap)
+{
+    if (vsnprintf(tctx->error.str, sizeof tctx->error.str, fmt, ap) < 0)
+        tctx->error.str[0] = '\0';
+    tctx->error.type = type;
+    tctx->error.code = 0;
+    tctx->error.apptag.tag = apptag_tag;
+    tctx->error.apptag.ns = apptag_ns;
+    if (TransState *ts = trans_state(tctx))
+        ts->error_set = true;
+}
+
 } // namespace
 
 } // namespace libconfd
@@ -213,31 +243,15 @@ int confd_data_reply_value(struct confd_trans_ctx *tctx, const confd_value_t *v)
 
 int confd_data_reply_value_array(struct confd_trans_ctx *tctx, const confd_value_t *vs, int n)
 {
-    const char *fn = "confd_data_reply_value_array";
-    if (check_reply(tctx, fn, {DataCb::GetObject}) != CONFD_OK)
-        return CONFD_ERR;
-    if (n < 0 || (n > 0 && vs == nullptr))
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: bad value array", fn);
-    Writer w = reply_frame(rid_of(tctx), ReplyKind::ValueArray);
-    w.u32(static_cast<uint32_t>(n));
-    if (put_values(w, vs, n, fn) != CONFD_OK)
-        return CONFD_ERR;
-    return deliver(tctx, w.payload());
+    return reply_array(tctx, "confd_data_reply_value_array", ReplyKind::ValueArray, vs, n,
+                       put_values);
 }
 
 int confd_data_reply_tag_value_array(struct confd_trans_ctx *tctx, const confd_tag_value_t *tvs,
                                      int n)
 {
-    const char *fn = "confd_data_reply_tag_value_array";
-    if (check_reply(tctx, fn, {DataCb::GetObject}) != CONFD_OK)
-        return CONFD_ERR;
-    if (n < 0 || (n > 0 && tvs == nullptr))
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: bad value array", fn);
-    Writer w = reply_frame(rid_of(tctx), ReplyKind::TagValueArray);
-    w.u32(static_cast<uint32_t>(n));
-    if (put_tag_values(w, tvs, n, fn) != CONFD_OK)
-        return CONFD_ERR;
-    return deliver(tctx, w.payload());
+    return reply_array(tctx, "confd_data_reply_tag_value_array", ReplyKind::TagValueArray, tvs, n,
+                       put_tag_values);
 }
 
 int confd_data_reply_next_key(struct confd_trans_ctx *tctx, const confd_value_t *v,
@@ -331,15 +345,8 @@ void confd_trans_seterr(struct confd_trans_ctx *tctx, const char *fmt, ...)
         return;
     va_list ap;
     va_start(ap, fmt);
-    if (vsnprintf(tctx->error.str, sizeof tctx->error.str, fmt, ap) < 0)
-        tctx->error.str[0] = '\0';
+    set_trans_error(tctx, CONFD_ERRCODE_APPLICATION, 0, 0, fmt, ap);
     va_end(ap);
-    tctx->error.type = CONFD_ERRCODE_APPLICATION;
-    tctx->error.code = 0;
-    tctx->error.apptag.tag = 0;
-    tctx->error.apptag.ns = 0;
-    if (TransState *ts = trans_state(tctx))
-        ts->error_set = true;
 }
 
 void confd_trans_seterr_extended(struct confd_trans_ctx *tctx, enum confd_errcode code,
@@ -349,15 +356,8 @@ void confd_trans_seterr_extended(struct confd_trans_ctx *tctx, enum confd_errcod
         return;
     va_list ap;
     va_start(ap, fmt);
-    if (vsnprintf(tctx->error.str, sizeof tctx->error.str, fmt, ap) < 0)
-        tctx->error.str[0] = '\0';
+    set_trans_error(tctx, code, apptag_ns, apptag_tag, fmt, ap);
     va_end(ap);
-    tctx->error.type = code;
-    tctx->error.code = 0;
-    tctx->error.apptag.tag = apptag_tag;
-    tctx->error.apptag.ns = apptag_ns;
-    if (TransState *ts = trans_state(tctx))
-        ts->error_set = true;
 }
 
 } // extern "C"
