@@ -22,11 +22,6 @@ struct dir_closer {
 };
 using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 // Inode -> index of the first pair holding it. Socket inodes come from one
 // counter and mostly lie close together, so the index is usually a plain
 // array over the span of inodes; when they are spread too far it is a hash
@@ -150,6 +145,16 @@ const char *collect_proc_root()
 void collect_set_proc_root(const char *root)
 {
     proc_root = root ? root : default_proc_root;
+}
+
+file_ptr open_proc_table(const char *relative, std::vector<char> &buffer)
+{
+    file_ptr in(fopen(collect_proc_path(relative).c_str(), "r"));
+    if (in) {
+        if (buffer.empty()) buffer.resize(256 * 1024);
+        setvbuf(in.get(), buffer.data(), _IOFBF, buffer.size());
+    }
+    return in;
 }
 
 std::string collect_proc_path(const char *relative)

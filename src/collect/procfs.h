@@ -5,7 +5,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <vector>
+
+// A FILE that is closed when it goes out of scope.
+struct file_closer {
+    void operator()(FILE *file) const { fclose(file); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// Opens a socket table below the proc root (e.g. "net/tcp6") for reading with
+// buffer as its stream buffer, sized on first use to 256 KiB so that a table
+// of tens of thousands of sockets is read in large blocks. The caller keeps
+// buffer for the life of the process. Returns null when the file cannot be
+// opened.
+file_ptr open_proc_table(const char *relative, std::vector<char> &buffer);
 
 // The directory the collectors read as /proc; "/proc" unless a test set
 // another tree with collect_set_proc_root (null restores "/proc").

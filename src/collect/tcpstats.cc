@@ -24,28 +24,9 @@ const char snmp_file[] = "net/snmp";
 // taken as several lines, as it always has been.
 const int line_size = 8192;
 
-// A table of tens of thousands of sockets is several megabytes of text; the
-// stream reads it in large blocks rather than a page at a time.
-const size_t table_read_size = 256 * 1024;
-
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
 // Buffers kept for the life of the process, reused by every refresh.
 std::vector<char> table_stream_buffer;
 std::vector<socket_pid_pair> socket_pairs;
-
-file_ptr open_table(const char *relative)
-{
-    file_ptr in(fopen(collect_proc_path(relative).c_str(), "r"));
-    if (in) {
-        if (table_stream_buffer.empty()) table_stream_buffer.resize(table_read_size);
-        setvbuf(in.get(), table_stream_buffer.data(), _IOFBF, table_stream_buffer.size());
-    }
-    return in;
-}
 
 // Parses one socket line of /proc/net/tcp or /proc/net/tcp6 into entry:
 //   sl local_address:port rem_address:port st tx_queue:rx_queue tr:tm->when retrnsmt uid timeout
@@ -216,7 +197,7 @@ int update_tcp_stats(tcp_tables *tables)
         int v6;
     } sources[] = {{tcp_file, 0}, {tcp6_file, 1}};
     for (const auto &source : sources) {
-        file_ptr in = open_table(source.file);
+        file_ptr in = open_proc_table(source.file, table_stream_buffer);
         if (in) tcp_read_table(in.get(), tables, source.v6);
     }
     tcp_tables_sort(tables);

@@ -27,35 +27,18 @@ const struct {
 // taken as several lines.
 const int line_size = 8192;
 
-// A read of /proc/net/udp{,6} hands back at most one page of text, and every
-// page costs the kernel a walk of its socket hash from the first bucket up to
-// the offset reached. The stream asks for large blocks, so that each read
-// takes a whole page and no page is fetched in pieces.
-const size_t table_read_size = 256 * 1024;
-
 const char endpoint_line_format[] = "%*d: %255s %255s %*x %*x:%*x %*x:%*x %*x %*u %*u %u";
-
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 struct free_deleter {
     void operator()(void *p) const { free(p); }
 };
 
 // Stream buffer kept for the life of the process, reused by every refresh.
+// A read of /proc/net/udp{,6} hands back at most one page of text, and every
+// page costs the kernel a walk of its socket hash from the first bucket up to
+// the offset reached; the large buffer makes each read take a whole page, so
+// no page is fetched in pieces.
 std::vector<char> table_stream_buffer;
-
-file_ptr open_table(const char *relative)
-{
-    file_ptr in(fopen(collect_proc_path(relative).c_str(), "r"));
-    if (in) {
-        if (table_stream_buffer.empty()) table_stream_buffer.resize(table_read_size);
-        setvbuf(in.get(), table_stream_buffer.data(), _IOFBF, table_stream_buffer.size());
-    }
-    return in;
-}
 
 // White space as sscanf sees it in the C locale.
 inline bool is_space(char c)
@@ -352,7 +335,7 @@ int update_udp_endpoints(stats_list *list)
     list->count = 0;
     int32_t position = 0;
     for (const auto &table : endpoint_tables) {
-        file_ptr in = open_table(table.file);
+        file_ptr in = open_proc_table(table.file, table_stream_buffer);
         if (in) position = udp_read_endpoints(in.get(), list, position, table.type);
     }
 
