@@ -23,12 +23,14 @@ int trans_init(struct confd_trans_ctx *tctx)
     return CONFD_OK;
 }
 
-// Unlinks mc from the list at *head, following the cursors' next links.
-static void unlink_cursor(struct maapi_cursor **head, struct maapi_cursor *mc)
+// Unlinks the node holding mc from the list at *head and frees the node.
+static void unlink_cursor(struct cursor_link **head, struct maapi_cursor *mc)
 {
-    for (struct maapi_cursor **link = head; *link != nullptr; link = &(*link)->next) {
-        if (*link == mc) {
-            *link = mc->next;
+    for (struct cursor_link **link = head; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->cursor == mc) {
+            struct cursor_link *node = *link;
+            *link = node->next;
+            free(node);
             return;
         }
     }
@@ -40,7 +42,7 @@ int trans_finish(struct confd_trans_ctx *tctx)
     if (rec != nullptr) {
         free(rec->buf);
         while (rec->cursors != nullptr) {
-            struct maapi_cursor *mc = rec->cursors;
+            struct maapi_cursor *mc = rec->cursors->cursor;
             maapi_destroy_cursor(mc);
             unlink_cursor(&rec->cursors, mc);
             free(mc);

@@ -14,11 +14,18 @@
 
 #include <cstdio>
 
+// One heap-allocated MAAPI cursor kept by a transaction. ConfD's cursor
+// structure has no link of its own, so the daemon chains them here.
+struct cursor_link {
+    struct maapi_cursor *cursor;
+    struct cursor_link *next;
+};
+
 // Per-transaction record, allocated zero-filled by trans_init into
 // tctx->t_opaque and released by trans_finish together with what it holds.
 struct trans_record {
-    char *buf;                    // heap buffer, freed at finish when set
-    struct maapi_cursor *cursors; // heap-allocated cursors, linked through their next field
+    char *buf;                   // heap buffer, freed at finish when set
+    struct cursor_link *cursors; // heap-allocated cursors, destroyed and freed at finish
 };
 
 // Transaction init: attaches the start-up MAAPI socket to the transaction,

@@ -165,16 +165,13 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         setsockopt(log, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 
         // A uci that answers like the router and notes how it was asked.
-        ASSERT_EQ(mkdir("/tmp/bin", 0755), 0);
-        std::ofstream("/tmp/bin/uci") << "#!/bin/sh\necho \"$@\" > /tmp/uci-args\n"
-                                         "echo TX410W-0001\n";
-        chmod("/tmp/bin/uci", 0755);
-        const char *path = getenv("PATH");
-        std::string env_path = std::string("PATH=/tmp/bin:") + (path ? path : "/usr/bin:/bin");
+        daemon_env::overlay_dir("/usr/bin");
+        daemon_env::write_file("/usr/bin/uci",
+                               "#!/bin/sh\necho \"$@\" > /tmp/uci-args\necho TX410W-0001\n", 0755);
 
         Emu emu;
         ASSERT_TRUE(emu.start());
-        Daemon d({}, {env_path});
+        Daemon d({}, {"PATH=/usr/bin:/bin"});
         char msg[512] = {};
         ssize_t n = recv(log, msg, sizeof msg - 1, 0);
         ASSERT_GT(n, 0) << "no syslog line; daemon said: " << d.err();
