@@ -43,6 +43,25 @@ unsigned long long counter_after(const char *text, const char *key, const char *
     return value;
 }
 
+// One snapshot line; the line break, if any, ends the last field.
+ucd_process parse_process_line(const char *line)
+{
+    ucd_process p{0, std::string(), {0, 0, 0}};
+    std::string copy(line);
+    char *rest = &copy[0];
+    char *field[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+    for (char *&f : field)
+        f = strsep(&rest, ";\n");
+    if (field[0] != nullptr) p.pid = to_int(field[0]);
+    if (field[1] != nullptr) p.name = field[1];
+    // The entry keeps the fourth, fifth and third fields in this order.
+    const int order[3] = {3, 4, 2};
+    for (int i = 0; i < 3; i++)
+        if (field[order[i]] != nullptr)
+            p.counters[i] = static_cast<uint32_t>(to_int(field[order[i]]));
+    return p;
+}
+
 } // namespace
 
 void ucd_parse_sys_stats(const char *stat, const char *vmstat, ucd_sys_flags *flags,
@@ -231,31 +250,13 @@ void ucd_read_version(ucd_version *version)
     if (in) ucd_parse_version(in.get(), version);
 }
 
-ucd_process ucd_parse_process_line(const char *line)
-{
-    ucd_process p{0, std::string(), {0, 0, 0}};
-    std::string copy(line);
-    char *rest = &copy[0];
-    char *field[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
-    for (char *&f : field)
-        f = strsep(&rest, ";\n");
-    if (field[0] != nullptr) p.pid = to_int(field[0]);
-    if (field[1] != nullptr) p.name = field[1];
-    // The entry keeps the fourth, fifth and third fields in this order.
-    const int order[3] = {3, 4, 2};
-    for (int i = 0; i < 3; i++)
-        if (field[order[i]] != nullptr)
-            p.counters[i] = static_cast<uint32_t>(to_int(field[order[i]]));
-    return p;
-}
-
 void ucd_parse_processes(FILE *in, std::vector<ucd_process> &out)
 {
     char *line = nullptr;
     size_t capacity = 0;
     while (getline(&line, &capacity, in) != -1) {
         if (line[0] == '\n' || line[0] == '\0') continue;
-        out.push_back(ucd_parse_process_line(line));
+        out.push_back(parse_process_line(line));
     }
     free(line);
 }

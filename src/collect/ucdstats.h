@@ -114,11 +114,8 @@ struct ucd_process {
     uint32_t counters[3];
 };
 
-// Parses one snapshot line "pid;name;n3;n4;n5" (the line break, if any, ends
-// the last field). Missing fields are 0 or empty; numbers read as atoi does.
-ucd_process ucd_parse_process_line(const char *line);
-
-// Appends a process per non-empty line of in to out, in file order.
+// Appends a process per non-empty line "pid;name;n3;n4;n5" of in to out, in
+// file order. Missing fields are 0 or empty; numbers read as atoi does.
 void ucd_parse_processes(FILE *in, std::vector<ucd_process> &out);
 
 // Takes the process snapshot: runs "sh /usr/bin/procdata.sh", reads the

@@ -84,20 +84,6 @@ int entity_phyentry_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     return CONFD_OK;
 }
 
-// The table is read-only in practice; writes are accepted and ignored.
-int entity_phyentry_set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
-{
-    return CONFD_OK;
-}
-int entity_phyentry_create(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-int entity_phyentry_remove(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-
 } // namespace
 
 int register_entity(struct confd_daemon_ctx *dctx, int msock)
@@ -109,9 +95,9 @@ int register_entity(struct confd_daemon_ctx *dctx, int msock)
     snprintf(cbs.callpoint, sizeof cbs.callpoint, "%s", ENTITY_MIB__callpointid_entphyentry_snmp);
     cbs.get_elem = entity_phyentry_get_elem;
     cbs.get_next = entity_phyentry_get_next;
-    cbs.set_elem = entity_phyentry_set_elem;
-    cbs.create = entity_phyentry_create;
-    cbs.remove = entity_phyentry_remove;
+    cbs.set_elem = ignore_set_elem;
+    cbs.create = ignore_create;
+    cbs.remove = ignore_remove;
     if (confd_register_data_cb(dctx, &cbs) == CONFD_ERR)
         confd_fatal("Failed to register entity physical entry transform memory  cb \n");
     return ent_read_firmware_version(&entity);

