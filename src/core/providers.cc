@@ -4,8 +4,13 @@
 #include "mibs/tcpmibimpl.h"
 #include "mibs/udpmibimpl.h"
 
+#include "mibs/keltopvtmib.h"
+
 void register_providers(struct confd_daemon_ctx *dctx, int msock)
 {
     register_tcp(dctx, msock);
     register_udp(dctx, msock);
+
+    // After the entity provider.
+    keltopvt_register(dctx, msock);
 }
