@@ -176,6 +176,17 @@ bool keltopvt_read_script(const char *command, int max_fields,
     return true;
 }
 
+bool keltopvt_read_iface(const char *command, keltopvt_iface_fields &out)
+{
+    memset(&out, 0, sizeof out);
+    // The last line wins.
+    return keltopvt_read_script(command, 5, [&out](char **fields, int count) {
+        for (int i = 0; i < count; i++)
+            keltopvt_copy_text(out.field[i], sizeof out.field[i], fields[i]);
+        return true;
+    });
+}
+
 void keltopvt_copy_text(char *dst, size_t size, const char *field)
 {
     copy_field_as_format(dst, size, field);

@@ -29,17 +29,11 @@ const int32_t basic_reads_per_run = 11;
 
 void refresh_lan()
 {
-    char fields[5][256] = {};
-    bool started =
-        keltopvt_read_script("sh /usr/bin/getiface.sh lan", 5, [&fields](char **f, int count) {
-            for (int i = 0; i < count; i++)
-                keltopvt_copy_text(fields[i], sizeof fields[i], f[i]);
-            return true;
-        });
-    if (!started) return;
+    keltopvt_iface_fields lan;
+    if (!keltopvt_read_iface("sh /usr/bin/getiface.sh lan", lan)) return;
     // Fields 2 and 3 are the address and the mask; an unreadable one keeps the old value.
-    inet_aton(fields[1], &lan_address);
-    inet_aton(fields[2], &lan_mask);
+    inet_aton(lan.field[1], &lan_address);
+    inet_aton(lan.field[2], &lan_mask);
 }
 
 // Replies the configuration value at expr as C_STR, or C_NOEXISTS when it cannot be read.

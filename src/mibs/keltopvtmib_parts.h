@@ -22,6 +22,14 @@ constexpr int keltopvt_line_max = 512;
 bool keltopvt_read_script(const char *command, int max_fields,
                           const std::function<bool(char **fields, int count)> &line);
 
+// The five fields of the last line that command ("getiface.sh lan" or "wan")
+// printed, each copied as keltopvt_copy_text does ("" for a field no line had).
+// False when the script could not be started.
+struct keltopvt_iface_fields {
+    char field[5][256];
+};
+bool keltopvt_read_iface(const char *command, keltopvt_iface_fields &out);
+
 // Copies a script field into dst like the router (only "%%" interpreted, see
 // core/fieldcopy.h) and cuts it at a line end, so the text served never ends
 // in the script's newline.

@@ -79,18 +79,12 @@ void read_ppp_settings(int thandle, const char *mode)
 // Refreshes the row; -1 when the script cannot be started.
 int load_wan_connection(int thandle)
 {
-    char fields[5][256] = {};
-    bool started =
-        keltopvt_read_script("sh /usr/bin/getiface.sh wan", 5, [&fields](char **f, int count) {
-            for (int i = 0; i < count; i++)
-                keltopvt_copy_text(fields[i], sizeof fields[i], f[i]);
-            return true;
-        });
-    if (!started) return -1;
-    inet_aton(fields[1], &wan_row.wan_address);
-    inet_aton(fields[2], &wan_row.wan_mask);
-    inet_aton(fields[4], &wan_row.wan_ipv4_extra);
-    snprintf(wan_row.wan_mac_text, sizeof wan_row.wan_mac_text, "%s", fields[3]);
+    keltopvt_iface_fields wan;
+    if (!keltopvt_read_iface("sh /usr/bin/getiface.sh wan", wan)) return -1;
+    inet_aton(wan.field[1], &wan_row.wan_address);
+    inet_aton(wan.field[2], &wan_row.wan_mask);
+    inet_aton(wan.field[4], &wan_row.wan_ipv4_extra);
+    snprintf(wan_row.wan_mac_text, sizeof wan_row.wan_mac_text, "%s", wan.field[3]);
 
     std::string value;
     char expr[96];
