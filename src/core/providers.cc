@@ -2,6 +2,7 @@
 #include "daemon.h"
 
 #include "mibs/entmibimpl.h"
+#include "mibs/keltopvtmib.h"
 #include "mibs/tcpmibimpl.h"
 #include "mibs/ucdmibimpl.h"
 #include "mibs/udpmibimpl.h"
@@ -13,4 +14,5 @@ void register_providers(struct confd_daemon_ctx *dctx, int msock)
     // IP-MIB registers here, between UDP and UCD.
     register_ucd(dctx, msock);
     register_entity(dctx, msock);
+    keltopvt_register(dctx, msock);
 }
