@@ -322,7 +322,7 @@ void ip6_address_from_line(const if_inet6_line &line, ip_address_entry *row)
     int32_t type;
     int all_zero;
     int length = scan_hex_addr(&cursor, row->addr.bytes, &type, &all_zero, 1);
-    row->addr.length = length == 16 ? 16 : 0;
+    row->addr.length = length > 0 ? static_cast<uint32_t>(length) : 0;
     row->prefix_len = static_cast<int32_t>(line.prefix_len);
     build_prefix_pointer(row);
     uint32_t flags = line.flags;

@@ -4,9 +4,6 @@
 
 #include "IP-MIB.h"
 
-#include <net/if.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -137,80 +134,6 @@ TEST_F(IpProviderTest, InterfaceStatsRows)
     EXPECT_EQ(get(if_row("e2 i2", IP_MIB_ipSystemStatsInReceives)), noexists);
     EXPECT_DEATH(get(if_row("e2 2", IP_MIB_ipIfStatsInReceives)),
                  "Assertion `\\(&kp->v\\[1\\]\\[1\\]\\)->type == C_INT32' failed");
-}
-
-keypath advert_row(int if_index, uint32_t leaf)
-{
-    return ip({IP_MIB_ipv6RouterAdvertTable, IP_MIB_ipv6RouterAdvertEntry, leaf},
-              "i" + std::to_string(if_index));
-}
-
-// Verifies ipv6RouterAdvertTable on this host's interface list with a fake
-// /proc/sys/net/ipv6: the loopback row (it has 127.0.0.1), send adverts
-// false while forwarding is off globally and true once both switches are on,
-// a retransmit time of 1000 from the older seconds file, the fixed columns.
-TEST_F(IpProviderTest, RouterAdvertRows)
-{
-    use("ipv6_router_status");
-    int lo = static_cast<int>(if_nametoindex("lo"));
-    if (lo == 0) GTEST_SKIP() << "no loopback interface";
-    write("sys/net/ipv6/conf/all/forwarding", "0\n");
-    write("sys/net/ipv6/conf/lo/forwarding", "1\n");
-    write("sys/net/ipv6/conf/lo/mtu", "65536\n");
-    write("sys/net/ipv6/conf/lo/hop_limit", "64\n");
-    write("sys/net/ipv6/neigh/lo/retrans_time", "1\n");
-    write("sys/net/ipv6/neigh/lo/base_reachable_time_ms", "30000\n");
-    std::vector<std::string> rows =
-        walk(ip({IP_MIB_ipv6RouterAdvertTable, IP_MIB_ipv6RouterAdvertEntry}));
-    ASSERT_NE(std::find(rows.begin(), rows.end(), "i" + std::to_string(lo)), rows.end());
-    std::string answers;
-    for (uint32_t leaf :
-         {IP_MIB_ipv6RouterAdvertIfIndex, IP_MIB_ipv6RouterAdvertSendAdverts,
-          IP_MIB_ipv6RouterAdvertMaxInterval, IP_MIB_ipv6RouterAdvertMinInterval,
-          IP_MIB_ipv6RouterAdvertManagedFlag, IP_MIB_ipv6RouterAdvertOtherConfigFlag,
-          IP_MIB_ipv6RouterAdvertLinkMTU, IP_MIB_ipv6RouterAdvertReachableTime,
-          IP_MIB_ipv6RouterAdvertRetransmitTime, IP_MIB_ipv6RouterAdvertCurHopLimit,
-          IP_MIB_ipv6RouterAdvertDefaultLifetime, IP_MIB_ipv6RouterAdvertRowStatus})
-        answers += get(advert_row(lo, leaf)) + " ";
-    EXPECT_EQ(answers, "i" + std::to_string(lo) + " e2 600 200 e2 e2 65536 30000 1000 64 0 " +
-                           noexists + " ");
-    write("sys/net/ipv6/conf/all/forwarding", "1\n");
-    now += 3;
-    walk(ip({IP_MIB_ipv6RouterAdvertTable, IP_MIB_ipv6RouterAdvertEntry}));
-    EXPECT_EQ(get(advert_row(lo, IP_MIB_ipv6RouterAdvertSendAdverts)), "e1");
-}
-
-keypath address_row(const std::string &keys, uint32_t leaf)
-{
-    return ip({IP_MIB_ipAddressTable, IP_MIB_ipAddressEntry, leaf}, keys);
-}
-
-// Verifies the IPv6 rows of ipAddressTable from a fake /proc/net/if_inet6:
-// the loopback address with the kernel's index for "lo", a device the
-// kernel does not know with the line's own index; the rows after the IPv4
-// ones; C_NOEXISTS for an address not in the walk; a wrong key type aborts.
-TEST_F(IpProviderTest, AddressRowsFromInet6)
-{
-    use("ip_address_status");
-    int lo = static_cast<int>(if_nametoindex("lo"));
-    if (lo == 0) GTEST_SKIP() << "no loopback interface";
-    const std::string one = "x" + std::string(30, '0') + "01";
-    const std::string doc = "x20010db8" + std::string(22, '0') + "07";
-    write("net/if_inet6", "00000000000000000000000000000001 01 80 10 80       lo\n"
-                          "20010db8000000000000000000000007 2a 40 00 00   nosuchdev\n");
-    EXPECT_EQ(get(address_row("e2 " + one, IP_MIB_ipAddressIfIndex)), noexists);
-    std::vector<std::string> rows = walk(ip({IP_MIB_ipAddressTable, IP_MIB_ipAddressEntry}));
-    ASSERT_GE(rows.size(), 2u);
-    EXPECT_EQ(rows[rows.size() - 2], "e2 " + one);
-    EXPECT_EQ(rows.back(), "e2 " + doc);
-    EXPECT_EQ(get(address_row("e2 " + one, IP_MIB_ipAddressIfIndex)), "i" + std::to_string(lo));
-    EXPECT_EQ(get(address_row("e2 " + doc, IP_MIB_ipAddressIfIndex)), "i42");
-    EXPECT_EQ(get(address_row("e2 " + doc, IP_MIB_ipAddressOrigin)), "e5");
-    EXPECT_EQ(get(address_row("e2 " + doc, IP_MIB_ipAddressCreated)), "0");
-    EXPECT_EQ(get(address_row("e2 " + doc, IP_MIB_ipAddressRowStatus)), noexists);
-    EXPECT_EQ(get(address_row("e2 x20010db8", IP_MIB_ipAddressIfIndex)), noexists);
-    EXPECT_DEATH(get(address_row("e2 7", IP_MIB_ipAddressIfIndex)),
-                 "Assertion `\\(v_pp\\)->type == C_BINARY' failed");
 }
 
 } // namespace
