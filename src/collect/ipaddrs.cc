@@ -110,6 +110,15 @@ class addr_dump
         return it == by_if_.end() ? none : it->second;
     }
 
+    // The prefix length of the first IPv4 address with this label and local
+    // address: what SIOCGIFNETMASK answers for that interface record. -1 when
+    // the dump did not list it.
+    int prefix_of(const char *label, const uint8_t *local) const
+    {
+        auto it = prefix_by_label_.find(label_key(label, local));
+        return it == prefix_by_label_.end() ? -1 : it->second;
+    }
+
   private:
     void run(int family)
     {
@@ -161,10 +170,18 @@ class addr_dump
         memcpy(&body, message + NLMSG_HDRLEN, sizeof body);
         size_t at = NLMSG_LENGTH(sizeof(ifaddrmsg));
         addr_flags *flags = nullptr;
+        const uint8_t *local = nullptr;
+        std::string label;
         while (length > at + 3) {
             rtattr attr;
             memcpy(&attr, message + at, sizeof attr);
             if (attr.rta_len < sizeof attr || attr.rta_len > length - at) break;
+            const unsigned char *payload = message + at + RTA_LENGTH(0);
+            size_t payload_size = attr.rta_len - RTA_LENGTH(0);
+            if (attr.rta_type == IFA_LOCAL && payload_size == 4) local = payload;
+            if (attr.rta_type == IFA_LABEL)
+                label.assign(reinterpret_cast<const char *>(payload),
+                             strnlen(reinterpret_cast<const char *>(payload), payload_size));
             if (attr.rta_type == IFA_BROADCAST || attr.rta_type == IFA_ANYCAST) {
                 if (!flags) flags = &by_if_[static_cast<int>(body.ifa_index)];
                 (attr.rta_type == IFA_BROADCAST ? flags->broadcast : flags->anycast) = true;
@@ -173,9 +190,17 @@ class addr_dump
             }
             at += RTA_ALIGN(attr.rta_len);
         }
+        if (body.ifa_family == AF_INET && local && !label.empty())
+            prefix_by_label_.emplace(label_key(label.c_str(), local), body.ifa_prefixlen);
+    }
+
+    static std::string label_key(const char *label, const uint8_t *local)
+    {
+        return std::string(label) + '\0' + std::string(reinterpret_cast<const char *>(local), 4);
     }
 
     std::unordered_map<int, addr_flags> by_if_;
+    std::unordered_map<std::string, int> prefix_by_label_; // the first of each key is kept
 };
 
 // Number of leading one bits of a netmask, whole bytes of 0xff first.
@@ -213,6 +238,7 @@ void collect_ipv4_addresses(stats_list *list, if_index_memo &indexes)
     std::vector<ifreq> records;
     if (!list_interfaces(sock.fd, records)) return;
     addr_dump dump(AF_INET);
+    std::unordered_map<std::string, int> if_flags;
     for (const ifreq &record : records) {
         int32_t first, second = -1;
         ip_address_entry *row = append_zeroed(list, &first);
@@ -236,14 +262,25 @@ void collect_ipv4_addresses(stats_list *list, if_index_memo &indexes)
         }
         ip_address_entry *bcast =
             second < 0 ? nullptr : static_cast<ip_address_entry *>(stats_list_record(list, second));
+        // The dump already holds each address's netmask; the ioctl is asked
+        // only for an address that came after the dump.
         ifreq answer;
-        if (interface_ioctl(sock.fd, SIOCGIFNETMASK, record, &answer)) {
-            row->prefix_len = mask_length(reinterpret_cast<const uint8_t *>(
+        int prefix_len = dump.prefix_of(record.ifr_name, row->addr.bytes);
+        if (prefix_len < 0 && interface_ioctl(sock.fd, SIOCGIFNETMASK, record, &answer))
+            prefix_len = mask_length(reinterpret_cast<const uint8_t *>(
                 &reinterpret_cast<const sockaddr_in *>(&answer.ifr_netmask)->sin_addr));
-            if (bcast) bcast->prefix_len = row->prefix_len;
+        if (prefix_len >= 0) {
+            row->prefix_len = prefix_len;
+            if (bcast) bcast->prefix_len = prefix_len;
         }
         build_prefix_pointer(row);
-        if (interface_ioctl(sock.fd, SIOCGIFFLAGS, record, &answer)) row->if_flags = answer.ifr_flags;
+        // Interface flags are the device's: asked once per name.
+        auto known = if_flags.find(record.ifr_name);
+        if (known == if_flags.end()) {
+            int flags = interface_ioctl(sock.fd, SIOCGIFFLAGS, record, &answer) ? answer.ifr_flags : 0;
+            known = if_flags.emplace(record.ifr_name, flags).first;
+        }
+        row->if_flags = known->second;
         row->storage = 2;
         row->type = flags.anycast ? 2 : 1;
         row->status = 1;
