@@ -232,44 +232,19 @@ int update_ip_if_stats(stats_list *list)
 
 // The tables below are not collected yet (they come with the prefix, neighbour,
 // router, scope-zone and ICMP readers): their walks end at once.
-int update_ip_basic_stats(ip_scalars *scalars)
+namespace
 {
-    (void)scalars;
-    return 0;
-}
-
-int update_ip_address_prefix(stats_list *list)
+int not_collected(stats_list *list)
 {
     list->count = 0;
     return 0;
 }
+} // namespace
 
-int update_net_phys_list(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
-
-int update_ip_def_router(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
-
-int update_ip6_scope_zone_index(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
-
-int update_ip_icmp_stats(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
-
-int update_ip_icmp_msg_stats(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
+int update_ip_basic_stats(ip_scalars *) { return 0; }
+int update_ip_address_prefix(stats_list *list) { return not_collected(list); }
+int update_net_phys_list(stats_list *list) { return not_collected(list); }
+int update_ip_def_router(stats_list *list) { return not_collected(list); }
+int update_ip6_scope_zone_index(stats_list *list) { return not_collected(list); }
+int update_ip_icmp_stats(stats_list *list) { return not_collected(list); }
+int update_ip_icmp_msg_stats(stats_list *list) { return not_collected(list); }
