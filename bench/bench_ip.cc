@@ -1,4 +1,5 @@
-// Benchmark: ipAddressTable with many addresses: completeness, walk CPU per row, refresh CPU against the floor.
+// Benchmark: ipAddressTable with many addresses: completeness, walk CPU per row, refresh CPU
+// against the floor.
 //
 // Runs in private network, mount and pid namespaces (as root): confd-emu on
 // 127.0.0.1:4565, the real leisobek, and veth pairs carrying N/2 IPv4 and
@@ -259,21 +260,9 @@ int run_benchmark(const std::vector<int> &sizes)
 
 } // namespace
 
-int main(int argc, char **argv)
+int main()
 {
-    std::vector<int> sizes = {100, 1000};
-    if (argc == 3 && std::string(argv[1]) == "--sizes") {
-        sizes.clear();
-        std::stringstream list(argv[2]);
-        for (std::string item; std::getline(list, item, ',');)
-            if (std::atoi(item.c_str()) > 0) sizes.push_back(std::atoi(item.c_str()));
-    }
-    if ((argc != 1 && argc != 3) || sizes.size() < 2) {
-        fputs("usage: bench_ip [--sizes 100,1000]\n"
-              "ipAddressTable with N addresses on veth pairs in private namespaces (needs root).\n",
-              stderr);
-        return 2;
-    }
+    const std::vector<int> sizes = {100, 1000};
     int code = harness::run_in_namespaces([&] { return run_benchmark(sizes); });
     if (code == harness::kNoNamespaces) fprintf(stderr, "bench_ip: namespaces not permitted\n");
     return code == 0 || code == 1 ? code : 2;

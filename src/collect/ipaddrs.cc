@@ -243,8 +243,8 @@ void collect_ipv4_addresses(stats_list *list, if_index_memo &indexes)
         int32_t first, second = -1;
         ip_address_entry *row = append_zeroed(list, &first);
         row->addr_type = 1;
-        memcpy(row->addr.bytes,
-               &reinterpret_cast<const sockaddr_in *>(&record.ifr_addr)->sin_addr, 4);
+        memcpy(row->addr.bytes, &reinterpret_cast<const sockaddr_in *>(&record.ifr_addr)->sin_addr,
+               4);
         row->addr.length = 4;
         int if_index = 0;
         indexes.find(record.ifr_name, &if_index);
@@ -277,7 +277,8 @@ void collect_ipv4_addresses(stats_list *list, if_index_memo &indexes)
         // Interface flags are the device's: asked once per name.
         auto known = if_flags.find(record.ifr_name);
         if (known == if_flags.end()) {
-            int flags = interface_ioctl(sock.fd, SIOCGIFFLAGS, record, &answer) ? answer.ifr_flags : 0;
+            int flags =
+                interface_ioctl(sock.fd, SIOCGIFFLAGS, record, &answer) ? answer.ifr_flags : 0;
             known = if_flags.emplace(record.ifr_name, flags).first;
         }
         row->if_flags = known->second;
@@ -448,8 +449,7 @@ int update_ipv6_router_advert_stats(stats_list *list)
             row->retransmit_time = static_cast<uint32_t>(value) * 1000;
         if (read_ipv6_sys("sys/net/ipv6/neigh/%s/base_reachable_time_ms", row->name, &value) == 0)
             row->reachable_time = static_cast<uint32_t>(value);
-        else if (read_ipv6_sys("sys/net/ipv6/neigh/%s/base_reachable_time", row->name, &value) ==
-                 0)
+        else if (read_ipv6_sys("sys/net/ipv6/neigh/%s/base_reachable_time", row->name, &value) == 0)
             row->reachable_time = static_cast<uint32_t>(value) * 1000;
         row->max_interval = 600;
         row->min_interval = 200;

@@ -214,8 +214,8 @@ int find_stat(const item_list *list, const char *name, uint64_t *value)
 int mask_prefix(ip_addr_value *address, int prefix_len)
 {
     if (!address) return -1;
-    uint32_t length = address->length < sizeof address->bytes ? address->length
-                                                               : sizeof address->bytes;
+    uint32_t length =
+        address->length < sizeof address->bytes ? address->length : sizeof address->bytes;
     for (uint32_t i = 0; i < length; i++) {
         int rest = prefix_len - 8 * static_cast<int>(i);
         if (rest < 1)

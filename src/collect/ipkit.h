@@ -1,4 +1,5 @@
-// The IP collectors' own small toolkit: item lists, statistics-file readers, prefix masks, counter widening.
+// The IP collectors' own small toolkit: item lists, statistics-file readers, prefix masks, counter
+// widening.
 //
 // Parsing is kept apart from opening: every reader has a form that takes an
 // open stream (tests feed it fixture text) beside the one that opens a path.

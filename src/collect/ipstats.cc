@@ -1,4 +1,5 @@
-// IP collector: the tables' index orders and the traffic statistics of the system and of each interface.
+// IP collector: the tables' index orders and the traffic statistics of the system and of each
+// interface.
 #include "ipstats.h"
 
 #include "procfs.h"
@@ -69,7 +70,9 @@ void fill_counters(ip_system_stats_entry *row, const item_list *pairs, source_gr
 {
     auto *base = reinterpret_cast<unsigned char *>(row);
     for (const counter_source &s : counter_sources) {
-        const char *name = group == from_ip6 ? s.v6_name : s.v4_group == group ? s.v4_name : nullptr;
+        const char *name = group == from_ip6     ? s.v6_name
+                           : s.v4_group == group ? s.v4_name
+                                                 : nullptr;
         if (!name) continue;
         uint64_t value;
         find_stat(pairs, name, &value);
@@ -222,9 +225,9 @@ int update_ip_if_stats(stats_list *list)
         fill_counters(row, &pairs.list, from_ip6);
         derive_counters(row);
         // Per interface this column is a 32-bit sum and wraps at 2^32.
-        row->in_forw_datagrams = static_cast<uint32_t>(static_cast<uint32_t>(row->in_no_routes) +
-                                                       static_cast<uint32_t>(
-                                                           row->out_forw_datagrams.total));
+        row->in_forw_datagrams =
+            static_cast<uint32_t>(static_cast<uint32_t>(row->in_no_routes) +
+                                  static_cast<uint32_t>(row->out_forw_datagrams.total));
     }
     stats_list_sort(list);
     return 0;
@@ -241,10 +244,31 @@ int not_collected(stats_list *list)
 }
 } // namespace
 
-int update_ip_basic_stats(ip_scalars *) { return 0; }
-int update_ip_address_prefix(stats_list *list) { return not_collected(list); }
-int update_net_phys_list(stats_list *list) { return not_collected(list); }
-int update_ip_def_router(stats_list *list) { return not_collected(list); }
-int update_ip6_scope_zone_index(stats_list *list) { return not_collected(list); }
-int update_ip_icmp_stats(stats_list *list) { return not_collected(list); }
-int update_ip_icmp_msg_stats(stats_list *list) { return not_collected(list); }
+int update_ip_basic_stats(ip_scalars *)
+{
+    return 0;
+}
+int update_ip_address_prefix(stats_list *list)
+{
+    return not_collected(list);
+}
+int update_net_phys_list(stats_list *list)
+{
+    return not_collected(list);
+}
+int update_ip_def_router(stats_list *list)
+{
+    return not_collected(list);
+}
+int update_ip6_scope_zone_index(stats_list *list)
+{
+    return not_collected(list);
+}
+int update_ip_icmp_stats(stats_list *list)
+{
+    return not_collected(list);
+}
+int update_ip_icmp_msg_stats(stats_list *list)
+{
+    return not_collected(list);
+}

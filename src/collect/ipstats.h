@@ -1,4 +1,5 @@
-// IP collector: records of the IP-MIB tables, their index orders and the functions that refill them.
+// IP collector: records of the IP-MIB tables, their index orders and the functions that refill
+// them.
 //
 // Every table but the system statistics and the scalars is a stats_list of
 // one record type, refilled from the kernel (count 0, then append, then sort
@@ -75,7 +76,7 @@ struct ip_address_entry {
     int32_t addr_type;
     ip_addr_value addr;
     int32_t if_index;
-    int32_t type;           // 1 unicast, 2 anycast, 3 broadcast
+    int32_t type;            // 1 unicast, 2 anycast, 3 broadcast
     uint32_t prefix_oid[32]; // row pointer to ipAddressPrefixOrigin of the prefix
     uint32_t prefix_oid_len;
     int32_t origin;  // 2 manual, 5 linklayer, 6 random

@@ -1,4 +1,5 @@
-// IP-MIB provider: registers the twelve IP callpoints and answers them from the IP collector's caches.
+// IP-MIB provider: registers the twelve IP callpoints and answers them from the IP collector's
+// caches.
 //
 // Every list-backed table is walked the same way: a get_next with -1
 // refreshes the table's cache (at most every 3 seconds) and makes its list
@@ -127,8 +128,10 @@ struct traffic_column {
 };
 
 #define COLUMN(name, kind, field)                                                                  \
-    {IP_MIB_ipSystemStats##name, IP_MIB_ipIfStats##name, kind,                                     \
-     offsetof(ip_system_stats_entry, field)}
+    {                                                                                              \
+        IP_MIB_ipSystemStats##name, IP_MIB_ipIfStats##name, kind,                                  \
+            offsetof(ip_system_stats_entry, field)                                                 \
+    }
 const traffic_column traffic_columns[] = {
     COLUMN(InReceives, raw32, in_receives),
     COLUMN(HCInReceives, total64, in_receives),
@@ -523,8 +526,8 @@ int ip_def_router_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 
 int scope_zone_keys(const void *record, confd_value_t *keys)
 {
-    CONFD_SET_INT32(&keys[0],
-                    static_cast<int32_t>(static_cast<const ip6_scope_zone_entry *>(record)->if_index));
+    CONFD_SET_INT32(&keys[0], static_cast<int32_t>(
+                                  static_cast<const ip6_scope_zone_entry *>(record)->if_index));
     return 1;
 }
 
@@ -544,8 +547,8 @@ int ip6_scope_zone_idx_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *
 
 int icmp_keys(const void *record, confd_value_t *keys)
 {
-    CONFD_SET_ENUM_VALUE(&keys[0],
-                         static_cast<int32_t>(static_cast<const icmp_stats_entry *>(record)->version));
+    CONFD_SET_ENUM_VALUE(
+        &keys[0], static_cast<int32_t>(static_cast<const icmp_stats_entry *>(record)->version));
     return 1;
 }
 
@@ -663,8 +666,7 @@ int register_ip_mib_cbs(struct confd_daemon_ctx *dctx, int msock)
         {IP_MIB__callpointid_ip_address_prefix_status, ip_address_prefix_get_elem,
          ip_address_prefix_get_next},
         {IP_MIB__callpointid_icmp_stat_status, ip_icmp_stat_get_elem, ip_icmp_stat_get_next},
-        {IP_MIB__callpointid_icmp_msg_status, ip_icmp_msg_stat_get_elem,
-         ip_icmp_msg_stat_get_next},
+        {IP_MIB__callpointid_icmp_msg_status, ip_icmp_msg_stat_get_elem, ip_icmp_msg_stat_get_next},
     };
     struct confd_data_cbs cbs[8];
     for (int i = 0; i < 8; i++) {
@@ -688,13 +690,13 @@ int register_ip_mib_cbs(struct confd_daemon_ctx *dctx, int msock)
         fputs("Failed to register ip_address_status callpoint\n", stderr);
         return -1;
     }
-    if (!register_writable(dctx, IP_MIB__callpointid_ipv6_router_status,
-                           ip6_router_advert_get_elem, ip6_router_advert_get_next)) {
+    if (!register_writable(dctx, IP_MIB__callpointid_ipv6_router_status, ip6_router_advert_get_elem,
+                           ip6_router_advert_get_next)) {
         fputs("Failed to register ipv6_router_status callpoint\n", stderr);
         return -1;
     }
-    if (!register_writable(dctx, IP_MIB__callpointid_ip_net_to_physical_stats,
-                           ip_net_phys_get_elem, ip_net_phys_get_next)) {
+    if (!register_writable(dctx, IP_MIB__callpointid_ip_net_to_physical_stats, ip_net_phys_get_elem,
+                           ip_net_phys_get_next)) {
         fputs("Failed to register callpoint\n", stderr);
         return -1;
     }

@@ -58,7 +58,8 @@ void make_interfaces()
     ASSERT_TRUE(daemon_env::eventually([] {
         std::string text = "\n" + harness::read_file("/proc/net/if_inet6");
         size_t link_local = 0;
-        for (size_t at = text.find("\nfe80"); at != std::string::npos; at = text.find("\nfe80", at + 1))
+        for (size_t at = text.find("\nfe80"); at != std::string::npos;
+             at = text.find("\nfe80", at + 1))
             link_local++;
         return link_local == 4;
     }));
@@ -72,7 +73,10 @@ struct kernel_address {
     int prefix_len;
     std::string broadcast; // IPv4 broadcast, "" when none
     std::vector<std::string> words;
-    bool has(const char *w) const { return std::find(words.begin(), words.end(), w) != words.end(); }
+    bool has(const char *w) const
+    {
+        return std::find(words.begin(), words.end(), w) != words.end();
+    }
 };
 
 std::vector<kernel_address> kernel_addresses()
@@ -111,7 +115,8 @@ std::string hex(const std::vector<uint8_t> &bytes)
     return out;
 }
 
-// The prefix row pointer of an address: ipAddressPrefixOrigin.<ifIndex>.<type>.<length>.<prefix>.<bits>.
+// The prefix row pointer of an address:
+// ipAddressPrefixOrigin.<ifIndex>.<type>.<length>.<prefix>.<bits>.
 std::string prefix_pointer(const kernel_address &a)
 {
     std::string oid = "1.3.6.1.2.1.4.32.1.5." + std::to_string(a.if_index) + "." +
@@ -149,8 +154,8 @@ std::vector<row_text> expected_rows(const std::vector<kernel_address> &kernel)
         std::string addr = hex(a.bytes);
         if (a.type == 1) {
             int origin = a.bytes[0] == 169 && a.bytes[1] == 254 ? 6 : 2;
-            rows.emplace_back(1, 4, addr, row_of(1, addr, a.if_index, 1, prefix_pointer(a), origin,
-                                                 1, 2));
+            rows.emplace_back(1, 4, addr,
+                              row_of(1, addr, a.if_index, 1, prefix_pointer(a), origin, 1, 2));
             if (broadcast_of.count(a.if_index)) {
                 std::vector<uint8_t> b(4);
                 inet_pton(AF_INET, broadcast_of[a.if_index].c_str(), b.data());
@@ -165,9 +170,9 @@ std::vector<row_text> expected_rows(const std::vector<kernel_address> &kernel)
         bool link_local = a.bytes[0] == 0xfe && (a.bytes[1] & 0xc0) == 0x80;
         int status = no_flags || permanent || temporary ? 1 : 2;
         int origin = no_flags ? 5 : temporary ? 6 : link_local ? 5 : 2;
-        rows.emplace_back(2, 16, addr,
-                          row_of(2, addr, a.if_index, 1, prefix_pointer(a), origin, status,
-                                 origin == 5 ? 4 : 2));
+        rows.emplace_back(
+            2, 16, addr,
+            row_of(2, addr, a.if_index, 1, prefix_pointer(a), origin, status, origin == 5 ? 4 : 2));
     }
     std::stable_sort(rows.begin(), rows.end(), [](const auto &x, const auto &y) {
         return std::tie(std::get<0>(x), std::get<1>(x), std::get<2>(x)) <
@@ -296,12 +301,12 @@ std::map<std::string, uint64_t> kernel_counters(const std::string &source)
 
 // Counter columns and their kernel names (IPv4; IPv6 adds "Ip6" and has its own forwarding name).
 const std::vector<std::pair<std::string, std::string>> counter_columns = {
-    {"InReceives", "InReceives"},     {"InHdrErrors", "InHdrErrors"},
-    {"InNoRoutes", "InNoRoutes"},     {"InAddrErrors", "InAddrErrors"},
-    {"InDelivers", "InDelivers"},     {"OutRequests", "OutRequests"},
-    {"OutDiscards", "OutDiscards"},   {"OutForwDatagrams", "ForwDatagrams"},
-    {"InMcastPkts", "InMcastPkts"},   {"OutMcastPkts", "OutMcastPkts"},
-    {"OutFragOKs", "FragOKs"},        {"ReasmReqds", "ReasmReqds"},
+    {"InReceives", "InReceives"},   {"InHdrErrors", "InHdrErrors"},
+    {"InNoRoutes", "InNoRoutes"},   {"InAddrErrors", "InAddrErrors"},
+    {"InDelivers", "InDelivers"},   {"OutRequests", "OutRequests"},
+    {"OutDiscards", "OutDiscards"}, {"OutForwDatagrams", "ForwDatagrams"},
+    {"InMcastPkts", "InMcastPkts"}, {"OutMcastPkts", "OutMcastPkts"},
+    {"OutFragOKs", "FragOKs"},      {"ReasmReqds", "ReasmReqds"},
 };
 
 // Checks one row against kernel counters read just before (a) and after (b)
@@ -320,8 +325,8 @@ void check_row(const std::string &table, bool ipv6,
         return static_cast<uint64_t>(std::stoull(it->second.second));
     };
     for (const auto &c : counter_columns) {
-        std::string kernel = ipv6 ? "Ip6" + (c.first == "OutForwDatagrams" ? c.first : c.second)
-                                  : c.second;
+        std::string kernel =
+            ipv6 ? "Ip6" + (c.first == "OutForwDatagrams" ? c.first : c.second) : c.second;
         uint64_t v = value(c.first, "C_UINT32");
         EXPECT_LE(a[kernel] & 0xffffffff, v) << table + c.first;
         EXPECT_GE(b[kernel] & 0xffffffff, v) << table + c.first;
@@ -457,8 +462,8 @@ TEST(IpMibTest, CallpointsWritesAndKeyTypes)
         std::string before = emu.cli({"walk", kAddresses});
         const std::string ok = "{\"result\":\"ok\"}";
         EXPECT_EQ(emu.cli({"set", "/IP-MIB/ip/ipDefaultTTL", "32"}), ok);
-        EXPECT_EQ(emu.cli({"set", std::string(kAddresses) + "{1 7f000001}/ipAddressRowStatus", "6"}),
-                  ok);
+        EXPECT_EQ(
+            emu.cli({"set", std::string(kAddresses) + "{1 7f000001}/ipAddressRowStatus", "6"}), ok);
         EXPECT_EQ(emu.cli({"set",
                            "/IP-MIB/ipv6RouterAdvertTable/ipv6RouterAdvertEntry{1}/"
                            "ipv6RouterAdvertRowStatus",

@@ -71,17 +71,17 @@ TEST_F(IpProviderTest, SystemStatsRows)
 {
     write_system_counters("4294967290");
     keypath rows = ip({IP_MIB_ipSystemStatsTable, IP_MIB_ipSystemStatsEntry});
-    EXPECT_EQ(next(rows, -1) + ", " + next(rows, 0) + ", " + next(rows, 1), "e1 -> 0, e2 -> 1, end");
+    EXPECT_EQ(next(rows, -1) + ", " + next(rows, 0) + ", " + next(rows, 1),
+              "e1 -> 0, e2 -> 1, end");
     std::string v4;
-    for (uint32_t leaf :
-         {IP_MIB_ipSystemStatsIPVersion, IP_MIB_ipSystemStatsInReceives,
-          IP_MIB_ipSystemStatsHCInReceives, IP_MIB_ipSystemStatsInHdrErrors,
-          IP_MIB_ipSystemStatsInNoRoutes, IP_MIB_ipSystemStatsInForwDatagrams,
-          IP_MIB_ipSystemStatsHCInForwDatagrams, IP_MIB_ipSystemStatsOutForwDatagrams,
-          IP_MIB_ipSystemStatsOutFragReqds, IP_MIB_ipSystemStatsOutTransmits,
-          IP_MIB_ipSystemStatsHCOutTransmits, IP_MIB_ipSystemStatsInMcastPkts,
-          IP_MIB_ipSystemStatsHCOutBcastPkts, IP_MIB_ipSystemStatsHCInOctets,
-          IP_MIB_ipSystemStatsRefreshRate})
+    for (uint32_t leaf : {IP_MIB_ipSystemStatsIPVersion, IP_MIB_ipSystemStatsInReceives,
+                          IP_MIB_ipSystemStatsHCInReceives, IP_MIB_ipSystemStatsInHdrErrors,
+                          IP_MIB_ipSystemStatsInNoRoutes, IP_MIB_ipSystemStatsInForwDatagrams,
+                          IP_MIB_ipSystemStatsHCInForwDatagrams,
+                          IP_MIB_ipSystemStatsOutForwDatagrams, IP_MIB_ipSystemStatsOutFragReqds,
+                          IP_MIB_ipSystemStatsOutTransmits, IP_MIB_ipSystemStatsHCOutTransmits,
+                          IP_MIB_ipSystemStatsInMcastPkts, IP_MIB_ipSystemStatsHCOutBcastPkts,
+                          IP_MIB_ipSystemStatsHCInOctets, IP_MIB_ipSystemStatsRefreshRate})
         v4 += get(system_row("e1", leaf)) + " ";
     // OutTransmits = 100 + 6000 + 14 - 8 - 7 - (12 + 13).
     EXPECT_EQ(v4, "e1 4294967290 u64:4294967290 1 20 120 u64:120 100 25 6074 u64:6074 22 "

@@ -19,7 +19,8 @@ std::string pairs_of(const std::string &text, const char *section, bool stat_pai
     FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
     item_list out;
     item_list_init(&out, sizeof(stat_pair), 4);
-    int rc = stat_pairs ? read_stat_pairs_from(in, &out) : read_stat_section_from(in, &out, section);
+    int rc =
+        stat_pairs ? read_stat_pairs_from(in, &out) : read_stat_section_from(in, &out, section);
     fclose(in);
     std::string result = rc == 0 ? "" : "fail";
     for (uint32_t i = 0; rc == 0 && i < out.count; i++) {
@@ -30,13 +31,12 @@ std::string pairs_of(const std::string &text, const char *section, bool stat_pai
     return result;
 }
 
-const char snmp_text[] =
-    "Ip: Forwarding DefaultTTL InReceives InHdrErrors\n"
-    "Ip: 1 64 4035512 7\n"
-    "Icmp: InMsgs InErrors\n"
-    "Icmp: 312 4\n"
-    "IcmpMsg: InType3 OutType3\n"
-    "IcmpMsg: 5 7\n";
+const char snmp_text[] = "Ip: Forwarding DefaultTTL InReceives InHdrErrors\n"
+                         "Ip: 1 64 4035512 7\n"
+                         "Icmp: InMsgs InErrors\n"
+                         "Icmp: 312 4\n"
+                         "IcmpMsg: InType3 OutType3\n"
+                         "IcmpMsg: 5 7\n";
 const char netstat_text[] = "TcpExt: SyncookiesSent PruneCalled\n"
                             "TcpExt: 0 12\n"
                             "IpExt: InNoRoutes InTruncatedPkts InMcastPkts\n"
