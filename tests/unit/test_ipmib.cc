@@ -12,7 +12,7 @@
 namespace
 {
 
-const std::string noexists = "type" + std::to_string(C_NOEXISTS);
+const std::string noexists = "noexists";
 
 keypath ip(std::vector<uint32_t> tags, const std::string &keys = "")
 {
