@@ -2,6 +2,7 @@
 #include "tcpmibimpl.h"
 
 #include "core/leisobek.h"
+#include "socket_keys.h"
 #include "statslist.h"
 #include "tcpstats.h"
 #include "timedcache.h"
@@ -74,23 +75,16 @@ int reply_not_found(struct confd_trans_ctx *tctx)
     return CONFD_OK;
 }
 
-// The key types of a table entry are asserted in the callback itself: the
-// abort message names the function ("tcp_get_listener_elem") and the
-// expression text, which the CONFD_GET_* macros build from their argument's
-// name, so kp and v_pp are part of the required texts ("(v_pp)->type ==
-// C_UINT32", "(&kp->v[0][0])->type == C_XMLTAG"): keep those names.
+// The key types of a table entry are asserted in the callback itself
+// (SOCKET_END_KEYS), so that an abort names "tcp_get_listener_elem"; the
+// name kp is part of the required text "(&kp->v[0][0])->type == C_XMLTAG".
 int tcp_get_listener_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     tcp_listener_entry key;
     memset(&key, 0, sizeof key);
-    confd_value_t *v_pp = &kp->v[1][0];
-    key.type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &kp->v[1][1];
-    bool fits = stats_copy_addr(key.addr, &key.addr_len, CONFD_GET_BINARY_PTR(v_pp),
-                                CONFD_GET_BINARY_SIZE(v_pp));
-    v_pp = &kp->v[1][2];
-    key.port = CONFD_GET_UINT32(v_pp);
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.type, key.addr, key.addr_len, key.port, fits);
     const auto *row = static_cast<const tcp_listener_entry *>(
         fits ? find_row(&walked_tables->listeners, &key) : nullptr);
     if (!row) return reply_not_found(tctx);
@@ -104,27 +98,16 @@ int tcp_get_listener_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     }
 }
 
-// The same over the connections with their six keys (asserted here too).
+// The same over the connections with their six keys.
 int tcp_get_connection_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     tcp_conn_entry key;
     memset(&key, 0, sizeof key);
-    confd_value_t *v_pp = &kp->v[1][0];
-    key.local_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &kp->v[1][1];
-    bool fits = stats_copy_addr(key.local_addr, &key.local_addr_len, CONFD_GET_BINARY_PTR(v_pp),
-                                CONFD_GET_BINARY_SIZE(v_pp));
-    v_pp = &kp->v[1][2];
-    key.local_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &kp->v[1][3];
-    key.rem_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &kp->v[1][4];
-    fits = stats_copy_addr(key.rem_addr, &key.rem_addr_len, CONFD_GET_BINARY_PTR(v_pp),
-                           CONFD_GET_BINARY_SIZE(v_pp)) &&
-           fits;
-    v_pp = &kp->v[1][5];
-    key.rem_port = CONFD_GET_UINT32(v_pp);
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.local_type, key.local_addr, key.local_addr_len, key.local_port,
+                    fits);
+    SOCKET_END_KEYS(kp, 3, key.rem_type, key.rem_addr, key.rem_addr_len, key.rem_port, fits);
     const auto *row =
         static_cast<const tcp_conn_entry *>(fits ? find_row(&walked_tables->conns, &key) : nullptr);
     if (!row) return reply_not_found(tctx);

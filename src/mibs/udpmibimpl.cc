@@ -2,6 +2,7 @@
 #include "udpmibimpl.h"
 
 #include "UDP-MIB.h"
+#include "socket_keys.h"
 #include "timedcache.h"
 #include "udpstats.h"
 
@@ -47,11 +48,10 @@ int32_t find_endpoint(const stats_list *list, const udp_endpoint_entry *key)
     return -1;
 }
 
-// The key types are asserted in the callback itself, so that an abort names
-// "get_udp_endpoint_stats"; the expression texts come from the names kp and
-// v_pp through the CONFD_GET_* macros ("(v_pp)->type == C_UINT32",
-// "(&kp->v[0][0])->type == C_XMLTAG"), so those names are part of the
-// required abort texts: keep them.
+// The key types are asserted in the callback itself (SOCKET_END_KEYS and
+// below), so that an abort names "get_udp_endpoint_stats"; the names kp and
+// v_pp are part of the required texts "(&kp->v[0][0])->type == C_XMLTAG"
+// and "(v_pp)->type == C_UINT32": keep them.
 int get_udp_endpoint_stats(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
@@ -60,22 +60,11 @@ int get_udp_endpoint_stats(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     if (!walk_list || walk_list->count == 0) return CONFD_ERR;
     udp_endpoint_entry key;
     memset(&key, 0, sizeof key);
-    confd_value_t *v_pp = &kp->v[1][0];
-    key.local_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &kp->v[1][1];
-    bool fits = stats_copy_addr(key.local_addr, &key.local_addr_len, CONFD_GET_BINARY_PTR(v_pp),
-                                CONFD_GET_BINARY_SIZE(v_pp));
-    v_pp = &kp->v[1][2];
-    key.local_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &kp->v[1][3];
-    key.rem_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &kp->v[1][4];
-    fits = stats_copy_addr(key.rem_addr, &key.rem_addr_len, CONFD_GET_BINARY_PTR(v_pp),
-                           CONFD_GET_BINARY_SIZE(v_pp)) &&
-           fits;
-    v_pp = &kp->v[1][5];
-    key.rem_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &kp->v[1][6];
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.local_type, key.local_addr, key.local_addr_len, key.local_port,
+                    fits);
+    SOCKET_END_KEYS(kp, 3, key.rem_type, key.rem_addr, key.rem_addr_len, key.rem_port, fits);
+    confd_value_t *v_pp = &kp->v[1][6];
     key.inode = CONFD_GET_UINT32(v_pp);
     // An address longer than any row's matches none.
     int32_t position = fits ? find_endpoint(walk_list, &key) : -1;
