@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <vector>
 
 // A FILE that is closed when it goes out of scope.
 struct file_closer {
