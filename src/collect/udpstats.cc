@@ -132,9 +132,10 @@ bool read_canonical_line(const char *line, char *local, char *remote, unsigned *
            in.word(remote) && in.rest(inode);
 }
 
+// Stores count (1 or 4) words into an address buffer, never past its end.
 void store_words(uint8_t *address, const uint32_t *words, int count, int swap)
 {
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < count && i < int(stats_addr_size / 4); i++) {
         uint32_t word = swap ? __builtin_bswap32(words[i]) : words[i];
         memcpy(address + 4 * i, &word, sizeof word);
     }
