@@ -34,15 +34,18 @@ using proc_table_ptr = std::unique_ptr<FILE, proc_table_closer>;
 // default one. Returns null when the file cannot be opened.
 proc_table_ptr open_proc_table(const char *relative);
 
-// Widens a 32-bit kernel counter into a 64-bit total: the total grows by the
-// difference between now and the last value seen, plus 2^32 when that is
-// negative (the 32-bit value wrapped once); last becomes now.
-inline void widen_counter(uint32_t *last, uint64_t *total, uint32_t now)
+// Widens a 32-bit kernel counter to a 64-bit total: of raw only the low 32
+// bits count; the total grows by the difference between them and the last
+// raw value, plus 2^32 when that is negative (a wrap, or a counter that
+// restarted), and the last raw value becomes them. Both start at 0, so the
+// first call sets the total to the raw value.
+inline void widen_counter(uint64_t raw, uint32_t *last_raw, uint64_t *total)
 {
-    int64_t delta = static_cast<int64_t>(now) - static_cast<int64_t>(*last);
+    uint32_t now = static_cast<uint32_t>(raw);
+    int64_t delta = static_cast<int64_t>(now) - static_cast<int64_t>(*last_raw);
     if (delta < 0) delta += INT64_C(1) << 32;
     *total += static_cast<uint64_t>(delta);
-    *last = now;
+    *last_raw = now;
 }
 
 // The directory the collectors read as /proc; "/proc" unless a test set

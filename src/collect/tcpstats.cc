@@ -239,8 +239,8 @@ int tcp_read_snmp(FILE *in, tcp_global_stats *stats)
     int result = scan_counter(&p, &stats->OutRsts);
     // The record was zeroed above, so each total comes out equal to the
     // current 32-bit counter and wraps with it: what the router reports.
-    widen_counter(&stats->InSegs, &stats->HCInSegs, in_segs);
-    widen_counter(&stats->OutSegs, &stats->HCOutSegs, out_segs);
+    widen_counter(in_segs, &stats->InSegs, &stats->HCInSegs);
+    widen_counter(out_segs, &stats->OutSegs, &stats->HCOutSegs);
     return result;
 }
 

@@ -331,8 +331,8 @@ int update_udp_stats(udp_global_stats *stats)
     stats->InErrors = in_errors;
     // The record was zeroed above, so each total equals its 32-bit counter
     // and wraps with it: what the router reports for the HC counters.
-    widen_counter(&stats->InDatagrams, &stats->HCInDatagrams, in_datagrams);
-    widen_counter(&stats->OutDatagrams, &stats->HCOutDatagrams, out_datagrams);
+    widen_counter(in_datagrams, &stats->InDatagrams, &stats->HCInDatagrams);
+    widen_counter(out_datagrams, &stats->OutDatagrams, &stats->HCOutDatagrams);
     TRACE_EXIT();
     return 0;
 }

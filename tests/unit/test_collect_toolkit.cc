@@ -1,5 +1,4 @@
 // Unit tests of the collection toolkit: record lists, timed caches and field scanners.
-#include "procfs.h"
 #include "scan.h"
 #include "statslist.h"
 #include "timedcache.h"
@@ -95,18 +94,6 @@ TEST_F(StatsListTest, FindAgreesWithALinearScan)
             if (item_compare(&wanted, stats_list_record(&list, p)) == 0) linear = p;
         EXPECT_EQ(stats_list_find(&list, &wanted, nullptr), linear) << "key " << key;
     }
-}
-
-// Verifies counter widening: the total grows by each difference, plus 2^32
-// when the 32-bit counter wrapped in between.
-TEST(WidenCounter, GrowsAcrossAWrap)
-{
-    uint32_t last = 0;
-    uint64_t total = 0;
-    for (uint32_t now : {10u, 4294967290u, 5u, 5u})
-        widen_counter(&last, &total, now);
-    EXPECT_EQ(total, 4294967296u + 5u);
-    EXPECT_EQ(last, 5u);
 }
 
 time_t fake_now;
