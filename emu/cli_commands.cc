@@ -229,8 +229,12 @@ bool stored_entries(CliEnv &env, const std::string &list, std::vector<std::vecto
     }
 }
 
+// A value that stands for "delete the node" in a list of changes.
+const Value kDeleteNode{};
+
 // One transaction of the command line's own: the changes (path, value; no value creates a list
-// entry) written and committed, commit-diff subscribers told. {"result":"ok"} or an error.
+// entry, kDeleteNode deletes the node) written and committed, commit-diff subscribers told.
+// {"result":"ok"} or an error.
 std::string commit_changes(CliEnv &env, const Args &a,
                            const std::vector<std::pair<std::string, const Value *>> &changes)
 {
@@ -244,7 +248,9 @@ std::string commit_changes(CliEnv &env, const Args &a,
     int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
     for (size_t i = 0; i < changes.size() && !rc; i++) {
         const auto &c = changes[i];
-        if (c.second) {
+        if (c.second == &kDeleteNode) {
+            rc = env.ds->remove(th, c.first, err);
+        } else if (c.second) {
             rc = env.ds->set_elem(th, c.first, *c.second, err);
         } else if ((rc = env.ds->create(th, c.first, err)) == CONFD_ERR_ALREADY_EXISTS) {
             rc = 0;
@@ -576,17 +582,24 @@ bool split_change(const std::string &arg, std::string &path, std::string &value)
 std::string cmd_commit(CliEnv &env, const Args &a)
 {
     if (a.pos.empty() || a.has("--msg"))
-        return error_json("usage: commit [--user U] PATH=VALUE... (PATH alone creates a list entry)");
+        return error_json("usage: commit [--user U] PATH=VALUE... (PATH alone creates a list "
+                          "entry, !PATH deletes the node)");
     if (!env.ds) return error_json("no datastore");
     std::vector<Value> values(a.pos.size());
     std::vector<std::pair<std::string, const Value *>> changes;
     for (size_t i = 0; i < a.pos.size(); i++) {
         std::string path, text, err;
-        bool has_value = split_change(a.pos[i], path, text);
+        bool remove = a.pos[i].compare(0, 1, "!") == 0;
+        bool has_value = !remove && split_change(a.pos[i], path, text);
+        if (remove) path = a.pos[i].substr(1);
         ParsedPath p;
         if (!parse_keypath(env.schema, path, p, err) || p.steps.empty())
             return error_json(path + ": " + (err.empty() ? "empty path" : err));
         const SchemaNode *n = p.steps.back().node;
+        if (remove) {
+            changes.emplace_back(path, &kDeleteNode);
+            continue;
+        }
         if (!has_value) {
             changes.emplace_back(path, nullptr);
             continue;
