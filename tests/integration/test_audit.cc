@@ -116,10 +116,10 @@ TEST(AuditListenerTest, CommitRewritesAnExistingAuditLine)
     });
 }
 
-// Verifies that a commit which changes, creates and deletes list entries, with
-// values longer than the diff printer's buffers, is iterated on the daemon's
-// own MAAPI connection and answered: the commit completes with the daemon's
-// done, and the daemon serves on.
+// Verifies that commits which change, create and delete list entries and set
+// and remove attributes, with values longer than the diff printer's buffers,
+// are iterated on the daemon's own MAAPI connection and answered: each commit
+// completes with the daemon's done, and the daemon serves on.
 TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
 {
     RUN_ISOLATED([] {
@@ -129,12 +129,14 @@ TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
         std::string huge(10000, 'w');
         EXPECT_EQ(emu.cli({"commit", "--user", "carol", "/dhcp-pools/pool{1}/interface=" + huge,
                            "/dhcp-pools/pool{3}", "/dhcp-pools/pool{3}/name=lab",
-                           "/dhcp-pools/pool{3}/interface=" + huge, "!/dhcp-pools/pool{2}"}),
+                           "/dhcp-pools/pool{3}/interface=" + huge, "!/dhcp-pools/pool{2}",
+                           "/dhcp-pools/pool{1}@annotation=" + huge, "/system/contact@tags=ops"}),
                   kOk);
+        EXPECT_EQ(emu.cli({"commit", "!/dhcp-pools/pool{1}@annotation"}), kOk);
         std::string st = emu.status();
-        EXPECT_EQ(status_number(st, "diff_notifications_done"), 1) << st;
+        EXPECT_EQ(status_number(st, "diff_notifications_done"), 2) << st;
         // The daemon's own attaches come first; the emulator's total is the one after them.
-        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":1,\"subscribers\""));
+        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"subscribers\""));
         EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{3}/name"}),
                   "{\"type\":\"C_BUF\",\"value\":\"lab\"}");
         EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{2}/name"}), "{\"reply\":\"not-found\"}");
