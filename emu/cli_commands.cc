@@ -566,37 +566,9 @@ std::string cmd_fail(CliEnv &env, const Args &a)
     return kOk;
 }
 
-// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
-bool split_change(const std::string &arg, std::string &path, std::string &value)
-{
-    int depth = 0;
-    bool quoted = false;
-    for (size_t i = 0; i < arg.size(); i++) {
-        char c = arg[i];
-        if (quoted) {
-            if (c == '\\')
-                i++;
-            else if (c == '"')
-                quoted = false;
-        } else if (c == '"' && depth > 0) {
-            quoted = true;
-        } else if (c == '{') {
-            depth++;
-        } else if (c == '}') {
-            depth--;
-        } else if (c == '=' && depth == 0) {
-            path = arg.substr(0, i);
-            value = arg.substr(i + 1);
-            return true;
-        }
-    }
-    path = arg;
-    return false;
-}
-
-// Where c (a keypath, braces and quotes inside it skipped) has the character mark outside braces,
-// last; npos when nowhere.
-size_t outside_braces(const std::string &arg, char mark)
+// Position of the first (with last, the last) mark in arg outside braces, skipping quoted keys
+// inside them; npos when there is none.
+size_t outside_braces(const std::string &arg, char mark, bool last)
 {
     size_t at = std::string::npos;
     int depth = 0;
@@ -616,9 +588,20 @@ size_t outside_braces(const std::string &arg, char mark)
             depth--;
         } else if (c == mark && depth == 0) {
             at = i;
+            if (!last) break;
         }
     }
     return at;
+}
+
+// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
+bool split_change(const std::string &arg, std::string &path, std::string &value)
+{
+    size_t eq = outside_braces(arg, '=', false);
+    path = arg.substr(0, eq);
+    if (eq == std::string::npos) return false;
+    value = arg.substr(eq + 1);
+    return true;
 }
 
 // The attribute numbers of ConfD by the names the command line takes.
@@ -647,7 +630,7 @@ bool parse_change(CliEnv &env, const std::string &arg, Change &c, std::string &e
     // The marks count in the path only, before a value.
     std::string head, text;
     bool has_value = split_change(spec, head, text);
-    size_t at = outside_braces(head, '@'), move = outside_braces(head, '^');
+    size_t at = outside_braces(head, '@', true), move = outside_braces(head, '^', true);
     bool ok = true;
     if (at != std::string::npos) {
         c.kind = Change::Attr;
