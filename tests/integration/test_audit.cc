@@ -171,7 +171,7 @@ TEST(AuditListenerConcurrentTest, AuthFailuresDuringWalksArriveWhole)
         int udp = sockets::open_udp("127.0.0.1", 7071);
         ASSERT_GE(udp, 0);
 
-        constexpr int kSenders = 2, kPerSender = 40;
+        constexpr int kSenders = 2, kPerSender = 25;
         std::atomic<int> senders_left{kSenders};
         std::atomic<int> bad_walks{0}, walks{0};
         std::vector<std::thread> threads;
