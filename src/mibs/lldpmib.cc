@@ -9,6 +9,7 @@
 #include "lldpmib.h"
 
 #include "LLDP-MIB.h"
+#include "core/fieldcopy.h"
 #include "core/sysenv.h"
 
 #include <cstdint>
@@ -48,19 +49,6 @@ struct file_closer {
     void operator()(FILE *f) const { fclose(f); }
 };
 
-// Copies a script field into dst (size bytes) the way the router's code
-// does, with the field as its own format: "%%" becomes "%", any other "%"
-// sequence is copied as it stands. Always terminated.
-void copy_field(char *dst, size_t size, const char *field)
-{
-    size_t out = 0;
-    for (const char *p = field; *p != '\0' && out + 1 < size; p++) {
-        if (p[0] == '%' && p[1] == '%') p++;
-        dst[out++] = *p;
-    }
-    dst[out] = '\0';
-}
-
 // The identifier subtype of a file field: macAddress (4) for "mac", else 1.
 // The port subtype takes the same 4, as the router always answered.
 int32_t id_subtype(const char *field)
@@ -90,13 +78,13 @@ void store_field(LldpNeighbour *rec, int index, const char *field)
         rec->chassis_id_subtype = id_subtype(field);
         break;
     case 3:
-        copy_field(rec->chassis_id, sizeof rec->chassis_id, field);
+        copy_field_as_format(rec->chassis_id, sizeof rec->chassis_id, field);
         break;
     case 4:
         rec->port_id_subtype = id_subtype(field);
         break;
     case 5:
-        copy_field(rec->port_id, sizeof rec->port_id, field);
+        copy_field_as_format(rec->port_id, sizeof rec->port_id, field);
         break;
     case 7:
         // Never cleared between reads: a capability once seen stays.
@@ -106,10 +94,10 @@ void store_field(LldpNeighbour *rec, int index, const char *field)
         rec->caps_enabled |= capabilities(field);
         break;
     case 9:
-        copy_field(rec->text_b, sizeof rec->text_b, field);
+        copy_field_as_format(rec->text_b, sizeof rec->text_b, field);
         break;
     case 10:
-        copy_field(rec->text_c, sizeof rec->text_c, field);
+        copy_field_as_format(rec->text_c, sizeof rec->text_c, field);
         break;
     default: // 0, 6 and the rest of the line are not used
         break;

@@ -62,9 +62,9 @@ TEST_F(LldpProviderTest, WalkAnswersEveryLinePlusOneRow)
     EXPECT_EQ(walk(entries()), (rows{"0 i0 i0", "1 i1 i1", "0 i0 i0"}));
     EXPECT_EQ(env_.commands(), (rows{"/usr/bin/snmp_lldp_neighinfo.sh > /dev/null 2>&1"}));
     EXPECT_EQ(columns(0), (rows{"0", "i0", "i0", "e4", "x001a2b3c4d5e", "e4", "xa4b1c2d3e4f5",
-                                "seth0.2", "ssw-2", "sSwitch 100% up", "b6", "b4"}));
+                                "'eth0.2'", "'sw-2'", "'Switch 100% up'", "b6", "b4"}));
     EXPECT_EQ(columns(1), (rows{"1", "i1", "i1", "e1", "x000000000000", "e1", "x000000000000",
-                                "slan", "sap-1", "sAP", "b3", "b0"}));
+                                "'lan'", "'ap-1'", "'AP'", "b3", "b0"}));
     // Past the records, and a leaf the table does not have.
     EXPECT_EQ(get(column(10, LLDP_MIB_lldpRemSysName)), "noexists");
     EXPECT_EQ(get(lldp({LLDP_MIB_lldpRemTable}, "0 i0 i0")), "noexists");
@@ -83,11 +83,11 @@ TEST_F(LldpProviderTest, RecordsPersistAcrossWalks)
     EXPECT_EQ(walk(entries()), (rows{"0 i0 i0", "1 i1 i1"}));
     EXPECT_EQ(get(column(0, LLDP_MIB_lldpRemSysCapSupported)), "b3");
     EXPECT_EQ(get(column(0, LLDP_MIB_lldpRemSysCapEnabled)), "b6");
-    EXPECT_EQ(get(column(1, LLDP_MIB_lldpRemSysName)), "sn1");
+    EXPECT_EQ(get(column(1, LLDP_MIB_lldpRemSysName)), "'n1'");
 
     ASSERT_EQ(remove(env_.at(LLDP_NEIGHBOUR_FILE).c_str()), 0);
     EXPECT_EQ(walk(entries()), rows{});
-    EXPECT_EQ(get(column(0, LLDP_MIB_lldpRemPortDesc)), "sc");
+    EXPECT_EQ(get(column(0, LLDP_MIB_lldpRemPortDesc)), "'c'");
 }
 
 // Verifies the bounds: lines past the ten records are ignored (and then no
@@ -101,11 +101,11 @@ TEST_F(LldpProviderTest, TenRecordsAndBoundedTexts)
     rows all = walk(entries());
     ASSERT_EQ(all.size(), 10u);
     EXPECT_EQ(all.back(), "9 i9 i9");
-    EXPECT_EQ(get(column(9, LLDP_MIB_lldpRemPortDesc)), "sport9");
+    EXPECT_EQ(get(column(9, LLDP_MIB_lldpRemPortDesc)), "'port9'");
 
     // Lines stay within the 511 characters read at a time; each carries one
     // overlong field.
-    std::string y(300, 'y'), cut = "s" + std::string(254, 'y');
+    std::string y(300, 'y'), cut = "'" + std::string(254, 'y') + "'";
     neighbours("x?" + y + "\nx?a?m?" + y + "\nx?a?m?c?m?" + y + "\nx?a?m?c?m?p?x?x?x?" + y +
                "\nx?a?m?c?m?p?x?x?x?b?" + y + "\n");
     walk(entries());
