@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <ctime>
-#include <regex>
 #include <set>
 #include <string>
 #include <sys/stat.h>
@@ -46,14 +45,6 @@ std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
     emu.cli({"notifications", "--clear"});
     if (!ready) d.reset();
     return d;
-}
-
-// The number in `"name":N` of a status answer, -1 when absent.
-long status_number(const std::string &status, const std::string &name)
-{
-    std::smatch m;
-    if (!std::regex_search(status, m, std::regex("\"" + name + "\":([0-9]+)"))) return -1;
-    return std::stol(m[1]);
 }
 
 // Verifies that only an audit message whose symbol names a failed SNMP
@@ -134,7 +125,7 @@ TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
                   kOk);
         EXPECT_EQ(emu.cli({"commit", "!/dhcp-pools/pool{1}@annotation"}), kOk);
         std::string st = emu.status();
-        EXPECT_EQ(status_number(st, "diff_notifications_done"), 2) << st;
+        EXPECT_THAT(st, HasSubstr("\"diff_notifications_done\":2,"));
         // The daemon's own attaches come first; the emulator's total is the one after them.
         EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"subscribers\""));
         EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{3}/name"}),

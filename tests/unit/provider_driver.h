@@ -17,8 +17,7 @@
 #include <vector>
 
 // Text of a value: "e5" an enumeration, "x7f000001" a binary in hex, "i-1" an int32, "u64:7" a
-// uint64, a plain number a uint32, 'text' a string (C_STR or C_BUF), "b6" bits, "noexists" a
-// C_NOEXISTS value.
+// uint64, a plain number a uint32, 'text' a string, "noexists" a C_NOEXISTS value.
 inline std::string value_text(const confd_value_t &v)
 {
     switch (v.type) {
@@ -34,11 +33,6 @@ inline std::string value_text(const confd_value_t &v)
         return "x" + hex_text(v.val.buf.ptr, v.val.buf.size);
     case C_STR:
         return v.val.s ? "'" + std::string(v.val.s) + "'" : "null";
-    case C_BUF:
-        return "'" + std::string(reinterpret_cast<const char *>(v.val.buf.ptr), v.val.buf.size) +
-               "'";
-    case C_BIT32:
-        return "b" + std::to_string(v.val.b32);
     case C_NOEXISTS:
         return "noexists";
     default:

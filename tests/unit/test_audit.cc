@@ -1,23 +1,13 @@
-// Unit tests of the audit listener's attribute names, diff printer and audit-line file.
+// Unit tests of the audit listener's attribute names and diff printer.
 #include "notify/audit.h"
-#include "fixture_env.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace
 {
-
-std::string read_text(const std::string &path)
-{
-    std::ostringstream out;
-    out << std::ifstream(path).rdbuf();
-    return out.str();
-}
 
 confd_value_t text_value(const std::string &s)
 {
@@ -82,18 +72,6 @@ TEST(AuditTest, DiffPrinterTakesEveryChange)
         EXPECT_EQ(diff_printer(&kp, c.op, nullptr, c.newv, nullptr), ITER_RECURSE) << c.op;
     ASSERT_EQ(kp.v[0][0].type, C_BUF);
     EXPECT_EQ(reinterpret_cast<const char *>(kp.v[0][0].val.buf.ptr), key.c_str());
-}
-
-// Verifies that the audit line rewrites an existing file with the text and a
-// newline, and that an absent file is never created.
-TEST(AuditTest, AuditLineOnlyRewritesAnExistingFile)
-{
-    FixtureEnv env;
-    write_audit_last_log("Thu Nov 26 04:00:00 2026 user:admin ");
-    EXPECT_FALSE(env.exists(AUDIT_LAST_LOG));
-    env.write(AUDIT_LAST_LOG, "an older, longer line\nand another\n");
-    write_audit_last_log("Thu Nov 26 04:00:00 2026 user:admin ");
-    EXPECT_EQ(read_text(env.at(AUDIT_LAST_LOG)), "Thu Nov 26 04:00:00 2026 user:admin \n");
 }
 
 } // namespace
