@@ -229,10 +229,20 @@ bool stored_entries(CliEnv &env, const std::string &list, std::vector<std::vecto
     }
 }
 
-// One transaction of the command line's own: the changes (path, value; no value creates a list
-// entry) written and committed, commit-diff subscribers told. {"result":"ok"} or an error.
-std::string commit_changes(CliEnv &env, const Args &a,
-                           const std::vector<std::pair<std::string, const Value *>> &changes)
+// One change of a command-line commit.
+struct Change {
+    enum Kind { Set, Create, Delete, Move, Attr } kind = Set;
+    std::string path;
+    Value value;        // Set
+    std::string anchor; // Move: keypath of the entry it goes after, empty for the first place
+    uint32_t attr = 0;  // Attr: which attribute, with text as its value (removed when !has_text)
+    std::string text;
+    bool has_text = false;
+};
+
+// One transaction of the command line's own: the changes written and committed, commit-diff
+// subscribers told. {"result":"ok"} or an error.
+std::string commit_changes(CliEnv &env, const Args &a, const std::vector<Change> &changes)
 {
     uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE);
     TransGuard guard{env.reg, th};
@@ -243,13 +253,19 @@ std::string commit_changes(CliEnv &env, const Args &a,
     std::string err;
     int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
     for (size_t i = 0; i < changes.size() && !rc; i++) {
-        const auto &c = changes[i];
-        if (c.second) {
-            rc = env.ds->set_elem(th, c.first, *c.second, err);
-        } else if ((rc = env.ds->create(th, c.first, err)) == CONFD_ERR_ALREADY_EXISTS) {
-            rc = 0;
+        const Change &c = changes[i];
+        switch (c.kind) {
+        case Change::Set: rc = env.ds->set_elem(th, c.path, c.value, err); break;
+        case Change::Create:
+            if ((rc = env.ds->create(th, c.path, err)) == CONFD_ERR_ALREADY_EXISTS) rc = 0;
+            break;
+        case Change::Delete: rc = env.ds->remove(th, c.path, err); break;
+        case Change::Move: rc = env.ds->move_after(th, c.path, c.anchor, err); break;
+        case Change::Attr:
+            rc = env.ds->set_attr(th, c.path, c.attr, c.has_text ? &c.text : nullptr, err);
+            break;
         }
-        if (rc) err = c.first + ": " + err;
+        if (rc) err = c.path + ": " + err;
     }
     if (!rc) rc = commit_and_notify(env.reg, *env.ds, th, env.diff_timeout_ms, err);
     return rc ? error_json(err) : kOk;
@@ -494,7 +510,12 @@ std::string cmd_set(CliEnv &env, const Args &a)
         Route route;
         std::string ignored;
         if (!owner || !env.reg.route(owner->callpoint, route, ignored))
-            return commit_changes(env, a, {{a.pos[0], &v}});
+        {
+            Change c;
+            c.path = a.pos[0];
+            c.value = v;
+            return commit_changes(env, a, {c});
+        }
     }
     DpSession s(env.reg, env.schema, CONFD_READ_WRITE, context_of(a), user_of(a));
     DpSession::Txn *t = s.txn_for(leaf, err, true);
@@ -547,9 +568,11 @@ std::string cmd_fail(CliEnv &env, const Args &a)
     return kOk;
 }
 
-// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
-bool split_change(const std::string &arg, std::string &path, std::string &value)
+// Position of the first (with last, the last) mark in arg outside braces, skipping quoted keys
+// inside them; npos when there is none.
+size_t outside_braces(const std::string &arg, char mark, bool last)
 {
+    size_t at = std::string::npos;
     int depth = 0;
     bool quoted = false;
     for (size_t i = 0; i < arg.size(); i++) {
@@ -565,38 +588,102 @@ bool split_change(const std::string &arg, std::string &path, std::string &value)
             depth++;
         } else if (c == '}') {
             depth--;
-        } else if (c == '=' && depth == 0) {
-            path = arg.substr(0, i);
-            value = arg.substr(i + 1);
-            return true;
+        } else if (c == mark && depth == 0) {
+            at = i;
+            if (!last) break;
         }
     }
-    path = arg;
-    return false;
+    return at;
+}
+
+// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
+bool split_change(const std::string &arg, std::string &path, std::string &value)
+{
+    size_t eq = outside_braces(arg, '=', false);
+    path = arg.substr(0, eq);
+    if (eq == std::string::npos) return false;
+    value = arg.substr(eq + 1);
+    return true;
+}
+
+// The attribute numbers of ConfD by the names the command line takes.
+bool attr_number(const std::string &name, uint32_t &out)
+{
+    static const std::map<std::string, uint32_t> attrs = {
+        {"tags", 0x80000000u}, {"annotation", 0x80000001u}, {"inactive", 0u}};
+    auto it = attrs.find(name);
+    if (it == attrs.end()) return false;
+    out = it->second;
+    return true;
+}
+
+const char kCommitUsage[] =
+    "usage: commit [--user U] CHANGE... where a CHANGE is PATH=VALUE, PATH (creates a list "
+    "entry), !PATH (deletes the node), PATH^ or PATH^{KEYS} (moves a user-ordered entry first or "
+    "after the entry with KEYS), PATH@ATTR=TEXT or !PATH@ATTR (sets or removes the attribute "
+    "tags, annotation or inactive)";
+
+// One command-line change in Change form; false with err.
+bool parse_change(CliEnv &env, const std::string &arg, Change &c, std::string &err)
+{
+    std::string spec = arg;
+    bool negate = spec.compare(0, 1, "!") == 0;
+    if (negate) spec = spec.substr(1);
+    // The marks count in the path only, before a value.
+    std::string head, text;
+    bool has_value = split_change(spec, head, text);
+    size_t at = outside_braces(head, '@', true), move = outside_braces(head, '^', true);
+    bool ok = true;
+    if (at != std::string::npos) {
+        c.kind = Change::Attr;
+        c.path = head.substr(0, at);
+        c.has_text = has_value;
+        c.text = text;
+        ok = attr_number(head.substr(at + 1), c.attr) && has_value != negate;
+    } else if (move != std::string::npos) {
+        c.kind = Change::Move;
+        c.path = head.substr(0, move);
+        std::string keys = head.substr(move + 1);
+        if (!keys.empty()) c.anchor = c.path.substr(0, c.path.rfind('{')) + keys;
+        ok = !negate && !has_value;
+    } else if (negate) {
+        c.kind = Change::Delete;
+        c.path = head;
+        ok = !has_value;
+    } else {
+        c.kind = has_value ? Change::Set : Change::Create;
+        c.path = head;
+    }
+    if (!ok) {
+        err = arg + ": " + kCommitUsage;
+        return false;
+    }
+    ParsedPath p;
+    if (!parse_keypath(env.schema, c.path, p, err) || p.steps.empty()) {
+        err = c.path + ": " + (err.empty() ? "empty path" : err);
+        return false;
+    }
+    if (c.kind != Change::Set) return true;
+    const SchemaNode *n = p.steps.back().node;
+    if (n->kind != NodeKind::Leaf && n->kind != NodeKind::LeafList) {
+        err = c.path + " is not a leaf";
+        return false;
+    }
+    if (!value_from_text(n, text, c.value, err)) {
+        err = c.path + ": " + err;
+        return false;
+    }
+    return true;
 }
 
 std::string cmd_commit(CliEnv &env, const Args &a)
 {
-    if (a.pos.empty() || a.has("--msg"))
-        return error_json("usage: commit [--user U] PATH=VALUE... (PATH alone creates a list entry)");
+    if (a.pos.empty() || a.has("--msg")) return error_json(kCommitUsage);
     if (!env.ds) return error_json("no datastore");
-    std::vector<Value> values(a.pos.size());
-    std::vector<std::pair<std::string, const Value *>> changes;
+    std::vector<Change> changes(a.pos.size());
     for (size_t i = 0; i < a.pos.size(); i++) {
-        std::string path, text, err;
-        bool has_value = split_change(a.pos[i], path, text);
-        ParsedPath p;
-        if (!parse_keypath(env.schema, path, p, err) || p.steps.empty())
-            return error_json(path + ": " + (err.empty() ? "empty path" : err));
-        const SchemaNode *n = p.steps.back().node;
-        if (!has_value) {
-            changes.emplace_back(path, nullptr);
-            continue;
-        }
-        if (n->kind != NodeKind::Leaf && n->kind != NodeKind::LeafList)
-            return error_json(path + " is not a leaf");
-        if (!value_from_text(n, text, values[i], err)) return error_json(path + ": " + err);
-        changes.emplace_back(path, &values[i]);
+        std::string err;
+        if (!parse_change(env, a.pos[i], changes[i], err)) return error_json(err);
     }
     return commit_changes(env, a, changes);
 }

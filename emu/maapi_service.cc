@@ -1,6 +1,8 @@
 // The MAAPI requests of one connection: user sessions, transactions, reads, writes, cursors, XPath, diffs.
 #include "maapi_service.h"
 
+#include <algorithm>
+
 #include "confd_lib.h"
 #include "events.h"
 #include "schema_payload.h"
@@ -356,11 +358,16 @@ std::string MaapiService::handle(uint8_t opnum, Reader &r)
     case MaapiOp::DiffIterate: {
         uint32_t th = r.u32();
         std::string sub = r.str();
-        r.i32(); // flags: nothing here depends on them
+        // Of the flags only ITER_WANT_ATTR matters: attribute changes are left out without it.
+        bool want_attr = (r.i32() & ITER_WANT_ATTR) != 0;
         if (!r.ok()) return malformed();
         if ((rc = access(th, err))) break;
         std::vector<DiffItem> items;
         if (!(rc = ds_.diff(th, sub.empty() ? sub : in_ns(th, sub), items, err))) {
+            if (!want_attr)
+                items.erase(std::remove_if(items.begin(), items.end(),
+                                           [](const DiffItem &d) { return d.op == MOP_ATTR_SET; }),
+                            items.end());
             ok.u32(static_cast<uint32_t>(items.size()));
             for (const DiffItem &d : items)
                 ok.u8(static_cast<uint8_t>(d.op)).u32(d.depth).keypath(d.kp).value(d.value);

@@ -418,7 +418,7 @@ void Registry::diff_done(uint32_t thandle, uint32_t conn)
     std::lock_guard<std::mutex> lk(mu_);
     auto it = diff_waits_.find(thandle);
     if (it == diff_waits_.end()) return;
-    it->second.erase(conn);
+    if (it->second.erase(conn)) diff_dones_++;
     cv_.notify_all();
 }
 
@@ -566,6 +566,7 @@ std::string Registry::status_json()
     out += ",\"maapi_sessions\":" + std::to_string(maapi_.size());
     out += ",\"maapi_attaches\":" + std::to_string(maapi_attaches_);
     out += ",\"subscribers\":" + std::to_string(subscribers_.size());
+    out += ",\"diff_notifications_done\":" + std::to_string(diff_dones_);
     out += ",\"notifications\":" + std::to_string(notifs_.size());
     out += ",\"notifications_total\":" + std::to_string(notifs_total_);
     out += ",\"daemons_closed\":" + std::to_string(killed_);

@@ -214,6 +214,7 @@ class Registry
     uint32_t next_daemon_ = 1, next_worker_ = 1, next_nctx_ = 1, next_rid_ = 1, next_thandle_ = 1;
     int32_t next_usid_ = 1;
     uint64_t maapi_attaches_ = 0, notifs_total_ = 0, killed_ = 0;
+    uint64_t diff_dones_ = 0; // commit-diff events a subscriber answered with its done
 };
 
 } // namespace emu

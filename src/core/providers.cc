@@ -4,6 +4,7 @@
 #include "mibs/entmibimpl.h"
 #include "mibs/ipmibimpl.h"
 #include "mibs/keltopvtmib.h"
+#include "mibs/lldpmib.h"
 #include "mibs/tcpmibimpl.h"
 #include "mibs/ucdmibimpl.h"
 #include "mibs/udpmibimpl.h"
@@ -20,4 +21,7 @@ void register_providers(struct confd_daemon_ctx *dctx, int msock)
     register_ucd(dctx, msock);
     register_entity(dctx, msock);
     keltopvt_register(dctx, msock);
+
+    // LLDP-MIB: always the last provider.
+    lldp_register(dctx, msock);
 }

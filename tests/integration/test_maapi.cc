@@ -101,9 +101,17 @@ enum maapi_iter_ret collect(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_v
                             confd_value_t *newv, void *state)
 {
     auto *c = static_cast<Changes *>(state);
-    static const char *const ops[] = {"?", "created", "deleted", "modified", "set"};
-    std::string line = std::string(ops[op <= 4 ? op : 0]) + " " + kp_text(kp);
-    if (newv) line += "=" + text(newv);
+    static const char *const ops[] = {"?", "created", "deleted", "modified", "set", "moved", "attr"};
+    std::string line = std::string(ops[op <= 6 ? op : 0]) + " " + kp_text(kp);
+    if (newv && op == MOP_ATTR_SET) {
+        line += "=" + text(&newv[0]) + " " + (newv[1].type == C_NOEXISTS ? "-" : text(&newv[1]));
+    } else if (newv && op == MOP_MOVED_AFTER) {
+        line += "=";
+        for (int i = 0; newv[i].type != C_NOEXISTS; i++)
+            line += (i ? " " : "") + text(&newv[i]);
+    } else if (newv) {
+        line += "=" + text(newv);
+    }
     if (oldv) line += " (old value given)";
     c->lines.push_back(line);
     return op == MOP_CREATED && c->continue_on_created ? ITER_CONTINUE : ITER_RECURSE;
@@ -178,7 +186,8 @@ class Subscriber
                 Maapi m(port_);
                 Changes c;
                 if (m.ok() && maapi_attach(m.fd(), -1, n.n.commit_diff.tctx) == CONFD_OK)
-                    maapi_diff_iterate(m.fd(), n.n.commit_diff.tctx->thandle, collect, 0, &c);
+                    maapi_diff_iterate(m.fd(), n.n.commit_diff.tctx->thandle, collect,
+                                       ITER_WANT_ATTR, &c);
                 e.changes = c.lines;
                 std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
                 e.done_at = Clock::now();
@@ -720,6 +729,36 @@ TEST_F(MaapiTest, AuditAndCommitEventsFromTheCommandLine)
     for (int i = 0; i < 200 && !(both.eof() && audit_only.eof()); i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(both.eof() && audit_only.eof());
+}
+
+// Verifies moves of user-ordered entries and attributes from the command line: a subscriber
+// iterating with ITER_WANT_ATTR sees each entry whose predecessor changed as moved after the keys
+// of its new one (none when it went first), and each attribute set or removed with its number and
+// value (none when removed); an entry of a system-ordered list cannot move.
+TEST_F(MaapiTest, MovesAndAttributesReachDiffSubscribers)
+{
+    start();
+    Subscriber sub(port(), CONFD_NOTIF_COMMIT_DIFF);
+    ASSERT_TRUE(sub.ok());
+    EXPECT_EQ(cli({"commit", "--user", "erin", "/rules/rule{c}^",
+                   "/users/user{guest}@annotation=temporary account", "/settings/hostname@tags=lab"}),
+              kOk);
+    EXPECT_EQ(cli({"commit", "/rules/rule{c}^{a}", "!/users/user{guest}@annotation"}), kOk);
+    std::string bad = cli({"commit", "/users/user{guest}^"});
+    EXPECT_EQ(bad.rfind("{\"error\":\"/users/user{guest}: ", 0), 0u) << bad;
+
+    auto events = sub.wait(2);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].changes,
+              (std::vector<std::string>{"moved /rules/rule{c}", "moved /rules/rule{a}=c",
+                                        "attr /settings/hostname=2147483648 lab",
+                                        "attr /users/user{guest}=2147483649 temporary account"}));
+    EXPECT_EQ(events[1].changes,
+              (std::vector<std::string>{"moved /rules/rule{a}", "moved /rules/rule{c}=a",
+                                        "moved /rules/rule{b}=c",
+                                        "attr /users/user{guest}=2147483649 -"}));
+    EXPECT_EQ(cli({"next", "/rules/rule", "--cookie", "1"}),
+              "{\"keys\":[{\"type\":\"C_BUF\",\"value\":\"c\"}],\"next\":2}");
 }
 
 // Verifies that a commit goes on after the time-out when a commit-diff subscriber never answers,

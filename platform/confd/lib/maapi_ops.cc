@@ -1,4 +1,5 @@
 // MAAPI sessions, transactions, typed reads, writes, cursors, XPath and diff iteration over the server's datastore.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdarg>
 #include <cstdlib>
@@ -207,12 +208,22 @@ int diff_common(int sock, int th,
         }
         store.clear();
         std::string err;
-        confd_value_t nv;
+        // A move carries the keys of the entry now before it and an attribute its number and
+        // value: both reach the iterator as an array, the keys ended by C_NOEXISTS.
+        bool as_array = (it.op == MOP_MOVED_AFTER || it.op == MOP_ATTR_SET) && it.v.type == C_LIST;
+        confd_value_t nv[MAXKEYLEN + 1];
         confd_value_t *newv = nullptr;
-        if (!keypath_from_wire(it.kp, *kp, &store, err) ||
-            (it.v.type != C_NOEXISTS && !from_wire(it.v, nv, &store, err)))
-            return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: %s", what, err.c_str());
-        if (it.v.type != C_NOEXISTS) newv = &nv;
+        bool ok = keypath_from_wire(it.kp, *kp, &store, err);
+        if (ok && as_array) {
+            size_t n = std::min(it.v.list.size(), static_cast<size_t>(MAXKEYLEN));
+            for (size_t i = 0; ok && i < n; i++)
+                ok = from_wire(it.v.list[i], nv[i], &store, err);
+            nv[n].type = C_NOEXISTS;
+        } else if (ok && it.v.type != C_NOEXISTS) {
+            ok = from_wire(it.v, nv[0], &store, err);
+        }
+        if (!ok) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: %s", what, err.c_str());
+        if (it.v.type != C_NOEXISTS) newv = nv;
         enum maapi_iter_ret ret =
             iter(kp.get(), static_cast<enum maapi_iter_op>(it.op), nullptr, newv, state);
         switch (ret) {
