@@ -1,11 +1,13 @@
 // The MIB providers, registered by start-up in this order.
 #include "daemon.h"
 
+#include "mibs/ifstate.h"
 #include "mibs/tcpmibimpl.h"
 #include "mibs/udpmibimpl.h"
 
 void register_providers(struct confd_daemon_ctx *dctx, int msock)
 {
+    if_state_register(dctx, msock);
     register_tcp(dctx, msock);
     register_udp(dctx, msock);
 }

@@ -17,7 +17,7 @@
 #include <vector>
 
 // Text of a value: "e5" an enumeration, "x7f000001" a binary in hex, "i-1" an int32, "u64:7" a
-// uint64, a plain number a uint32.
+// uint64, a plain number a uint32, "seth0" a string, "noexists" C_NOEXISTS.
 inline std::string value_text(const confd_value_t &v)
 {
     switch (v.type) {
@@ -31,6 +31,10 @@ inline std::string value_text(const confd_value_t &v)
         return "u64:" + std::to_string(v.val.u64);
     case C_BINARY:
         return "x" + hex_text(v.val.buf.ptr, v.val.buf.size);
+    case C_STR:
+        return v.val.c_s != nullptr ? "s" + std::string(v.val.c_s) : "s(null)";
+    case C_NOEXISTS:
+        return "noexists";
     default:
         return "type" + std::to_string(v.type);
     }
