@@ -98,8 +98,8 @@ class IfConfigProviderTest : public provider_test
 TEST_F(IfConfigProviderTest, MapFromTheRunningConfiguration)
 {
     EXPECT_EQ(keys(), (std::vector<std::string>{"i1", "i2", "i2"}));
-    EXPECT_EQ(get(leaf(IF_MIB_ifName, 2)), "sWLAN1");
-    EXPECT_EQ(get(leaf(IF_MIB_ifDescr, 1)), "sHome network");
+    EXPECT_EQ(get(leaf(IF_MIB_ifName, 2)), "'WLAN1'");
+    EXPECT_EQ(get(leaf(IF_MIB_ifDescr, 1)), "'Home network'");
     EXPECT_EQ(get(leaf(IF_MIB_ifIndex, 1)), "i1");
     EXPECT_EQ(get(leaf(1, 2)), "type" + std::to_string(C_BOOL)); // the "enabled" branch
     EXPECT_EQ(confd_inproc_captured(tctx_)->values[0].val.boolean, 0);
@@ -125,7 +125,7 @@ TEST_F(IfConfigProviderTest, HookNumbersAndForgetsInterfaces)
     EXPECT_EQ(maapi_get_int32_elem(maapi_fd, th, &index, "/interfaces/interface{LAN2}/ifIndex"),
               CONFD_OK);
     EXPECT_EQ(index, 3);
-    EXPECT_EQ(get(leaf(IF_MIB_ifName, 3)), "sLAN2");
+    EXPECT_EQ(get(leaf(IF_MIB_ifName, 3)), "'LAN2'");
 
     EXPECT_EQ(hook->remove(wctx, &wan.kp), CONFD_OK);
     EXPECT_EQ(keys(), (std::vector<std::string>{"i1", "i2", "i2", "i3"}));
