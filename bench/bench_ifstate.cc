@@ -124,7 +124,7 @@ int run(const std::vector<int> &sizes, int walks)
         bool ok = false;
         for (int i = 0; i < 250 && !ok; i++) {
             usleep(20000);
-            ok = emu.cli({"status"}).out.find("\"ifentries-snmp\"") != std::string::npos;
+            ok = emu.cli({"status"}).out.find("\"registered\":true") != std::string::npos;
         }
         // The first walk of both tables refreshes the cache; the measured ones are answered from
         // it, all within the 10 seconds it stays fresh.
