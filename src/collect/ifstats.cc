@@ -2,6 +2,7 @@
 // ifstats.h).
 #include "ifstats.h"
 
+#include "core/fieldcopy.h"
 #include "core/sysenv.h"
 #include "core/trace.h"
 
@@ -55,19 +56,6 @@ int (*clock_now)(struct timeval *) = system_clock;
 const char *field(const char *token)
 {
     return token != nullptr ? token : "";
-}
-
-// Copies a script field into a fixed buffer, taking the field as a printf
-// format as the router's code does: "%%" becomes "%", any other '%' stays as
-// it is. At most size - 1 characters are kept.
-void copy_field(char *out, size_t size, const char *text)
-{
-    size_t used = 0;
-    for (const char *p = text; *p != '\0' && used + 1 < size; p++) {
-        if (p[0] == '%' && p[1] == '%') p++;
-        out[used++] = *p;
-    }
-    out[used] = '\0';
 }
 
 // A counter column: base-10 digits only, anything else (or nothing) reads as 0.
@@ -130,7 +118,8 @@ int parse_ipv4_columns(IfStateRecord *rec, int k)
     ipv4_column(if_state_token(nullptr, ",\n"), &rec->ipv4_dns[0]);
     ipv4_column(if_state_token(nullptr, ",\n"), &rec->ipv4_dns[1]);
     rec->mtu_hint = atoi(field(if_state_token(nullptr, ",\n")));
-    copy_field(rec->mac_text, sizeof rec->mac_text, field(if_state_token(nullptr, ",\n")));
+    copy_field_as_format(rec->mac_text, sizeof rec->mac_text,
+                         field(if_state_token(nullptr, ",\n")));
 
     // Six decimal octets, as the script prints them ("0:17:136:1:2:3").
     const char *mac = field(if_state_token(nullptr, ",\n"));
@@ -138,7 +127,7 @@ int parse_ipv4_columns(IfStateRecord *rec, int k)
     if (rec->has_mac)
         sscanf(mac, "%d:%d:%d:%d:%d:%d", &rec->mac[0], &rec->mac[1], &rec->mac[2], &rec->mac[3],
                &rec->mac[4], &rec->mac[5]);
-    copy_field(rec->label, sizeof rec->label, field(if_state_token(nullptr, ",\n")));
+    copy_field_as_format(rec->label, sizeof rec->label, field(if_state_token(nullptr, ",\n")));
     rec->if_index = atoi(field(if_state_token(nullptr, ",\n")));
     rec->port_attr0 = atoi(field(if_state_token(nullptr, ",\n")));
     rec->port_attr1 = atoi(field(if_state_token(nullptr, ",\n")));
@@ -186,7 +175,7 @@ int parse_iface_line(char *line, int *n, int *k)
 
     IfStateRecord *rec = new_record();
     if (rec == nullptr) return -1;
-    copy_field(rec->name, sizeof rec->name, name);
+    copy_field_as_format(rec->name, sizeof rec->name, name);
     rec->has_counters = 0;
     bool full = strcmp(family, "v4") == 0;
     if (full) {
