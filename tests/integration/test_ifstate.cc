@@ -278,7 +278,7 @@ TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
             expected("linkUp", "lan", veth0, 1), expected("linkDown", "lan", veth0, 1),
             expected("linkDown", "lan", veth0, 2), expected("linkUp", "null", veth1, 1),
             expected("linkDown", "null", veth1, 1)};
-        EXPECT_GE(log.size(), 100u);
+        EXPECT_GE(log.size(), 20u);
         for (const std::string &n : log)
             EXPECT_TRUE(whole.count(n)) << n;
         link_notifications(emu, true);
