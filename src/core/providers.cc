@@ -2,6 +2,7 @@
 #include "daemon.h"
 
 #include "mibs/entmibimpl.h"
+#include "mibs/ifstate.h"
 #include "mibs/ipmibimpl.h"
 #include "mibs/keltopvtmib.h"
 #include "mibs/lldpmib.h"
@@ -13,6 +14,7 @@
 
 void register_providers(struct confd_daemon_ctx *dctx, int msock)
 {
+    if_state_register(dctx, msock);
     register_tcp(dctx, msock);
     register_udp(dctx, msock);
     // The IP registration reports a refused callpoint on stderr and returns
