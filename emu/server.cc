@@ -11,8 +11,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "confd_events.h"
 #include "confd_lib.h"
+#include "confd_events.h"
 #include "maapi_service.h"
 #include "schema_payload.h"
 

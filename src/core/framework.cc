@@ -23,27 +23,17 @@ int trans_init(struct confd_trans_ctx *tctx)
     return CONFD_OK;
 }
 
-// Unlinks mc from the list at *head, following the cursors' next links.
-static void unlink_cursor(struct maapi_cursor **head, struct maapi_cursor *mc)
-{
-    for (struct maapi_cursor **link = head; *link != nullptr; link = &(*link)->next) {
-        if (*link == mc) {
-            *link = mc->next;
-            return;
-        }
-    }
-}
-
 int trans_finish(struct confd_trans_ctx *tctx)
 {
     auto *rec = static_cast<struct trans_record *>(tctx->t_opaque);
     if (rec != nullptr) {
         free(rec->buf);
         while (rec->cursors != nullptr) {
-            struct maapi_cursor *mc = rec->cursors;
-            maapi_destroy_cursor(mc);
-            unlink_cursor(&rec->cursors, mc);
-            free(mc);
+            struct trans_cursor *node = rec->cursors;
+            rec->cursors = node->next;
+            maapi_destroy_cursor(node->cursor);
+            free(node->cursor);
+            free(node);
         }
         free(rec);
         tctx->t_opaque = nullptr;

@@ -16,9 +16,16 @@
 
 // Per-transaction record, allocated zero-filled by trans_init into
 // tctx->t_opaque and released by trans_finish together with what it holds.
+// ConfD's cursor structure has no link of its own, so the record chains its
+// cursors through these daemon-side nodes.
+struct trans_cursor {
+    struct maapi_cursor *cursor; // heap-allocated, destroyed and freed at finish
+    struct trans_cursor *next;
+};
+
 struct trans_record {
     char *buf;                    // heap buffer, freed at finish when set
-    struct maapi_cursor *cursors; // heap-allocated cursors, linked through their next field
+    struct trans_cursor *cursors; // heap-allocated nodes of the transaction's cursors
 };
 
 // Transaction init: attaches the start-up MAAPI socket to the transaction,

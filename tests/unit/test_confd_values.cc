@@ -46,7 +46,7 @@ TEST(ConfdValueMemory, DupIsDeepAndFreeIsIdempotent)
 {
     char text[] = "uplink";
     confd_value_t src, copy;
-    CONFD_SET_BUF(&src, text, 6);
+    CONFD_SET_CBUF(&src, text, 6);
     ASSERT_EQ(confd_value_dup_to(&src, &copy), &copy);
     text[0] = 'X';
     EXPECT_EQ(copy.type, C_BUF);
@@ -92,7 +92,7 @@ TEST(ConfdValueMemory, HkeypathDup)
     char key[] = "lan";
     kp.len = 5;
     CONFD_SET_XMLTAG(&kp.v[0][0], 50, 1);
-    CONFD_SET_BUF(&kp.v[1][0], key, 3);
+    CONFD_SET_CBUF(&kp.v[1][0], key, 3);
     CONFD_SET_INT32(&kp.v[1][1], 4);
     CONFD_SET_NOEXISTS(&kp.v[1][2]);
     CONFD_SET_XMLTAG(&kp.v[2][0], 40, 1);
@@ -138,7 +138,7 @@ TEST(ConfdPpValue, Formats)
     CONFD_SET_OID(&v[8], &oid);
     CONFD_SET_NOEXISTS(&v[9]);
     CONFD_SET_DECIMAL64(&v[10], d);
-    CONFD_SET_BUF(&v[11], "abcdef", 3);
+    CONFD_SET_CBUF(&v[11], "abcdef", 3);
     const char *want[12] = {"-12",
                             "18446744073709551615",
                             "enum<2>",

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "confd_events.h"
 #include "confd_inproc.h"

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <thread>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "confd_inproc.h"
 #include "fake_confd.h"

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "convert.h"
 #include "wire.h"
@@ -38,6 +39,7 @@ struct TransState {
     Pending pending;
     bool free_after_reply = false; // finish() answered later: free after that reply
     bool error_set = false;        // confd_trans_seterr*() was called since the last error reply
+    std::string error_text;        // what tctx->error.str points at while error_set
     std::unique_ptr<Capture, CaptureDeleter> capture; // set for in-process transactions
 };
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "confd_lib.h"
 #include "confd_events.h"
 #include "dp_internal.h"
 #include "lib_core.h"

@@ -2,6 +2,7 @@
 #include <map>
 #include <unistd.h>
 
+#include "confd_lib.h"
 #include "confd_maapi.h"
 #include "lib_core.h"
 #include "maapi_internal.h"

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "confd_lib.h"
 #include "confd_maapi.h"
 #include "convert.h"
 #include "lib_core.h"

@@ -28,16 +28,18 @@ std::string error_reply(uint32_t rid, int result, struct confd_trans_ctx *tctx,
     int code = CONFD_ERRCODE_APPLICATION;
     text.clear();
     if (ts != nullptr && ts->error_set) {
-        code = tctx->error.type;
-        text.assign(tctx->error.str, strnlen(tctx->error.str, sizeof tctx->error.str));
+        code = tctx->error.code;
+        text = ts->error_text;
     }
     if (text.empty())
         text = fallback;
     if (tctx != nullptr) {
         // The text belongs to this error only.
-        memset(&tctx->error, 0, sizeof tctx->error);
-        if (ts != nullptr)
+        tctx->error = confd_error{};
+        if (ts != nullptr) {
             ts->error_set = false;
+            ts->error_text.clear();
+        }
     }
     Writer w = reply_frame(rid, ReplyKind::Error);
     w.i32(result).i32(code).str(text);
@@ -182,9 +184,10 @@ int delayed_reply(struct confd_trans_ctx *tctx, const char *fn, bool ok, const c
         payload = trans_ok_reply(tctx, ts->pending.rid, cb);
     } else {
         if (errstr != nullptr) {
-            snprintf(tctx->error.str, sizeof tctx->error.str, "%s", errstr);
+            ts->error_text.assign(errstr, strnlen(errstr, CONFD_ERROR_STR_LEN - 1));
+            tctx->error.str = &ts->error_text[0];
             if (!ts->error_set)
-                tctx->error.type = CONFD_ERRCODE_APPLICATION;
+                tctx->error.code = CONFD_ERRCODE_APPLICATION;
             ts->error_set = true;
         }
         std::string text;
@@ -204,14 +207,18 @@ int delayed_reply(struct confd_trans_ctx *tctx, const char *fn, bool ok, const c
 void set_trans_error(struct confd_trans_ctx *tctx, enum confd_errcode type, uint32_t apptag_ns,
                      uint32_t apptag_tag, const char *fmt, va_list ap)
 {
-    if (vsnprintf(tctx->error.str, sizeof tctx->error.str, fmt, ap) < 0)
-        tctx->error.str[0] = '\0';
-    tctx->error.type = type;
-    tctx->error.code = 0;
+    TransState *ts = trans_state(tctx);
+    if (ts == nullptr)
+        return;
+    char text[CONFD_ERROR_STR_LEN];
+    if (vsnprintf(text, sizeof text, fmt, ap) < 0)
+        text[0] = '\0';
+    ts->error_text = text;
+    tctx->error.str = &ts->error_text[0];
+    tctx->error.code = type;
     tctx->error.apptag.tag = apptag_tag;
     tctx->error.apptag.ns = apptag_ns;
-    if (TransState *ts = trans_state(tctx))
-        ts->error_set = true;
+    ts->error_set = true;
 }
 
 } // namespace

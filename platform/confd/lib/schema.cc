@@ -595,12 +595,12 @@ int confd_load_schemas(const struct sockaddr *srv, int srv_sz)
     return load_schemas_over(fd);
 }
 
-struct confd_cs_node *confd_find_cs_root(uint32_t ns)
+struct confd_cs_node *confd_find_cs_root(int ns)
 {
     SchemaStore *st = current();
     if (st == nullptr)
         return nullptr;
-    auto it = st->roots.find(ns);
+    auto it = st->roots.find(static_cast<uint32_t>(ns));
     return it != st->roots.end() ? it->second : nullptr;
 }
 
