@@ -2,6 +2,7 @@
 #include "server.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -138,6 +139,10 @@ void Server::run(int stop_fd)
         // to answer.
         struct timeval tv = {opt_.timeout_ms / 1000, (opt_.timeout_ms % 1000) * 1000};
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        // Replies and the frames of a daemon's worker socket go out back to back, as from the
+        // real server: without this the second of two small frames waits for the peer's ACK.
+        int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         char ip[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
         auto conn = std::make_shared<Conn>(fd, next_conn_++, ip, ntohs(peer.sin_port));

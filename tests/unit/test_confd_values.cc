@@ -207,12 +207,16 @@ TEST(ConfdErrors, PerThread)
     EXPECT_EQ(strlen(confd_lasterr()), static_cast<size_t>(CONFD_LASTERR_LEN - 1));
 }
 
-// Verifies that confd_fatal prints the message and exits with status 1.
+// Verifies that confd_fatal prints the message and exits with status 1, and that an application
+// built with other keypath sizes than the library is stopped at confd_init.
 TEST(ConfdErrorsDeathTest, FatalExits)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(confd_fatal("cannot connect to %s\n", "127.0.0.1"), testing::ExitedWithCode(1),
                 "cannot connect to 127.0.0.1");
+    EXPECT_EXIT(confd_init_vsn_sz("app", stderr, CONFD_SILENT, CONFD_LIB_API_VSN, MAXDEPTH,
+                                  MAXKEYLEN + 1),
+                testing::ExitedWithCode(1), "MAXKEYLEN");
 }
 
 } // namespace
