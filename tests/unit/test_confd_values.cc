@@ -2,7 +2,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -10,6 +12,17 @@
 #include "lib_internal.h"
 
 extern "C" int confd_headers_c_check(void);
+
+// Allocation failure on demand, for the library's C++ insides.
+static thread_local bool t_fail_new = false;
+void *operator new(size_t n)
+{
+    void *p = t_fail_new ? nullptr : malloc(n != 0 ? n : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
+void operator delete(void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
 
 namespace
 {
@@ -113,6 +126,25 @@ TEST(ConfdValueMemory, HkeypathDup)
     EXPECT_EQ(copy->v[4][1].type, C_NOEXISTS);
     confd_free_hkeypath(copy); // ASan reports a leak or double free here
     confd_free_hkeypath(nullptr);
+}
+
+// Verifies that an exception inside the library (here std::bad_alloc while the keypath text is
+// built) ends at the C API as the function's failure value with confd_errno set.
+TEST(ConfdErrors, NoExceptionCrossesTheApi)
+{
+    confd_hkeypath_t kp;
+    kp.len = 2;
+    CONFD_SET_XMLTAG(&kp.v[0][0], 50, 1);
+    CONFD_SET_CBUF(&kp.v[1][0], "a key longer than any short-string buffer", 41);
+    CONFD_SET_NOEXISTS(&kp.v[1][1]);
+    CONFD_SET_NOEXISTS(&kp.v[0][1]);
+    char buf[256];
+    t_fail_new = true;
+    int n = confd_pp_kpath(buf, sizeof buf, &kp);
+    t_fail_new = false;
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(confd_errno, CONFD_ERR_MALLOC);
+    EXPECT_NE(strstr(confd_lasterr(), "confd_pp_kpath"), nullptr) << confd_lasterr();
 }
 
 // Verifies the type-blind text of each value family; a C_BUF is printed by its size, not up to a

@@ -200,7 +200,7 @@ void (*confd_user_log_hook)(int syslogprio, const char *fmt, va_list ap) = nullp
 
 void confd_init_vsn_sz(const char *name, FILE *estream, const enum confd_debug_level debug,
                        int vsn, int maxdepth, int maxkeylen)
-{
+try {
     libconfd::set_name(name);
     libconfd::g_stream.store(estream);
     libconfd::g_debug.store(static_cast<int>(debug));
@@ -219,13 +219,17 @@ void confd_init_vsn_sz(const char *name, FILE *estream, const enum confd_debug_l
     if (vsn > CONFD_LIB_API_VSN)
         libconfd::logf(CONFD_DEBUG, "application API version 0x%08x is newer than 0x%08x", vsn,
                        CONFD_LIB_API_VSN);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_set_debug(enum confd_debug_level debug, FILE *estream)
-{
+try {
     libconfd::g_stream.store(estream);
     libconfd::g_debug.store(static_cast<int>(debug));
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 } // extern "C"

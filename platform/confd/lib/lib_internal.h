@@ -45,4 +45,23 @@ const char *confd_lib_tag_name(uint32_t hash) __attribute__((weak));
 }
 #endif
 
+#ifdef __cplusplus
+namespace libconfd {
+
+// For the catch (...) of every C API function of the library: no C++
+// exception (std::bad_alloc above all) may reach a C caller. Sets confd_errno
+// (CONFD_ERR_MALLOC for std::bad_alloc, else CONFD_ERR_INTERNAL) and the
+// last-error text naming fn, as any other failure would.
+void note_exception(const char *fn) noexcept;
+// The same, returning the function's failure value.
+template <typename T> T caught(const char *fn, T on_error) noexcept
+{
+    note_exception(fn);
+    return on_error;
+}
+inline void caught(const char *fn) noexcept { note_exception(fn); }
+
+} // namespace libconfd
+#endif
+
 #endif // LEISOBEK_CONFD_LIB_INTERNAL_H
