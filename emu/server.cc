@@ -227,6 +227,17 @@ void Server::serve_control(const ConnPtr &c, Reader &hello)
         std::string err;
         int rc = -1;
         Writer ok(Op::Ok);
+        // `fail register_data_cb` and friends: named after the library call that sent the frame.
+        const char *reg_name = op == Op::RegTrans       ? "register_trans_cb"
+                               : op == Op::RegData      ? "register_data_cb"
+                               : op == Op::RegSnmpNotif ? "register_snmp_notification"
+                               : op == Op::RegDone      ? "register_done"
+                                                        : nullptr;
+        if (reg_name != nullptr && reg_.take_failure(reg_name)) {
+            if (!c->send(err_frame(CONFD_ERR_INTERNAL, std::string("injected failure: ") + reg_name)))
+                break;
+            continue;
+        }
         switch (op) {
         case Op::RegTrans: {
             uint32_t mask = r.u32();

@@ -251,6 +251,16 @@ TEST_F(EmuTest, CliContractWithoutDaemons)
     EXPECT_EQ(cli({"fail", "xpath_eval", "--times", "3"}), "{\"result\":\"ok\"}");
     EXPECT_NE(cli({"status"}).find("\"failures\":{\"xpath_eval\":3}"), std::string::npos);
     EXPECT_EQ(cli({"notifications"}), "[]");
+
+    // Registrations fail on demand too, once per count, with the library call's name.
+    EXPECT_EQ(cli({"fail", "register_data_cb"}), "{\"result\":\"ok\"}");
+    EmuDaemon d(EmuTestBase::port(), "regd", nullptr);
+    std::string err;
+    ASSERT_TRUE(d.connect(err)) << err;
+    confd_data_cbs cbs = data_cbs("tcp_status");
+    EXPECT_EQ(confd_register_data_cb(d.dx(), &cbs), CONFD_ERR);
+    EXPECT_STREQ(confd_lasterr(), "injected failure: register_data_cb");
+    EXPECT_EQ(confd_register_data_cb(d.dx(), &cbs), CONFD_OK);
 }
 
 // Verifies that a walk prints exactly the daemon's rows and leaves no transaction open, and that
