@@ -234,13 +234,14 @@ bool stored_entries(CliEnv &env, const std::string &list, std::vector<std::vecto
 std::string commit_changes(CliEnv &env, const Args &a,
                            const std::vector<std::pair<std::string, const Value *>> &changes)
 {
-    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE);
+    std::string err;
+    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE, err);
+    if (th == 0) return error_json(err);
     TransGuard guard{env.reg, th};
     UserInfo u;
     u.user = user_of(a);
     u.context = context_of(a);
     u.usid = env.reg.new_usid();
-    std::string err;
     int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
     for (size_t i = 0; i < changes.size() && !rc; i++) {
         const auto &c = changes[i];

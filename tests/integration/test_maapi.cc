@@ -534,6 +534,31 @@ TEST_F(MaapiTest, TypedReadsCursorsAndErrors)
     EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
 }
 
+// Verifies that one socket holds at most 64 open transactions and all clients together 256, with
+// CONFD_ERR_TOOMANYTRANS past either bound and room again once one is finished.
+TEST_F(MaapiTest, OpenTransactionsAreBounded)
+{
+    start();
+    std::vector<std::unique_ptr<Maapi>> socks;
+    std::vector<int> first;
+    for (int k = 0; k < 5; k++) {
+        socks.push_back(std::make_unique<Maapi>(port()));
+        Maapi &m = *socks.back();
+        ASSERT_TRUE(m.ok());
+        first.push_back(m.start(CONFD_READ_WRITE));
+        for (int i = 1; k < 4 && i < 64; i++)
+            ASSERT_GT(maapi_start_trans(m.fd(), CONFD_RUNNING, CONFD_READ_WRITE), 0)
+                << k << "/" << i << ": " << confd_lasterr();
+    }
+    EXPECT_TRUE(fails(first[4], CONFD_ERR_TOOMANYTRANS));
+    EXPECT_STREQ(confd_lasterr(), "too many open transactions (256)");
+    EXPECT_TRUE(fails(maapi_start_trans(socks[0]->fd(), CONFD_RUNNING, CONFD_READ),
+                      CONFD_ERR_TOOMANYTRANS));
+    EXPECT_STREQ(confd_lasterr(), "too many open transactions on this socket (64)");
+    ASSERT_EQ(maapi_finish_trans(socks[0]->fd(), first[0]), CONFD_OK);
+    EXPECT_GT(maapi_start_trans(socks[4]->fd(), CONFD_RUNNING, CONFD_READ), 0) << confd_lasterr();
+}
+
 // Verifies a MAAPI write transaction: its changes are visible inside it at once and elsewhere only
 // after apply; apply waits for the commit-diff subscriber's done; the subscriber sees every change
 // with its user (values, a created entry with its leaves, a deleted entry, a leaf-list), and
