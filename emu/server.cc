@@ -415,8 +415,11 @@ void Server::serve_cli(const ConnPtr &c)
                 argv.push_back(r.str());
             if (!r.ok() || argc > kMaxCliArgs)
                 answer = err_frame(CONFD_ERR_PROTOUSAGE, "malformed command");
-            else
-                answer = Writer(Op::Ok).str(run_cli(cli_env_, argv)).payload();
+            else {
+                std::string failure, json = run_cli(cli_env_, argv, failure);
+                answer = failure.empty() ? Writer(Op::Ok).str(json).payload()
+                                         : err_frame(CONFD_ERR_EXTERNAL, failure);
+            }
         }
         if (!c->send(answer)) break;
     }

@@ -28,6 +28,7 @@ enum class Quirk {
     Error,         // get_elem fails with a confd_trans_seterr text
     NoExists,      // get_elem answers C_NOEXISTS
     StuckCookie,   // get_next hands back the cookie it was given
+    Doubled,       // get_next lists every row twice, with cookies that advance
 };
 
 // A data provider for "tcp_status" serving the listener table and two scalars, with a main loop
@@ -166,8 +167,9 @@ class TestDaemon
     {
         TestDaemon *d = self(tctx);
         size_t i = next < 0 ? 0 : static_cast<size_t>(next);
-        if (i >= d->rows_.size()) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
-        const ListenerRow &r = d->rows_[i];
+        size_t at = d->quirk == Quirk::Doubled ? i / 2 : i;
+        if (at >= d->rows_.size()) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
+        const ListenerRow &r = d->rows_[at];
         confd_value_t k[3];
         CONFD_SET_ENUM_VALUE(&k[0], r.addr_type);
         CONFD_SET_BINARY(&k[1], reinterpret_cast<const unsigned char *>(r.addr.data()),
@@ -324,7 +326,9 @@ TEST_F(EmuTest, GetDistinguishesTheKindsOfAnswer)
 }
 
 // Verifies that values and keys whose type does not fit the schema are reported, naming the leaf
-// and both types, and that a walk whose cookie does not advance ends in an error.
+// and both types; that a walk follows the cookies and lists repeated keys as they come; and that
+// a walk ends with an error on stderr and exit status 1 when a cookie comes back or the rows pass
+// its limit.
 TEST_F(EmuTest, ReportsRepliesThatDoNotFitTheSchema)
 {
     start();
@@ -334,9 +338,23 @@ TEST_F(EmuTest, ReportsRepliesThatDoNotFitTheSchema)
     daemon_->quirk = Quirk::WrongKeyType;
     EXPECT_EQ(cli({"next", kListeners}), "{\"error\":\"key tcpListenerLocalPort expects C_UINT32 "
                                          "(tcp-port), daemon replied C_INT32\"}");
+    daemon_->quirk = Quirk::Doubled;
+    std::string walk = cli({"walk", kListeners, "--leaves", "tcpListenerProcess"});
+    const std::string row22 = R"({"keys":[{"type":"C_ENUM_VALUE","value":1},)"
+                              R"({"type":"C_BINARY","value":"7f000001"},)"
+                              R"({"type":"C_UINT32","value":22}],)"
+                              R"("leaves":{"tcpListenerProcess":{"type":"C_UINT32","value":301}}})";
+    EXPECT_EQ(walk.rfind("[" + row22 + "," + row22 + ",", 0), 0u) << walk;
+    harness::CmdResult limited = emu_->cli({"walk", kListeners, "--limit", "5"});
+    EXPECT_EQ(limited.exit_code, 1);
+    EXPECT_EQ(limited.err,
+              "confd-emu-cli: walk of tcpListenerEntry stopped after 5 rows (--limit)\n");
     daemon_->quirk = Quirk::StuckCookie;
-    std::string walk = cli({"walk", kListeners});
-    EXPECT_NE(walk.find("does not advance"), std::string::npos) << walk;
+    harness::CmdResult stuck = emu_->cli({"walk", kListeners});
+    EXPECT_EQ(stuck.exit_code, 1);
+    EXPECT_TRUE(stuck.out.empty());
+    EXPECT_EQ(stuck.err, "confd-emu-cli: daemon testd returned cookie 1 again after 2 rows: the "
+                         "walk of tcpListenerEntry does not advance\n");
 }
 
 // Verifies that a callback that never answers times out instead of hanging, and that the silent
