@@ -309,7 +309,7 @@ const std::string kOk = "{\"result\":\"ok\"}";
 
 // Verifies, on the router's own models and demo configuration, every XPath read the daemon makes
 // (in its exact forms: predicates on a name or a pool id, a context node given as a list without
-// keys, a trailing blank), that an absent value or a failure hands back NULL, and the cursor and
+// keys, a trailing blank), expressions that are not node sets (string(), count(), comparisons), that an absent value or a failure hands back NULL, and the cursor and
 // typed reads of the interface and community lists.
 TEST_F(MaapiTest, DaemonReadsOfTheRouterConfiguration)
 {
@@ -342,6 +342,12 @@ TEST_F(MaapiTest, DaemonReadsOfTheRouterConfiguration)
         // A module prefix that is not the module's name, and a relative expression.
         {"/sys:system/hostname", nullptr, "gateway"},
         {"uid", "/aaa:aaa/authentication/users/user{operator}", "1000"},
+        // Expressions that are not node sets evaluate to their XPath string value.
+        {"string(" + pool + "[1]/ipv4/range-start)", nullptr, "192.168.1.100"},
+        {"count(/aaa:aaa/authentication/users/user)", nullptr, "2"},
+        {"concat(/system/hostname, '.', /sys:system/domain-name)", nullptr, "gateway.home.lan"},
+        {pool + "[name=\"lan\"]/ipv4/range-end = '192.168.1.149'", nullptr, "true"},
+        {"uid * 2", "/aaa:aaa/authentication/users/user{operator}", "2000"},
     };
     for (const auto &r : reads)
         EXPECT_EQ(xpath(s, th, r.expr.c_str(), r.ctx), r.value) << r.expr;
