@@ -15,14 +15,22 @@ using confd_wire::ReplyKind;
 
 namespace libconfd {
 
-struct Capture {
+void capture_reply(struct Capture &cap, const std::string &payload);
+
+// The replies of an in-process transaction, decoded for the test.
+struct Capture : ReplySink {
     struct confd_inproc_capture pub {};
     ValueStore store;
     std::vector<confd_value_t> values;
     std::vector<struct xml_tag> tags;
+    void take(const std::string &payload) override { capture_reply(*this, payload); }
 };
 
-void CaptureDeleter::operator()(Capture *c) const { delete c; }
+// The capture of an in-process transaction (only this file sets one), or nullptr.
+static Capture *capture_of(TransState *ts)
+{
+    return ts != nullptr ? static_cast<Capture *>(ts->capture.get()) : nullptr;
+}
 
 namespace {
 
@@ -246,17 +254,16 @@ try {
 
 const struct confd_inproc_capture *confd_inproc_captured(struct confd_trans_ctx *tctx)
 try {
-    TransState *ts = trans_state(tctx);
-    return ts != nullptr && ts->capture ? &ts->capture->pub : nullptr;
+    Capture *cap = capture_of(trans_state(tctx));
+    return cap != nullptr ? &cap->pub : nullptr;
 } catch (...) {
     return libconfd::caught(__func__, nullptr);
 }
 
 void confd_inproc_reset(struct confd_trans_ctx *tctx)
 try {
-    TransState *ts = trans_state(tctx);
-    if (ts != nullptr && ts->capture)
-        reset(*ts->capture, false);
+    if (Capture *cap = capture_of(trans_state(tctx)))
+        reset(*cap, false);
 } catch (...) {
     libconfd::caught(__func__);
 }

@@ -51,7 +51,7 @@ int deliver(struct confd_trans_ctx *tctx, const std::string &payload)
     TransState *ts = trans_state(tctx);
     ts->pending.active = false;
     if (ts->capture) {
-        capture_reply(*ts->capture, payload);
+        ts->capture->take(payload);
         return CONFD_OK;
     }
     if (!send_payload(ts->pending.fd, payload))
