@@ -10,13 +10,18 @@
 
 #include <confd_lib.h>
 #include "lib_internal.h"
+#include "schema.h"
+#include "wire.h"
 
 extern "C" int confd_headers_c_check(void);
 
-// Allocation failure on demand, for the library's C++ insides.
+// Allocation hooks for the library's C++ insides: fail on demand, or note the largest request.
 static thread_local bool t_fail_new = false;
+static thread_local bool t_track_new = false;
+static thread_local size_t t_largest_new = 0;
 void *operator new(size_t n)
 {
+    if (t_track_new && n > t_largest_new) t_largest_new = n;
     void *p = t_fail_new ? nullptr : malloc(n != 0 ? n : 1);
     if (p == nullptr) throw std::bad_alloc();
     return p;
@@ -145,6 +150,24 @@ TEST(ConfdErrors, NoExceptionCrossesTheApi)
     EXPECT_EQ(n, 0);
     EXPECT_EQ(confd_errno, CONFD_ERR_MALLOC);
     EXPECT_NE(strstr(confd_lasterr(), "confd_pp_kpath"), nullptr) << confd_lasterr();
+}
+
+// Verifies that a schema answer announcing more nodes than its bytes can hold is refused before
+// the node table is allocated for that count (a 64 MiB frame could otherwise ask for gigabytes).
+TEST(ConfdSchemaPayload, NodeCountBeyondThePayloadIsRefusedWithoutAllocating)
+{
+    confd_wire::Writer w(confd_wire::Op::Ok);
+    w.u32(0);      // no namespaces
+    w.u32(200000); // nodes announced: far more than 256 KiB can describe
+    std::string payload = w.payload();
+    payload.append(256 * 1024, '\0');
+    t_largest_new = 0;
+    t_track_new = true;
+    int rc = libconfd::install_schema_payload(payload);
+    t_track_new = false;
+    EXPECT_EQ(rc, CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+    EXPECT_LT(t_largest_new, payload.size());
 }
 
 // Verifies the type-blind text of each value family; a C_BUF is printed by its size, not up to a
