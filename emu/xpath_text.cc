@@ -45,13 +45,13 @@ void keep_message(void *user, xmlErrorPtr e)
 
 // The configuration as one document whose top-level elements sit right under the root, as the
 // configuration's top-level nodes do, so that "/system/hostname" selects from them. Namespaces
-// are dropped: expressions name nodes without module prefixes.
+// are dropped: expressions name nodes without module prefixes. The XML is printed without
+// indentation, so every text node is a value (blank ones included).
 Doc parse_forest(const std::string &xml)
 {
     std::string wrapped = "<forest>" + xml + "</forest>";
     Doc doc(xmlReadMemory(wrapped.data(), static_cast<int>(wrapped.size()), "running.xml",
-                          nullptr, XML_PARSE_NONET | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR |
-                                       XML_PARSE_NOWARNING));
+                          nullptr, XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
     if (!doc) return doc;
     xmlNode *wrapper = xmlDocGetRootElement(doc.get());
     for (xmlNode *n = wrapper->children; n != nullptr;) {

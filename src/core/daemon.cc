@@ -4,6 +4,7 @@
 #include "leisobek.h"
 #include "state.h"
 #include "switches.h"
+#include "sysenv.h"
 #include "notify/audit.h"
 #include "notify/boot_state.h"
 #include "notify/notify.h"
@@ -12,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -20,10 +20,6 @@
 
 namespace
 {
-
-struct pipe_closer {
-    void operator()(FILE *f) const { pclose(f); }
-};
 
 // Sends the agent notification the -n switch chose; start mode 0 ends the
 // process here, before any provider is registered.
@@ -49,15 +45,21 @@ void log_product_id()
     if (verbose) syslog(LOG_INFO, "PRODUCT_ID is '%s'\n", PRODUCT_ID);
 }
 
-// Serves one readable ConfD socket. A closed socket and any library error are
-// fatal; an error that a provider's callback returned (CONFD_ERR_EXTERNAL)
-// only failed that request.
-void serve_socket(int sock, const char *closed_text, const char *error_format)
+// Serves one readable ConfD socket (control when is_control, else worker). A
+// closed socket and any library error are fatal; an error that a provider's
+// callback returned (CONFD_ERR_EXTERNAL) only failed that request.
+void serve_socket(int sock, bool is_control)
 {
     int ret = confd_fd_ready(daemon_ctx, sock);
-    if (ret == CONFD_EOF) confd_fatal("%s", closed_text);
-    if (ret == CONFD_ERR && confd_errno != CONFD_ERR_EXTERNAL)
-        confd_fatal(error_format, confd_strerror(confd_errno), confd_errno, confd_lasterr());
+    if (ret == CONFD_EOF)
+        confd_fatal(is_control ? "Control socket closed\n" : "Worker socket closed\n");
+    if (ret != CONFD_ERR || confd_errno == CONFD_ERR_EXTERNAL) return;
+    if (is_control)
+        confd_fatal("Error on control socket request: %s (%d): %s\n", confd_strerror(confd_errno),
+                    confd_errno, confd_lasterr());
+    else
+        confd_fatal("Error on worker socket request: %s (%d): %s\n", confd_strerror(confd_errno),
+                    confd_errno, confd_lasterr());
 }
 
 // Serves ConfD's requests forever; only a fatal error ends it.
@@ -78,24 +80,12 @@ void serve_socket(int sock, const char *closed_text, const char *error_format)
         }
         // POLLHUP or POLLERR alone are left alone: a closed socket shows up
         // as CONFD_EOF once it reads as ready.
-        if (set[0].revents & POLLIN)
-            serve_socket(ctl_sock, "Control socket closed\n",
-                         "Error on control socket request: %s (%d): %s\n");
-        if (set[1].revents & POLLIN)
-            serve_socket(worker_sock, "Worker socket closed\n",
-                         "Error on worker socket request: %s (%d): %s\n");
+        if (set[0].revents & POLLIN) serve_socket(ctl_sock, true);
+        if (set[1].revents & POLLIN) serve_socket(worker_sock, false);
     }
 }
 
 } // namespace
-
-void read_command_line(const char *command, char *answer, int size)
-{
-    memset(answer, 0, static_cast<size_t>(size));
-    std::unique_ptr<FILE, pipe_closer> pipe(popen(command, "r"));
-    if (!pipe) return;
-    if (fgets(answer, size, pipe.get()) != nullptr) answer[strcspn(answer, "\n")] = '\0';
-}
 
 void daemon_main(int argc, char *argv[])
 {

@@ -17,9 +17,4 @@ void register_providers(struct confd_daemon_ctx *dctx, int msock);
 // The command whose answer is the router's product identifier.
 constexpr const char PRODUCT_ID_COMMAND[] = "uci get systeminfo.sysinfo.pid | cut -d'-' -f1";
 
-// Runs command and copies the first line of its output (at most size - 1
-// characters, newline cut off) into answer; answer is empty when the command
-// cannot be started or prints nothing.
-void read_command_line(const char *command, char *answer, int size);
-
 #endif

@@ -23,17 +23,29 @@ int trans_init(struct confd_trans_ctx *tctx)
     return CONFD_OK;
 }
 
+// Unlinks the node holding mc from the list at *head and frees the node.
+static void unlink_cursor(struct cursor_link **head, struct maapi_cursor *mc)
+{
+    for (struct cursor_link **link = head; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->cursor == mc) {
+            struct cursor_link *node = *link;
+            *link = node->next;
+            free(node);
+            return;
+        }
+    }
+}
+
 int trans_finish(struct confd_trans_ctx *tctx)
 {
     auto *rec = static_cast<struct trans_record *>(tctx->t_opaque);
     if (rec != nullptr) {
         free(rec->buf);
         while (rec->cursors != nullptr) {
-            struct trans_cursor *node = rec->cursors;
-            rec->cursors = node->next;
-            maapi_destroy_cursor(node->cursor);
-            free(node->cursor);
-            free(node);
+            struct maapi_cursor *mc = rec->cursors->cursor;
+            maapi_destroy_cursor(mc);
+            unlink_cursor(&rec->cursors, mc);
+            free(mc);
         }
         free(rec);
         tctx->t_opaque = nullptr;
@@ -65,4 +77,19 @@ int xpath_eval(int thandle, const char *expr, const char *path, char **result_ou
                   : maapi_xpath_eval_expr(maapi_sock, thandle, expr, &res, nullptr, nullptr);
     if (res != nullptr) *result_out = res;
     return ret;
+}
+
+int ignore_set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
+{
+    return CONFD_OK;
+}
+
+int ignore_create(struct confd_trans_ctx *, confd_hkeypath_t *)
+{
+    return CONFD_OK;
+}
+
+int ignore_remove(struct confd_trans_ctx *, confd_hkeypath_t *)
+{
+    return CONFD_OK;
 }

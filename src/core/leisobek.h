@@ -14,18 +14,18 @@
 
 #include <cstdio>
 
-// Per-transaction record, allocated zero-filled by trans_init into
-// tctx->t_opaque and released by trans_finish together with what it holds.
-// ConfD's cursor structure has no link of its own, so the record chains its
-// cursors through these daemon-side nodes.
-struct trans_cursor {
-    struct maapi_cursor *cursor; // heap-allocated, destroyed and freed at finish
-    struct trans_cursor *next;
+// One heap-allocated MAAPI cursor kept by a transaction. ConfD's cursor
+// structure has no link of its own, so the daemon chains them here.
+struct cursor_link {
+    struct maapi_cursor *cursor;
+    struct cursor_link *next;
 };
 
+// Per-transaction record, allocated zero-filled by trans_init into
+// tctx->t_opaque and released by trans_finish together with what it holds.
 struct trans_record {
-    char *buf;                    // heap buffer, freed at finish when set
-    struct trans_cursor *cursors; // heap-allocated nodes of the transaction's cursors
+    char *buf;                   // heap buffer, freed at finish when set
+    struct cursor_link *cursors; // heap-allocated cursors, destroyed and freed at finish
 };
 
 // Transaction init: attaches the start-up MAAPI socket to the transaction,
@@ -54,5 +54,11 @@ int start_system_trans(int sock);
 // MAAPI socket. When ConfD returns a string it is stored in *result_out and the
 // caller frees it. Returns the ConfD result code.
 int xpath_eval(int thandle, const char *expr, const char *path, char **result_out);
+
+// Write callbacks of a status table that ConfD may still call: each accepts
+// the request, changes nothing and returns CONFD_OK.
+int ignore_set_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, confd_value_t *newval);
+int ignore_create(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp);
+int ignore_remove(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp);
 
 #endif

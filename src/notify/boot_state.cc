@@ -2,10 +2,10 @@
 #include "boot_state.h"
 
 #include "notify.h"
+#include "core/sysenv.h"
 
 #include <cstring>
 #include <memory>
-#include <sys/stat.h>
 
 namespace
 {
@@ -28,20 +28,19 @@ bool boot_state_scan(FILE *marker)
 
 int boot_state_run(const char *path, int (*announce)(const char *notification))
 {
-    struct stat st;
-    if (stat(path, &st) != 0) {
+    if (!sys_exists(path)) {
         announce("coldStart");
         // Nothing to remove; the call fails harmlessly.
-        remove(path);
+        sys_remove(path);
         return 1;
     }
     {
-        std::unique_ptr<FILE, file_closer> marker(fopen(path, "r"));
+        std::unique_ptr<FILE, file_closer> marker(sys_fopen(path, "r"));
         if (!marker) return -1;
         boot_state_scan(marker.get());
     }
     announce("warmStart");
-    remove(path);
+    sys_remove(path);
     return 1;
 }
 

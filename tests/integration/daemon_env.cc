@@ -5,6 +5,11 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sstream>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -19,6 +24,51 @@ int run_isolated(const std::function<void()> &body)
         if (::testing::Test::HasFailure()) return 1;
         return ::testing::Test::IsSkipped() ? kSkippedInside : 0;
     });
+}
+
+namespace
+{
+
+void make_dirs(const std::string &dir)
+{
+    for (size_t at = dir.find('/', 1);; at = dir.find('/', at + 1)) {
+        mkdir(dir.substr(0, at).c_str(), 0755);
+        if (at == std::string::npos) break;
+    }
+}
+
+} // namespace
+
+void overlay_dir(const std::string &dir)
+{
+    static int count = 0;
+    std::string layer = "/tmp/.overlay/" + std::to_string(count++);
+    make_dirs(layer + "/upper");
+    make_dirs(layer + "/work");
+    std::string options =
+        "lowerdir=" + dir + ",upperdir=" + layer + "/upper,workdir=" + layer + "/work";
+    if (mount("overlay", dir.c_str(), "overlay", 0, options.c_str()) != 0)
+        ADD_FAILURE() << "overlay on " << dir << ": " << strerror(errno);
+}
+
+void write_file(const std::string &path, const std::string &text, mode_t mode)
+{
+    make_dirs(path.substr(0, path.rfind('/')));
+    {
+        std::ofstream out(path, std::ios::trunc);
+        out << text;
+        if (!out) ADD_FAILURE() << "cannot write " << path;
+    }
+    chmod(path.c_str(), mode);
+}
+
+void bind_text(const std::string &target, const std::string &text)
+{
+    static int count = 0;
+    std::string source = "/tmp/.bound-" + std::to_string(count++);
+    write_file(source, text);
+    if (mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        ADD_FAILURE() << "bind mount over " << target << ": " << strerror(errno);
 }
 
 bool eventually(const std::function<bool()> &cond, int timeout_ms)

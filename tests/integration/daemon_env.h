@@ -27,6 +27,19 @@ constexpr int kSkippedInside = 78; // the body skipped itself
 // kSkippedInside, or another code when it failed (its failures are printed from inside).
 int run_isolated(const std::function<void()> &body);
 
+// Inside a RUN_ISOLATED body only. Makes dir writable in this namespace alone:
+// an overlay whose upper layer lives in the namespace's /tmp, so that fixture
+// scripts (/usr/bin/...) and configuration (/etc/config/..., made below an
+// overlaid /etc) never reach the host. A test failure when it cannot.
+void overlay_dir(const std::string &dir);
+
+// Writes text to path, making its directories first, with the given mode.
+void write_file(const std::string &path, const std::string &text, mode_t mode = 0644);
+
+// Inside a RUN_ISOLATED body only: the file at target (e.g. /proc/meminfo)
+// reads as text in this namespace. A test failure when it cannot.
+void bind_text(const std::string &target, const std::string &text);
+
 // Polls cond every 20 ms until it holds (true) or timeout_ms pass (false).
 bool eventually(const std::function<bool()> &cond, int timeout_ms = 10000);
 

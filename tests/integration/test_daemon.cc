@@ -143,6 +143,24 @@ TEST(DaemonStartTest, NoConfdMeansSchemaLoadFailure)
     });
 }
 
+// Verifies that a management plane whose models lack a callpoint the daemon
+// registers ends the daemon with that provider's own text.
+TEST(DaemonStartTest, MissingCallpointIsFatal)
+{
+    RUN_ISOLATED([] {
+        const std::string dir = "/tmp/models-without-tcp";
+        std::filesystem::create_directories(dir);
+        for (const auto &e : std::filesystem::directory_iterator(LEISOBEK_MODELS_DIR))
+            if (e.path().filename() != "TCP-MIB.yang")
+                std::filesystem::copy(e.path(), dir + "/" + e.path().filename().string());
+        Emu emu({"--models", dir});
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        EXPECT_EQ(d.wait_exit(), 1);
+        EXPECT_EQ(d.err(), "Failed to register tcp_status transform cb \n");
+    });
+}
+
 // Verifies that the product-identifier command runs, and that the syslog
 // line still shows the shared identifier, which start-up leaves empty
 // whatever the command answers.
@@ -165,16 +183,13 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         setsockopt(log, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 
         // A uci that answers like the router and notes how it was asked.
-        ASSERT_EQ(mkdir("/tmp/bin", 0755), 0);
-        std::ofstream("/tmp/bin/uci") << "#!/bin/sh\necho \"$@\" > /tmp/uci-args\n"
-                                         "echo TX410W-0001\n";
-        chmod("/tmp/bin/uci", 0755);
-        const char *path = getenv("PATH");
-        std::string env_path = std::string("PATH=/tmp/bin:") + (path ? path : "/usr/bin:/bin");
+        daemon_env::overlay_dir("/usr/bin");
+        daemon_env::write_file("/usr/bin/uci",
+                               "#!/bin/sh\necho \"$@\" > /tmp/uci-args\necho TX410W-0001\n", 0755);
 
         Emu emu;
         ASSERT_TRUE(emu.start());
-        Daemon d({}, {env_path});
+        Daemon d({}, {"PATH=/usr/bin:/bin"});
         char msg[512] = {};
         ssize_t n = recv(log, msg, sizeof msg - 1, 0);
         ASSERT_GT(n, 0) << "no syslog line; daemon said: " << d.err();

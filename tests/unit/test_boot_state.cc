@@ -1,12 +1,11 @@
 // Unit tests of the cold/warm start decision from the boot-state marker.
 #include "notify/boot_state.h"
 
-#include <cstdlib>
-#include <fstream>
+#include "fixture_env.h"
+
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vector>
@@ -22,46 +21,27 @@ int record(const char *notification)
     return 1;
 }
 
-bool exists(const std::string &path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
-}
-
 class BootStateTest : public ::testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/leisobek-boot-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        marker_ = dir_ + "/snmpbootstat";
-        announced.clear();
-    }
-    void TearDown() override
-    {
-        unlink(marker_.c_str());
-        rmdir(dir_.c_str());
-    }
+    void SetUp() override { announced.clear(); }
 
-    std::string dir_;
-    std::string marker_;
+    FixtureEnv env_;
 };
 
 // Verifies that without a marker the agent announces a cold start, and that any marker, empty or
 // whatever it holds, means a warm start and is consumed.
 TEST_F(BootStateTest, MarkerMeansWarmStartAndIsRemoved)
 {
-    EXPECT_EQ(boot_state_run(marker_.c_str(), record), 1);
+    EXPECT_EQ(boot_state_run(BOOT_STATE_MARKER, record), 1);
     EXPECT_EQ(announced, std::vector<std::string>{"coldStart"});
     for (const char *text : {"", "warmstart\n", "coldstart\n", "some text without newline",
                              "first\nsecond warmstart here\nthird\n"}) {
         announced.clear();
-        std::ofstream(marker_) << text;
-        EXPECT_EQ(boot_state_run(marker_.c_str(), record), 1) << text;
+        env_.write(BOOT_STATE_MARKER, text);
+        EXPECT_EQ(boot_state_run(BOOT_STATE_MARKER, record), 1) << text;
         EXPECT_EQ(announced, std::vector<std::string>{"warmStart"}) << text;
-        EXPECT_FALSE(exists(marker_)) << text;
+        EXPECT_FALSE(env_.exists(BOOT_STATE_MARKER)) << text;
     }
 }
 
@@ -69,17 +49,20 @@ TEST_F(BootStateTest, MarkerMeansWarmStartAndIsRemoved)
 // which open() refuses even to root) announces nothing and stays.
 TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
 {
+    env_.write(BOOT_STATE_MARKER, "");
+    std::string marker = env_.at(BOOT_STATE_MARKER);
+    unlink(marker.c_str());
     int s = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_GE(s, 0);
     struct sockaddr_un sun = {};
     sun.sun_family = AF_UNIX;
-    ASSERT_LT(marker_.size(), sizeof sun.sun_path);
-    marker_.copy(sun.sun_path, marker_.size());
+    ASSERT_LT(marker.size(), sizeof sun.sun_path);
+    marker.copy(sun.sun_path, marker.size());
     ASSERT_EQ(bind(s, reinterpret_cast<struct sockaddr *>(&sun), sizeof sun), 0);
 
-    EXPECT_EQ(boot_state_run(marker_.c_str(), record), -1);
+    EXPECT_EQ(boot_state_run(BOOT_STATE_MARKER, record), -1);
     EXPECT_TRUE(announced.empty());
-    EXPECT_TRUE(exists(marker_));
+    EXPECT_TRUE(env_.exists(BOOT_STATE_MARKER));
     close(s);
 }
 

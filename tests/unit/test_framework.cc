@@ -5,15 +5,17 @@
 #define NDEBUG
 #endif
 
-#include "core/daemon.h"
 #include "core/leisobek.h"
+#include "core/sysenv.h"
 
 #include "child_process.h"
+#include "fixture_env.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -111,6 +113,23 @@ TEST(CommandLineTest, FirstLineBoundedAndEmptyWhenSilent)
 
     read_command_line("true", answer, sizeof answer);
     EXPECT_STREQ(answer, "");
+}
+
+// Verifies that under a fixture tree the daemon's commands run the fixture's
+// scripts and are recorded, and that a router script the test did not provide
+// cannot run at all.
+TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
+{
+    FixtureEnv env;
+    env.script("/usr/bin/uci", "echo TX630W-0815");
+    char answer[128];
+    read_command_line("uci get systeminfo.sysinfo.pid | cut -d'-' -f1", answer, sizeof answer);
+    EXPECT_STREQ(answer, "TX630W");
+
+    EXPECT_NE(sys_system("sh /usr/bin/system-reboot firmware-state active option none"), 0);
+    EXPECT_EQ(env.commands(),
+              (std::vector<std::string>{"uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
+                                        "sh /usr/bin/system-reboot firmware-state active option none"}));
 }
 
 } // namespace
