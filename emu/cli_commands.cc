@@ -427,9 +427,9 @@ std::string cmd_walk(CliEnv &env, const Args &a, std::string &failure)
     if (!t) return error_json(err);
     std::string out = "[";
     Cursor c;
-    // The walk follows the daemon's cookies, as ConfD does. Keys may repeat (several tables of
-    // the router legitimately list the same keys twice), so only a cookie handed back a second
-    // time proves a loop; a daemon that loops through find_next runs into the row limit.
+    // The walk follows the daemon's cookies, as ConfD does. Keys may repeat while the cookie
+    // advances (several tables of the router list the same keys more than once), so only a
+    // cookie handed back a second time proves a loop.
     std::unordered_set<int64_t> cookies;
     for (long long rows = 0;; rows++) {
         DpReply r;
@@ -444,6 +444,12 @@ std::string cmd_walk(CliEnv &env, const Args &a, std::string &failure)
             failure = "daemon " + t->route.daemon + " returned cookie " + std::to_string(r.next) +
                       " again after " + std::to_string(rows + 1) + " rows: the walk of " +
                       list->name + " does not advance";
+            return "";
+        }
+        // Stepping by keys (find_next after the last ones), the same keys again are a loop.
+        if (rows > 0 && c.use_find && keys_json(r.values) == keys_json(c.last_keys)) {
+            failure = "daemon " + t->route.daemon + " returned the keys " + keys_json(r.values) +
+                      " twice: the walk of " + list->name + " does not advance";
             return "";
         }
 
