@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <unordered_set>
 
 #include "confd_lib.h"
 #include "dp_session.h"
@@ -244,13 +245,14 @@ struct Change {
 // subscribers told. {"result":"ok"} or an error.
 std::string commit_changes(CliEnv &env, const Args &a, const std::vector<Change> &changes)
 {
-    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE);
+    std::string err;
+    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE, err);
+    if (th == 0) return error_json(err);
     TransGuard guard{env.reg, th};
     UserInfo u;
     u.user = user_of(a);
     u.context = context_of(a);
     u.usid = env.reg.new_usid();
-    std::string err;
     int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
     for (size_t i = 0; i < changes.size() && !rc; i++) {
         const Change &c = changes[i];
@@ -375,9 +377,12 @@ std::string cmd_next(CliEnv &env, const Args &a)
     return "{\"keys\":" + keys_json(r.values) + ",\"next\":" + std::to_string(r.next) + "}";
 }
 
-std::string cmd_walk(CliEnv &env, const Args &a)
+std::string cmd_walk(CliEnv &env, const Args &a, std::string &failure)
 {
-    if (a.pos.size() != 1) return error_json("usage: walk PATH [--leaves a,b]");
+    long long limit = static_cast<long long>(env.walk_limit);
+    if (a.pos.size() != 1 ||
+        (a.has("--limit") && (!parse_int(a.opt.at("--limit"), limit) || limit < 1)))
+        return error_json("usage: walk PATH [--leaves a,b] [--limit N]");
     ParsedPath p;
     std::string err;
     if (!resolve(env.schema, a.pos[0], true, p, err)) return error_json(err);
@@ -406,9 +411,11 @@ std::string cmd_walk(CliEnv &env, const Args &a)
     if (stored(env, list)) {
         std::vector<std::vector<Value>> entries;
         if (!stored_entries(env, a.pos[0], entries, err)) return error_json(err);
-        if (entries.size() > env.walk_limit)
-            return error_json("walk of " + list->name + " stopped after " +
-                              std::to_string(env.walk_limit) + " rows");
+        if (entries.size() > static_cast<unsigned long long>(limit)) {
+            failure = "walk of " + list->name + " stopped after " + std::to_string(limit) +
+                      " rows (--limit)";
+            return "";
+        }
         std::string out = "[";
         for (size_t i = 0; i < entries.size(); i++) {
             ParsedPath entry = p;
@@ -436,25 +443,31 @@ std::string cmd_walk(CliEnv &env, const Args &a)
     if (!t) return error_json(err);
     std::string out = "[";
     Cursor c;
-    for (size_t rows = 0;; rows++) {
+    // The walk follows the daemon's cookies, as ConfD does. Keys may repeat while the cookie
+    // advances (several tables of the router list the same keys more than once), so only a
+    // cookie handed back a second time proves a loop.
+    std::unordered_set<int64_t> cookies;
+    for (long long rows = 0;; rows++) {
         DpReply r;
         if (!step_list(s, *t, list, p, c, r, err)) return error_json(err);
         if (r.kind == ReplyKind::NextEnd) break;
-        if (rows >= env.walk_limit)
-            return error_json("walk of " + list->name + " stopped after " +
-                              std::to_string(env.walk_limit) + " rows");
-        // A daemon that hands back the cookie it was given, or the keys it gave last, would make
-        // the walk go round forever.
-        if (r.next != -1 && !c.use_find && r.next == c.cookie)
-            return error_json("daemon " + t->route.daemon + " returned cookie " +
-                              std::to_string(r.next) + " again: the walk of " + list->name +
-                              " does not advance");
-        // Rows with equal keys are no loop while the cookie advances (the IP provider lists an
-        // interface once per IPv4 address); stepping by keys, the same keys again would be one.
-        if (rows > 0 && c.use_find && keys_json(r.values) == keys_json(c.last_keys))
-            return error_json("daemon " + t->route.daemon + " returned the keys " +
-                              keys_json(r.values) + " twice: the walk of " + list->name +
-                              " does not advance");
+        if (rows >= limit) {
+            failure = "walk of " + list->name + " stopped after " + std::to_string(limit) +
+                      " rows (--limit)";
+            return "";
+        }
+        if (r.next != -1 && !cookies.insert(r.next).second) {
+            failure = "daemon " + t->route.daemon + " returned cookie " + std::to_string(r.next) +
+                      " again after " + std::to_string(rows + 1) + " rows: the walk of " +
+                      list->name + " does not advance";
+            return "";
+        }
+        // Stepping by keys (find_next after the last ones), the same keys again are a loop.
+        if (rows > 0 && c.use_find && keys_json(r.values) == keys_json(c.last_keys)) {
+            failure = "daemon " + t->route.daemon + " returned the keys " + keys_json(r.values) +
+                      " twice: the walk of " + list->name + " does not advance";
+            return "";
+        }
 
         ParsedPath entry = p;
         entry.steps.back().keys = r.values;
@@ -704,7 +717,7 @@ const char *const kCommands =
 
 } // namespace
 
-std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
+std::string run_cli(CliEnv &env, const std::vector<std::string> &argv, std::string &failure)
 {
     if (argv.empty()) return error_json(std::string("no command; commands: ") + kCommands);
     const std::string &cmd = argv[0];
@@ -718,7 +731,7 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
     else if (cmd == "next")
         valued = {"--context", "--cookie"};
     else if (cmd == "walk")
-        valued = {"--context", "--leaves"};
+        valued = {"--context", "--leaves", "--limit"};
     else if (cmd == "notifications")
         flags = {"--clear"};
     else if (cmd == "fail")
@@ -729,7 +742,7 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
 
     if (cmd == "get") return cmd_get(env, a);
     if (cmd == "next") return cmd_next(env, a);
-    if (cmd == "walk") return cmd_walk(env, a);
+    if (cmd == "walk") return cmd_walk(env, a, failure);
     if (cmd == "set") return cmd_set(env, a);
     if (cmd == "notifications") {
         if (!a.pos.empty()) return error_json("usage: notifications [--clear]");

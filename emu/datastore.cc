@@ -10,6 +10,7 @@
 
 #include "confd_lib.h"
 #include "data_value.h"
+#include "xpath_text.h"
 
 namespace emu
 {
@@ -52,18 +53,6 @@ const lyd_node *counterpart(const lyd_node *siblings, const lyd_node *target)
                    : lyd_find_sibling_val(siblings, target->schema, nullptr, 0, &m);
     if (r != LY_SUCCESS || !m) return nullptr;
     return (m->flags & LYD_DEFAULT) ? nullptr : m;
-}
-
-// The XPath string value of a node: a leaf's value, or the values of every leaf below in order.
-void string_value(const lyd_node *n, std::string &out)
-{
-    if (n->schema && (n->schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
-        const char *v = lyd_get_value(n);
-        if (v) out += v;
-        return;
-    }
-    for (const lyd_node *c = lyd_child(n); c; c = c->next)
-        string_value(c, out);
 }
 
 bool quote_key(const std::string &text, std::string &out)
@@ -517,16 +506,36 @@ int Datastore::xpath_string(uint32_t th, const std::string &expr, const std::str
 {
     found = false;
     text.clear();
-    std::lock_guard<std::mutex> lk(mu_);
-    ly_set *set = nullptr;
-    int rc = xpath_select(th, expr, ctx_path, set, err);
-    if (rc || !set) return rc;
-    if (set->count > 0) {
-        found = true;
-        string_value(set->dnodes[0], text);
+    std::string xml, ctx_expr;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        Txn *t;
+        int rc = 0;
+        if (!lookup(th, t, rc, err)) return rc;
+        const lyd_node *tree = tree_of(t);
+        if (!ctx_path.empty()) {
+            ParsedPath p;
+            if ((rc = parse(schema_, ctx_path, p, err))) return rc;
+            if (const lyd_node *n = find(tree, p, p.steps.size(), true)) {
+                char *path = lyd_path(n, LYD_PATH_STD, nullptr, 0);
+                if (path) ctx_expr = xpath_without_prefixes(schema_, path);
+                free(path);
+            }
+        }
+        // Expressions of any kind (string(), count(), comparisons) need a full XPath 1.0
+        // engine; libyang's data API selects node sets only, so libxml2 evaluates over the
+        // tree printed as XML, defaults included as ConfD's reads see them.
+        char *printed = nullptr;
+        if (tree && lyd_print_mem(&printed, tree, LYD_XML,
+                                  LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK | LYD_PRINT_WD_ALL) !=
+                        LY_SUCCESS) {
+            err = "printing the configuration: " + ly_error();
+            return CONFD_ERR_INTERNAL;
+        }
+        if (printed) xml = printed;
+        free(printed);
     }
-    ly_set_free(set, nullptr);
-    return 0;
+    return xpath_text(xml, xpath_without_prefixes(schema_, expr), ctx_expr, found, text, err);
 }
 
 int Datastore::xpath_nodes(uint32_t th, const std::string &expr, const std::string &ctx_path,

@@ -213,7 +213,17 @@ std::string MaapiService::handle(uint8_t opnum, Reader &r)
             err = "bad transaction mode " + std::to_string(mode);
             break;
         }
-        uint32_t th = reg_.open_trans(0, mode);
+        if (own_.size() >= kMaxOwnTrans) {
+            rc = CONFD_ERR_TOOMANYTRANS;
+            err = "too many open transactions on this socket (" + std::to_string(kMaxOwnTrans) +
+                  ")";
+            break;
+        }
+        uint32_t th = reg_.open_trans(0, mode, err);
+        if (th == 0) {
+            rc = CONFD_ERR_TOOMANYTRANS;
+            break;
+        }
         if ((rc = ds_.begin(th, mode, sess->second, err))) {
             reg_.close_trans(th);
             break;

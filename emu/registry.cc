@@ -345,10 +345,15 @@ void Registry::fail_pending_locked(uint32_t conn_id)
     if (any) cv_.notify_all();
 }
 
-uint32_t Registry::open_trans(uint32_t daemon_id, int mode)
+uint32_t Registry::open_trans(uint32_t daemon_id, int mode, std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
+    if (trans_.size() >= kMaxOpenTrans) {
+        err = "too many open transactions (" + std::to_string(kMaxOpenTrans) + ")";
+        return 0;
+    }
     uint32_t th = next_thandle_++;
+    if (th == 0) th = next_thandle_++; // 0 means "none" after the counter wraps
     Trans t;
     t.daemon_id = daemon_id;
     t.mode = mode;

@@ -121,7 +121,12 @@ class Registry
     void deliver(const ConnPtr &conn, uint32_t rid, std::string payload);
 
     // --- transactions and MAAPI ---
-    uint32_t open_trans(uint32_t daemon_id, int mode);
+    // Most transactions open at once, all clients together: a read-write one copies the whole
+    // running configuration, so clients that never finish theirs must not grow the emulator
+    // without bound.
+    static constexpr size_t kMaxOpenTrans = 256;
+    // A new transaction handle (never 0), or 0 with err set when kMaxOpenTrans are open.
+    uint32_t open_trans(uint32_t daemon_id, int mode, std::string &err);
     void close_trans(uint32_t thandle);
     // MAAPI attach/detach by the given MAAPI connection; 0 or CONFD_ERR_NOEXISTS with a message.
     int attach(uint32_t thandle, uint32_t maapi_conn, std::string &err);
