@@ -21,6 +21,11 @@ void timed_cache_set_clock(timed_cache_clock_fn clock)
     current_clock = clock ? clock : system_clock;
 }
 
+time_t timed_cache_now()
+{
+    return current_clock();
+}
+
 bool timed_cache_due(time_t last_refresh, int interval, time_t *now, int *elapsed)
 {
     *now = current_clock();

@@ -2,6 +2,7 @@
 #ifndef LEISOBEK_COLLECT_TIMEDCACHE_H
 #define LEISOBEK_COLLECT_TIMEDCACHE_H
 
+#include <cstdint>
 #include <ctime>
 
 // The data (a record or a group of lists) sits inline behind the time of the
@@ -18,6 +19,9 @@ typedef time_t (*timed_cache_clock_fn)(void);
 
 // Installs the clock read by timed_cache_refresh; null restores time().
 void timed_cache_set_clock(timed_cache_clock_fn clock);
+
+// The current time by that clock.
+time_t timed_cache_now();
 
 // Decides whether a cache last refreshed at last_refresh is due: stores the
 // current time in *now and the whole seconds since the last refresh in
@@ -39,6 +43,19 @@ template <typename T> int timed_cache_refresh(timed_cache<T> *cache, int interva
     int result = cache->refresh(&cache->data);
     cache->last_refresh = now;
     return result;
+}
+
+// Counts one request of a group that is refreshed by request count rather
+// than by age: the first request refreshes, and so does every period-th
+// after it (period 19: the 1st, 20th, 39th, ...). *counter starts at 0 and
+// is the group's own. Returns true when this request refreshes.
+inline bool request_count_due(uint32_t *counter, uint32_t period)
+{
+    bool due = *counter == 0;
+    *counter = due ? 1 : *counter + 1;
+    // Reset once the period is complete, so that the next request refreshes.
+    if (*counter >= period) *counter = 0;
+    return due;
 }
 
 #endif

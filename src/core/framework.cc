@@ -78,3 +78,18 @@ int xpath_eval(int thandle, const char *expr, const char *path, char **result_ou
     if (res != nullptr) *result_out = res;
     return ret;
 }
+
+int ignore_set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
+{
+    return CONFD_OK;
+}
+
+int ignore_create(struct confd_trans_ctx *, confd_hkeypath_t *)
+{
+    return CONFD_OK;
+}
+
+int ignore_remove(struct confd_trans_ctx *, confd_hkeypath_t *)
+{
+    return CONFD_OK;
+}

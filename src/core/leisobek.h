@@ -55,4 +55,10 @@ int start_system_trans(int sock);
 // caller frees it. Returns the ConfD result code.
 int xpath_eval(int thandle, const char *expr, const char *path, char **result_out);
 
+// Write callbacks of a status table that ConfD may still call: each accepts
+// the request, changes nothing and returns CONFD_OK.
+int ignore_set_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, confd_value_t *newval);
+int ignore_create(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp);
+int ignore_remove(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp);
+
 #endif

@@ -143,6 +143,24 @@ TEST(DaemonStartTest, NoConfdMeansSchemaLoadFailure)
     });
 }
 
+// Verifies that a management plane whose models lack a callpoint the daemon
+// registers ends the daemon with that provider's own text.
+TEST(DaemonStartTest, MissingCallpointIsFatal)
+{
+    RUN_ISOLATED([] {
+        const std::string dir = "/tmp/models-without-tcp";
+        std::filesystem::create_directories(dir);
+        for (const auto &e : std::filesystem::directory_iterator(LEISOBEK_MODELS_DIR))
+            if (e.path().filename() != "TCP-MIB.yang")
+                std::filesystem::copy(e.path(), dir + "/" + e.path().filename().string());
+        Emu emu({"--models", dir});
+        ASSERT_TRUE(emu.start());
+        Daemon d({});
+        EXPECT_EQ(d.wait_exit(), 1);
+        EXPECT_EQ(d.err(), "Failed to register tcp_status transform cb \n");
+    });
+}
+
 // Verifies that the product-identifier command runs, and that the syslog
 // line still shows the shared identifier, which start-up leaves empty
 // whatever the command answers.

@@ -17,7 +17,7 @@
 #include <vector>
 
 // Text of a value: "e5" an enumeration, "x7f000001" a binary in hex, "i-1" an int32, "u64:7" a
-// uint64, a plain number a uint32.
+// uint64, a plain number a uint32, 'text' a string, "noexists" a C_NOEXISTS value.
 inline std::string value_text(const confd_value_t &v)
 {
     switch (v.type) {
@@ -31,6 +31,10 @@ inline std::string value_text(const confd_value_t &v)
         return "u64:" + std::to_string(v.val.u64);
     case C_BINARY:
         return "x" + hex_text(v.val.buf.ptr, v.val.buf.size);
+    case C_STR:
+        return v.val.s ? "'" + std::string(v.val.s) + "'" : "null";
+    case C_NOEXISTS:
+        return "noexists";
     default:
         return "type" + std::to_string(v.type);
     }
@@ -142,7 +146,8 @@ class provider_test : public ::testing::Test
         return rows;
     }
 
-    // One get_elem: the value's text, "not-found", or "CONFD_ERR" when it failed without a reply.
+    // One get_elem: the value's text, "not-found", "end" for an end-of-list reply, or "CONFD_ERR"
+    // when it failed without a reply.
     std::string get(const keypath &leaf)
     {
         confd_inproc_reset(tctx_);
@@ -155,6 +160,7 @@ class provider_test : public ::testing::Test
         EXPECT_EQ(ret, CONFD_OK);
         EXPECT_EQ(cap->nreplies, 1);
         if (cap->kind == CONFD_INPROC_NOT_FOUND) return "not-found";
+        if (cap->kind == CONFD_INPROC_NEXT_END) return "end";
         EXPECT_EQ(cap->kind, CONFD_INPROC_VALUE);
         return value_text(cap->values[0]);
     }

@@ -5,6 +5,7 @@
 #define NDEBUG
 #endif
 
+#include "core/fieldcopy.h"
 #include "core/leisobek.h"
 #include "core/sysenv.h"
 
@@ -12,6 +13,7 @@
 #include "fixture_env.h"
 
 #include <csignal>
+#include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -130,6 +132,30 @@ TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
     EXPECT_EQ(env.commands(),
               (std::vector<std::string>{"uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
                                         "sh /usr/bin/system-reboot firmware-state active option none"}));
+}
+
+// Verifies that a script field is copied as printf would print it as its own
+// format when well formed ("%%" gives "%"), that any other "%" sequence is
+// copied as it stands, and that the copy stops one short of the buffer.
+TEST(CopyFieldAsFormatTest, OnlyDoubledPercentIsInterpreted)
+{
+    struct {
+        const char *field;
+        size_t size;
+        const char *want;
+    } cases[] = {
+        {"plain", 16, "plain"},     {"100%% up", 16, "100% up"}, {"%s%n%x", 16, "%s%n%x"},
+        {"%%%s", 16, "%%s"},        {"%%%%", 16, "%%"},          {"end%", 16, "end%"},
+        {"truncated", 5, "trun"},   {"ab%%", 3, "ab"},           {"%%", 2, "%"},
+        {nullptr, 4, ""},           {"x", 1, ""},
+    };
+    for (const auto &c : cases) {
+        char out[16];
+        memset(out, 'X', sizeof out);
+        size_t n = copy_field_as_format(out, c.size, c.field);
+        EXPECT_STREQ(out, c.want) << (c.field ? c.field : "(null)") << " size " << c.size;
+        EXPECT_EQ(n, strlen(c.want));
+    }
 }
 
 } // namespace

@@ -1,0 +1,151 @@
+// UCD-SNMP-MIB and ENTITY-MIB end to end: the leisobek binary against confd-emu, with a fixture
+// /proc/meminfo, systeminfo package, firmware version and process-snapshot script.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli_json.h"
+#include "daemon_env.h"
+
+namespace
+{
+
+using daemon_env::Emu;
+
+const char kMeminfo[] = "MemTotal:       123456 kB\nMemFree:         23456 kB\n"
+                        "Buffers:          3456 kB\nCached:          45678 kB\n"
+                        "SwapCached:         12 kB\nShmem:             789 kB\n"
+                        "SwapTotal:       65536 kB\nSwapFree:        65000 kB\n";
+
+std::string value(const char *type, const std::string &v)
+{
+    return std::string("{\"type\":\"") + type + "\",\"value\":" + v + "}";
+}
+
+// The fixture files of both tests, in this namespace only; the snapshot
+// script only when asked for (without it, no /usr/bin/procdata.sh exists).
+void write_fixtures(bool with_script)
+{
+    daemon_env::overlay_dir("/etc");
+    daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
+                                                     "\toption pid 'KX100'\n"
+                                                     "\toption prod_desc 'Kelto router'\n");
+    daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
+    daemon_env::bind_text("/proc/meminfo", kMeminfo);
+    daemon_env::overlay_dir("/usr/bin");
+    std::filesystem::remove("/usr/bin/procdata.sh");
+    if (with_script)
+        daemon_env::write_file("/usr/bin/procdata.sh",
+                               "printf '412;dropbear;1;2;3\\n7;procd;4;5;6\\n' > /tmp/procstats\n",
+                               0755);
+}
+
+// The aggregate user ticks of /proc/stat divided by its CPU count (the last cpuN plus one).
+unsigned long long user_ticks_per_cpu()
+{
+    std::istringstream stat(harness::read_file("/proc/stat"));
+    unsigned long long user = 0, cpus = 1;
+    for (std::string word; stat >> word;) {
+        if (word == "cpu")
+            stat >> user;
+        else if (word.rfind("cpu", 0) == 0)
+            cpus = std::stoull(word.substr(3)) + 1;
+    }
+    return user / cpus;
+}
+
+// Verifies the system MIBs against the fixtures: the callpoints registered
+// in start-up order; the memory leaves equal to the fixture's kB values
+// (memCached from SwapCached); ssCpuRawUser between two readings of
+// /proc/stat; unserved leaves C_NOEXISTS; prTable from the snapshot in
+// ascending pid, its file removed; the single chassis row.
+TEST(SystemMibsTest, ServeTheFixtures)
+{
+    RUN_ISOLATED([] {
+        write_fixtures(true);
+        Emu emu;
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
+
+        // Start-up order, whatever other providers register between these.
+        std::vector<std::string> seen;
+        const std::vector<std::string> want = {"tcp_status",      "udp_status",   "memory_stats",
+                                               "sys_stats",       "version_info", "process_info",
+                                               "entphyentry-snmp"};
+        cli_json::value status;
+        ASSERT_TRUE(cli_json::parse(emu.status(), status));
+        for (const cli_json::value &cp : status["daemons"].items[0]["callpoints"].items)
+            if (std::count(want.begin(), want.end(), cp.text)) seen.push_back(cp.text);
+        EXPECT_EQ(seen, want) << emu.status();
+
+        for (auto [leaf, kb] : {std::pair{"memTotalReal", "123456"},
+                                {"memAvailReal", "23456"},
+                                {"memTotalSwap", "65536"},
+                                {"memAvailSwap", "65000"},
+                                {"memTotalFree", "88456"},
+                                {"memShared", "789"},
+                                {"memBuffer", "3456"},
+                                {"memCached", "12"}})
+            EXPECT_EQ(emu.cli({"get", std::string("/UCD-SNMP-MIB/memory/") + leaf}),
+                      value("C_UINT32", kb))
+                << leaf;
+
+        unsigned long long before = user_ticks_per_cpu();
+        cli_json::value user;
+        ASSERT_TRUE(
+            cli_json::parse(emu.cli({"get", "/UCD-SNMP-MIB/systemStats/ssCpuRawUser"}), user));
+        unsigned long long after = user_ticks_per_cpu();
+        EXPECT_LE(before, std::stoull(user["value"].text));
+        EXPECT_GE(after, std::stoull(user["value"].text));
+        for (const char *leaf : {"ssCpuUser", "ssCpuRawNice"})
+            EXPECT_EQ(emu.cli({"get", std::string("/UCD-SNMP-MIB/systemStats/") + leaf}),
+                      "{\"type\":\"C_NOEXISTS\"}")
+                << leaf;
+
+        std::vector<cli_json::row> rows;
+        ASSERT_TRUE(cli_json::parse_walk(
+            emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry", "--leaves", "prNames,prCount"}),
+            rows));
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_EQ(rows[0].keys[0] + " " + rows[0].leaves["prNames"] + " " +
+                      rows[0].leaves["prCount"] + " " + rows[1].keys[0] + " " +
+                      rows[1].leaves["prNames"],
+                  "7 procd 4 412 dropbear");
+        EXPECT_FALSE(std::filesystem::exists("/tmp/procstats"));
+
+        ASSERT_TRUE(cli_json::parse_walk(
+            emu.cli({"walk", "/ENTITY-MIB/entPhysicalTable/entPhysicalEntry"}), rows));
+        ASSERT_EQ(rows.size(), 1u);
+        EXPECT_EQ(rows[0].keys, std::vector<std::string>{"1"});
+        EXPECT_EQ(rows[0].leaves["entPhysicalMfgName"] + " " +
+                      rows[0].leaves["entPhysicalFirmwareRev"] + " " +
+                      rows[0].leaves["entPhysicalModelName"],
+                  "Kelto 3.0.2 KX100");
+        const std::string other = "/ENTITY-MIB/entPhysicalTable/entPhysicalEntry{9}/";
+        EXPECT_EQ(emu.cli({"get", other + "entPhysicalDescr"}), value("C_STR", "\"Kelto router\""));
+        EXPECT_EQ(emu.cli({"get", other + "entPhysicalIndex"}), value("C_INT32", "1"));
+        EXPECT_TRUE(d->running()) << d->err();
+    });
+}
+
+// Verifies that without the snapshot script (so without /tmp/procstats)
+// prTable is empty and the daemon goes on serving.
+TEST(SystemMibsTest, NoSnapshotLeavesAnEmptyTable)
+{
+    RUN_ISOLATED([] {
+        write_fixtures(false);
+        Emu emu;
+        auto d = emu.start_with_daemon();
+        ASSERT_TRUE(d);
+        EXPECT_EQ(emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry"}), "[]");
+        EXPECT_EQ(emu.cli({"get", "/UCD-SNMP-MIB/memory/memTotalReal"}),
+                  value("C_UINT32", "123456"));
+        EXPECT_TRUE(d->running()) << d->err();
+    });
+}
+
+} // namespace

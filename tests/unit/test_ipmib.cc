@@ -1,0 +1,139 @@
+// Unit tests of the IP-MIB provider, driven through its registered callbacks on a fake /proc.
+#include "mibs/ipmibimpl.h"
+#include "provider_driver.h"
+
+#include "IP-MIB.h"
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+const std::string noexists = "noexists";
+
+keypath ip(std::vector<uint32_t> tags, const std::string &keys = "")
+{
+    tags.insert(tags.begin(), IP_MIB_IP_MIB);
+    return keypath(IP_MIB__ns, tags, keys);
+}
+
+class IpProviderTest : public provider_test
+{
+  protected:
+    IpProviderTest() : provider_test(register_ip_mib_cbs, "ip_traf_system_stats") {}
+
+    // Serves the callpoint's callbacks from now on.
+    void use(const char *callpoint)
+    {
+        cbs_ = confd_inproc_data_cbs(dx_, callpoint);
+        ASSERT_NE(cbs_, nullptr);
+    }
+    void write(const std::string &relative, const std::string &text)
+    {
+        std::string path = proc_.root() + "/" + relative;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path) << text;
+    }
+    // /proc/net/snmp, netstat and snmp6 with the given IPv4 InReceives.
+    void write_system_counters(const std::string &in_receives)
+    {
+        write("net/snmp", "Ip: Forwarding DefaultTTL InReceives InHdrErrors InAddrErrors "
+                          "ForwDatagrams InUnknownProtos InDiscards InDelivers OutRequests "
+                          "OutDiscards OutNoRoutes ReasmTimeout ReasmReqds ReasmOKs ReasmFails "
+                          "FragOKs FragFails FragCreates OutTransmits\n"
+                          "Ip: 1 64 " +
+                              in_receives +
+                              " 1 2 100 3 4 5000 6000 7 8 30 9 10 11 12 13 14 6100\n"
+                              "Icmp: InMsgs InErrors\nIcmp: 1 2\n");
+        write("net/netstat", "TcpExt: SyncookiesSent\nTcpExt: 0\n"
+                             "IpExt: InNoRoutes InTruncatedPkts InMcastPkts OutMcastPkts "
+                             "InBcastPkts OutBcastPkts InOctets OutOctets\n"
+                             "IpExt: 20 21 22 23 24 25 26 27\n");
+        write("net/snmp6", "Ip6InReceives\t700\nIp6InNoRoutes\t2\nIp6OutForwDatagrams\t3\n"
+                           "Ip6OutRequests\t50\nIp6FragOKs\t1\nIp6FragFails\t1\n"
+                           "Ip6InMcastPkts\t9\nIcmp6InMsgs\t4\n");
+    }
+};
+
+keypath system_row(const std::string &version, uint32_t leaf)
+{
+    return ip({IP_MIB_ipSystemStatsTable, IP_MIB_ipSystemStatsEntry, leaf}, version);
+}
+
+// Verifies the two ipSystemStatsTable rows: the fixed walk; counters from
+// the "Ip:", "IpExt:" and snmp6 sources as Counter32 (32-bit values) and
+// Counter64 (widened totals); the derived columns; the columns never
+// filled; and the 3-second rule with a counter wrapping in between.
+TEST_F(IpProviderTest, SystemStatsRows)
+{
+    write_system_counters("4294967290");
+    keypath rows = ip({IP_MIB_ipSystemStatsTable, IP_MIB_ipSystemStatsEntry});
+    EXPECT_EQ(next(rows, -1) + ", " + next(rows, 0) + ", " + next(rows, 1),
+              "e1 -> 0, e2 -> 1, end");
+    std::string v4;
+    for (uint32_t leaf : {IP_MIB_ipSystemStatsIPVersion, IP_MIB_ipSystemStatsInReceives,
+                          IP_MIB_ipSystemStatsHCInReceives, IP_MIB_ipSystemStatsInHdrErrors,
+                          IP_MIB_ipSystemStatsInNoRoutes, IP_MIB_ipSystemStatsInForwDatagrams,
+                          IP_MIB_ipSystemStatsHCInForwDatagrams,
+                          IP_MIB_ipSystemStatsOutForwDatagrams, IP_MIB_ipSystemStatsOutFragReqds,
+                          IP_MIB_ipSystemStatsOutTransmits, IP_MIB_ipSystemStatsHCOutTransmits,
+                          IP_MIB_ipSystemStatsInMcastPkts, IP_MIB_ipSystemStatsHCOutBcastPkts,
+                          IP_MIB_ipSystemStatsHCInOctets, IP_MIB_ipSystemStatsRefreshRate})
+        v4 += get(system_row("e1", leaf)) + " ";
+    // OutTransmits = 100 + 6000 + 14 - 8 - 7 - (12 + 13).
+    EXPECT_EQ(v4, "e1 4294967290 u64:4294967290 1 20 120 u64:120 100 25 6074 u64:6074 22 "
+                  "u64:25 u64:0 0 ");
+    std::string v6;
+    for (uint32_t leaf : {IP_MIB_ipSystemStatsIPVersion, IP_MIB_ipSystemStatsHCInReceives,
+                          IP_MIB_ipSystemStatsInForwDatagrams, IP_MIB_ipSystemStatsOutFragReqds,
+                          IP_MIB_ipSystemStatsOutTransmits, IP_MIB_ipSystemStatsInBcastPkts,
+                          IP_MIB_ipSystemStatsHCInMcastPkts})
+        v6 += get(system_row("e2", leaf)) + " ";
+    EXPECT_EQ(v6, "e2 u64:700 5 2 51 0 u64:9 ");
+    EXPECT_EQ(get(system_row("e1", IP_MIB_ipIfStatsInReceives)), noexists);
+
+    write_system_counters("5");
+    now += 2;
+    EXPECT_EQ(get(system_row("e1", IP_MIB_ipSystemStatsInReceives)), "4294967290");
+    now += 1;
+    EXPECT_EQ(get(system_row("e1", IP_MIB_ipSystemStatsInReceives)), "5");
+    EXPECT_EQ(get(system_row("e1", IP_MIB_ipSystemStatsHCInReceives)), "u64:4294967301");
+}
+
+keypath if_row(const std::string &keys, uint32_t leaf)
+{
+    return ip({IP_MIB_ipIfStatsTable, IP_MIB_ipIfStatsEntry, leaf}, keys);
+}
+
+// Verifies ipIfStatsTable: one IPv6 row per interface file in (version,
+// ifIndex) order, a file without "ifIndex" giving ifIndex 0, dot files
+// ignored; the per-interface InForwDatagrams wrapping at 2^32; C_NOEXISTS
+// before any walk and for a row not in it; a wrong key type aborts.
+TEST_F(IpProviderTest, InterfaceStatsRows)
+{
+    use("ip_traf_if_stats");
+    write("net/dev_snmp6/eth0", "ifIndex\t2\nIp6InReceives\t10\nIp6InNoRoutes\t10\n"
+                                "Ip6OutForwDatagrams\t4294967290\n");
+    write("net/dev_snmp6/lo", "ifIndex\t1\nIp6InReceives\t7\n");
+    write("net/dev_snmp6/noindex", "Ip6InReceives\t3\n");
+    write("net/dev_snmp6/.hidden", "ifIndex\t9\nIp6InReceives\t3\n");
+    EXPECT_EQ(get(if_row("e2 i2", IP_MIB_ipIfStatsInReceives)), noexists);
+    EXPECT_EQ(walk(ip({IP_MIB_ipIfStatsTable, IP_MIB_ipIfStatsEntry})),
+              (std::vector<std::string>{"e2 i0", "e2 i1", "e2 i2"}));
+    std::string eth0;
+    for (uint32_t leaf : {IP_MIB_ipIfStatsIfIndex, IP_MIB_ipIfStatsInReceives,
+                          IP_MIB_ipIfStatsHCInForwDatagrams, IP_MIB_ipIfStatsInForwDatagrams,
+                          IP_MIB_ipIfStatsHCOutForwDatagrams, IP_MIB_ipIfStatsDiscontinuityTime})
+        eth0 += get(if_row("e2 i2", leaf)) + " ";
+    EXPECT_EQ(eth0, "i2 10 u64:4 4 u64:4294967290 0 ");
+    EXPECT_EQ(get(if_row("e2 i0", IP_MIB_ipIfStatsInReceives)), "3");
+    EXPECT_EQ(get(if_row("e1 i2", IP_MIB_ipIfStatsInReceives)), noexists);
+    EXPECT_EQ(get(if_row("e2 i2", IP_MIB_ipSystemStatsInReceives)), noexists);
+    EXPECT_DEATH(get(if_row("e2 2", IP_MIB_ipIfStatsInReceives)),
+                 "Assertion `\\(&kp->v\\[1\\]\\[1\\]\\)->type == C_INT32' failed");
+}
+
+} // namespace

@@ -1,0 +1,203 @@
+// Unit tests of the IP collector's toolkit and its address rows, on fixture text.
+#include "ipkit.h"
+#include "ipstats.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+// The pairs a reader appends, "name=value" in file order; "fail" when it returns -1.
+std::string pairs_of(const std::string &text, const char *section, bool stat_pairs = false)
+{
+    FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+    item_list out;
+    item_list_init(&out, sizeof(stat_pair), 4);
+    int rc =
+        stat_pairs ? read_stat_pairs_from(in, &out) : read_stat_section_from(in, &out, section);
+    fclose(in);
+    std::string result = rc == 0 ? "" : "fail";
+    for (uint32_t i = 0; rc == 0 && i < out.count; i++) {
+        const auto *p = static_cast<const stat_pair *>(item_list_get(&out, i));
+        result += (i ? " " : "") + std::string(p->name) + "=" + std::to_string(p->value);
+    }
+    item_list_free(&out);
+    return result;
+}
+
+const char snmp_text[] = "Ip: Forwarding DefaultTTL InReceives InHdrErrors\n"
+                         "Ip: 1 64 4035512 7\n"
+                         "Icmp: InMsgs InErrors\n"
+                         "Icmp: 312 4\n"
+                         "IcmpMsg: InType3 OutType3\n"
+                         "IcmpMsg: 5 7\n";
+const char netstat_text[] = "TcpExt: SyncookiesSent PruneCalled\n"
+                            "TcpExt: 0 12\n"
+                            "IpExt: InNoRoutes InTruncatedPkts InMcastPkts\n"
+                            "IpExt: 3 0 18446744073709551615\n";
+
+// Verifies the section reader on /proc/net/snmp and /proc/net/netstat text:
+// the section is found by substring (not by line start, so "Ip:" skips
+// "IcmpMsg:" and "IpExt:" skips "TcpExt:"), 64-bit values are kept whole, and
+// a missing value line, a short value line or a headless file fail; a
+// two-line file is read whole without a section name, a longer one is not.
+TEST(IpKit, ReadStatSection)
+{
+    EXPECT_EQ(pairs_of(snmp_text, "Ip:"),
+              "Forwarding=1 DefaultTTL=64 InReceives=4035512 InHdrErrors=7");
+    EXPECT_EQ(pairs_of(snmp_text, "IcmpMsg:"), "InType3=5 OutType3=7");
+    EXPECT_EQ(pairs_of(netstat_text, "IpExt:"),
+              "InNoRoutes=3 InTruncatedPkts=0 InMcastPkts=18446744073709551615");
+    EXPECT_EQ(pairs_of(snmp_text, "Udp:"), "fail");
+    EXPECT_EQ(pairs_of("Ip: A B\nTcp: 1 2\n", "Ip:"), "fail");
+    EXPECT_EQ(pairs_of("Ip: A B C\nIp: 1 2\n", "Ip:"), "fail");
+    EXPECT_EQ(pairs_of("Ip: A B C\n", "Ip:"), "fail");
+    EXPECT_EQ(pairs_of("Alpha Beta\n10 20\n", nullptr), "Alpha=10 Beta=20");
+    EXPECT_EQ(pairs_of("Alpha Beta\n10 20\n\n", nullptr), "Alpha=10 Beta=20");
+    EXPECT_EQ(pairs_of(snmp_text, nullptr), "fail");
+}
+
+// Verifies the name/value reader on /proc/net/snmp6 text: names with digits,
+// blank and valueless lines skipped, an empty file a failure.
+TEST(IpKit, ReadStatPairs)
+{
+    EXPECT_EQ(pairs_of("Ip6InReceives                   \t1\n"
+                       "\n"
+                       "Icmp6InType133                  \t4294967296\n"
+                       "ifIndex 2\n"
+                       "Broken\n",
+                       nullptr, true),
+              "Ip6InReceives=1 Icmp6InType133=4294967296 ifIndex=2");
+    EXPECT_EQ(pairs_of("\n  \n", nullptr, true), "fail");
+}
+
+// Verifies the widening of 32-bit counters: from zero the total is the raw
+// value, a wrap from 4294967290 to 5 adds 11, a counter that restarts lower
+// counts as a wrap, and a raw value beyond 32 bits is cut to them.
+TEST(IpKit, WidenCounter)
+{
+    uint32_t last = 0;
+    uint64_t total = 0;
+    widen_counter(4294967290u, &last, &total);
+    EXPECT_EQ(total, 4294967290u);
+    widen_counter(5, &last, &total);
+    EXPECT_EQ(total, 4294967290ull + 11);
+    EXPECT_EQ(last, 5u);
+    widen_counter(3, &last, &total);
+    EXPECT_EQ(total, 4294967290ull + 11 + 4294967294ull);
+    uint32_t last2 = 0;
+    uint64_t total2 = 0;
+    widen_counter((uint64_t(1) << 32) + 7, &last2, &total2);
+    EXPECT_EQ(total2, 7u);
+}
+
+std::string hex(const ip_addr_value &a)
+{
+    std::string out;
+    char two[3];
+    for (uint32_t i = 0; i < a.length; i++) {
+        snprintf(two, sizeof two, "%02x", a.bytes[i]);
+        out += two;
+    }
+    return out;
+}
+
+// Verifies prefix masks on an all-ones IPv6 and IPv4 address at the byte
+// boundaries and one bit either side of them.
+TEST(IpKit, MaskPrefix)
+{
+    const std::map<int, std::string> v6 = {
+        {0, std::string(32, '0')},
+        {1, "80" + std::string(30, '0')},
+        {7, "fe" + std::string(30, '0')},
+        {8, "ff" + std::string(30, '0')},
+        {9, "ff80" + std::string(28, '0')},
+        {31, "fffffffe" + std::string(24, '0')},
+        {32, "ffffffff" + std::string(24, '0')},
+        {64, std::string(16, 'f') + std::string(16, '0')},
+        {128, std::string(32, 'f')},
+    };
+    for (const auto &c : v6) {
+        ip_addr_value a;
+        memset(a.bytes, 0xff, sizeof a.bytes);
+        a.length = 16;
+        EXPECT_EQ(mask_prefix(&a, c.first), 0);
+        EXPECT_EQ(hex(a), c.second) << c.first;
+    }
+    ip_addr_value v4 = {{192, 168, 1, 77}, 4};
+    mask_prefix(&v4, 24);
+    EXPECT_EQ(hex(v4), "c0a80100");
+    mask_prefix(&v4, 128);
+    EXPECT_EQ(hex(v4), "c0a80100");
+    EXPECT_EQ(mask_prefix(nullptr, 8), -1);
+}
+
+// Verifies the index orders: an address's length sorts before its bytes
+// (a 4-byte address before any 16-byte one, whatever the type value says
+// otherwise), two IPv6 rows differ by their last byte, and ifIndex compares
+// as a signed number.
+TEST(IpKit, IndexOrders)
+{
+    ip_address_entry a{}, b{};
+    a.addr_type = b.addr_type = 2;
+    a.addr = {{0xff, 0xff, 0xff, 0xff}, 4};
+    b.addr = {{0}, 16};
+    EXPECT_LT(ip_address_compare(&a, &b), 0);
+    a.addr = b.addr;
+    b.addr.bytes[15] = 1;
+    EXPECT_LT(ip_address_compare(&a, &b), 0);
+    EXPECT_GT(ip_address_compare(&b, &a), 0);
+    a.addr_type = 1;
+    EXPECT_LT(ip_address_compare(&a, &b), 0);
+
+    ip_system_stats_entry x{}, y{};
+    x.version = y.version = 2;
+    x.if_index = -1;
+    y.if_index = 1;
+    EXPECT_LT(ip_if_stats_compare(&x, &y), 0);
+    x.version = 1;
+    x.if_index = 5;
+    EXPECT_LT(ip_if_stats_compare(&x, &y), 0);
+}
+
+// Verifies IPv6 rows from if_inet6 lines: status, origin and storage type
+// from the address flags (permanent, temporary, deprecated, tentative, none,
+// other) and the link-local prefix; a line short of fields is refused.
+TEST(IpKit, AddressRowsFromInet6Lines)
+{
+    struct {
+        const char *line;
+        const char *want; // status origin storage
+    } cases[] = {
+        {"fe8000000000000000fc00fffe000001 04 40 20 80     eth0", "1 5 4"},
+        {"20010db8000000000000000000000001 04 40 00 01     eth0", "1 6 2"},
+        {"20010db8000000000000000000000002 04 40 00 20     eth0", "2 2 2"},
+        {"20010db8000000000000000000000003 04 40 00 40     eth0", "6 2 2"},
+        {"fe800000000000000000000000000003 04 40 20 40     eth0", "6 5 4"},
+        {"20010db8000000000000000000000004 04 40 00 00     eth0", "1 5 4"},
+        {"20010db8000000000000000000000005 04 40 00 02     eth0", "5 2 2"},
+    };
+    for (const auto &c : cases) {
+        if_inet6_line line;
+        ASSERT_TRUE(parse_if_inet6_line(c.line, &line)) << c.line;
+        ip_address_entry row{};
+        row.if_index = 4;
+        ip6_address_from_line(line, &row);
+        EXPECT_EQ(std::to_string(row.status) + " " + std::to_string(row.origin) + " " +
+                      std::to_string(row.storage),
+                  c.want)
+            << c.line;
+        EXPECT_EQ(row.addr_type, 2);
+        EXPECT_EQ(row.addr.length, 16u);
+    }
+    if_inet6_line line;
+    EXPECT_FALSE(parse_if_inet6_line("20010db8000000000000000000000001 04 40", &line));
+}
+
+} // namespace
