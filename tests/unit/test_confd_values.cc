@@ -50,7 +50,9 @@ TEST(ConfdHeaders, UsableFromC)
 // Verifies that reading a value through the getter of another type stops the program.
 TEST(ConfdValueMacrosDeathTest, GetterChecksType)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Re-executed unless the run says otherwise: under qemu user-mode emulation (the ARM build)
+    // a program cannot execute itself again, and the run asks for forking without exec.
+    if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr) GTEST_FLAG_SET(death_test_style, "threadsafe");
     confd_value_t v;
     CONFD_SET_INT32(&v, 5);
     EXPECT_DEATH((void)CONFD_GET_UINT32(&v), "C_UINT32");
@@ -266,7 +268,9 @@ TEST(ConfdErrors, PerThread)
 // built with other keypath sizes than the library is stopped at confd_init.
 TEST(ConfdErrorsDeathTest, FatalExits)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Re-executed unless the run says otherwise: under qemu user-mode emulation (the ARM build)
+    // a program cannot execute itself again, and the run asks for forking without exec.
+    if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr) GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(confd_fatal("cannot connect to %s\n", "127.0.0.1"), testing::ExitedWithCode(1),
                 "cannot connect to 127.0.0.1");
     EXPECT_EXIT(confd_init_vsn_sz("app", stderr, CONFD_SILENT, CONFD_LIB_API_VSN, MAXDEPTH,
