@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace
 {
@@ -63,6 +64,48 @@ unsigned char dump_request[NLMSG_LENGTH(sizeof(rtmsg))];
 unsigned char dump_buffer[dump_buffer_size];
 
 long clock_ticks = -1; // per second; read on first use
+
+// Sorts the neighbour rows into index order (ifIndex, address type, address
+// length, address bytes; equal rows in arrival order) as stats_list_sort
+// would, but on integer keys: the kernel lists neighbours in hash order, and
+// with thousands of them the comparator sort would cost more than the dump.
+// The key holds the ifIndex, type and length and the first 10 address
+// bytes; the last 6 bytes break ties.
+void sort_net_phys(stats_list *list)
+{
+    struct keyed {
+        unsigned __int128 key;
+        uint64_t tail;
+        uint32_t record;
+    };
+    static std::vector<keyed> keys; // kept so that a refresh does not allocate again
+    keys.resize(static_cast<size_t>(std::max(list->count, 0)));
+    for (int32_t p = 0; p < list->count; p++) {
+        const auto *row = static_cast<const ip_net_phys_entry *>(stats_list_record(list, p));
+        if (row->addr.length > sizeof row->addr.bytes || row->addr_type > 0xff) {
+            stats_list_sort(list); // no compact key: the comparator decides
+            return;
+        }
+        uint8_t bytes[16] = {};
+        memcpy(bytes, row->addr.bytes, row->addr.length);
+        unsigned __int128 key = static_cast<uint32_t>(row->if_index) ^ 0x80000000u;
+        key = key << 8 | row->addr_type;
+        key = key << 8 | row->addr.length;
+        uint64_t tail = 0;
+        for (int i = 0; i < 10; i++)
+            key = key << 8 | bytes[i];
+        for (int i = 10; i < 16; i++)
+            tail = tail << 8 | bytes[i];
+        keys[p] = {key, tail, list->order[p]};
+    }
+    std::sort(keys.begin(), keys.end(), [](const keyed &a, const keyed &b) {
+        if (a.key != b.key) return a.key < b.key;
+        if (a.tail != b.tail) return a.tail < b.tail;
+        return a.record < b.record;
+    });
+    for (int32_t p = 0; p < list->count; p++)
+        list->order[p] = keys[p].record;
+}
 
 // The neighbour states other than reachable, in the order they are tried.
 const struct {
@@ -280,7 +323,7 @@ int rtnl_dump(int type, rtnl_message_fn fn, stats_list *list)
                reinterpret_cast<sockaddr *>(&kernel), sizeof kernel) < 0)
         return -1;
     for (;;) {
-        memset(dump_buffer, 0, sizeof dump_buffer);
+        // Only the bytes received are walked, so the buffer is not cleared first.
         ssize_t received =
             recvfrom(dump_socket, dump_buffer, sizeof dump_buffer, 0, nullptr, nullptr);
         if (received < 0) return 0;
@@ -329,7 +372,7 @@ int update_net_phys_list(stats_list *list)
     TRACE_ENTER();
     list->count = 0;
     // After an error the rows received so far stay, in arrival order.
-    if (rtnl_dump(RTM_GETNEIGH, parse_neigh_msg, list) >= 0) stats_list_sort(list);
+    if (rtnl_dump(RTM_GETNEIGH, parse_neigh_msg, list) >= 0) sort_net_phys(list);
     TRACE_EXIT();
     return 0;
 }
