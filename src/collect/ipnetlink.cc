@@ -65,48 +65,6 @@ unsigned char dump_buffer[dump_buffer_size];
 
 long clock_ticks = -1; // per second; read on first use
 
-// Sorts the neighbour rows into index order (ifIndex, address type, address
-// length, address bytes; equal rows in arrival order) as stats_list_sort
-// would, but on integer keys: the kernel lists neighbours in hash order, and
-// with thousands of them the comparator sort would cost more than the dump.
-// The key holds the ifIndex, type and length and the first 10 address
-// bytes; the last 6 bytes break ties.
-void sort_net_phys(stats_list *list)
-{
-    struct keyed {
-        unsigned __int128 key;
-        uint64_t tail;
-        uint32_t record;
-    };
-    static std::vector<keyed> keys; // kept so that a refresh does not allocate again
-    keys.resize(static_cast<size_t>(std::max(list->count, 0)));
-    for (int32_t p = 0; p < list->count; p++) {
-        const auto *row = static_cast<const ip_net_phys_entry *>(stats_list_record(list, p));
-        if (row->addr.length > sizeof row->addr.bytes || row->addr_type > 0xff) {
-            stats_list_sort(list); // no compact key: the comparator decides
-            return;
-        }
-        uint8_t bytes[16] = {};
-        memcpy(bytes, row->addr.bytes, row->addr.length);
-        unsigned __int128 key = static_cast<uint32_t>(row->if_index) ^ 0x80000000u;
-        key = key << 8 | row->addr_type;
-        key = key << 8 | row->addr.length;
-        uint64_t tail = 0;
-        for (int i = 0; i < 10; i++)
-            key = key << 8 | bytes[i];
-        for (int i = 10; i < 16; i++)
-            tail = tail << 8 | bytes[i];
-        keys[p] = {key, tail, list->order[p]};
-    }
-    std::sort(keys.begin(), keys.end(), [](const keyed &a, const keyed &b) {
-        if (a.key != b.key) return a.key < b.key;
-        if (a.tail != b.tail) return a.tail < b.tail;
-        return a.record < b.record;
-    });
-    for (int32_t p = 0; p < list->count; p++)
-        list->order[p] = keys[p].record;
-}
-
 // The neighbour states other than reachable, in the order they are tried.
 const struct {
     uint16_t nud;
@@ -334,6 +292,61 @@ int rtnl_dump(int type, rtnl_message_fn fn, stats_list *list)
 
 // ---- ipNetToPhysicalTable
 
+// The kernel lists neighbours in hash order, and with thousands of them a
+// comparison sort costs more than the dump itself: the index is packed into
+// three integers (ifIndex, type, length and the address bytes, most
+// significant first) and sorted with a stable radix sort that passes over
+// only the bytes in which some rows differ.
+void ip_net_phys_sort(stats_list *list)
+{
+    struct keyed {
+        uint64_t word[3];
+        uint32_t record;
+    };
+    static std::vector<keyed> keys, spare; // kept so that a refresh does not allocate again
+    size_t n = static_cast<size_t>(std::max(list->count, 0));
+    keys.resize(n);
+    spare.resize(n);
+    uint64_t differ[3] = {};
+    for (size_t p = 0; p < n; p++) {
+        const auto *row = static_cast<const ip_net_phys_entry *>(
+            stats_list_record(list, static_cast<int32_t>(p)));
+        if (row->addr.length > sizeof row->addr.bytes || row->addr_type > 0xff) {
+            stats_list_sort(list); // no compact key: the comparator decides
+            return;
+        }
+        uint8_t b[16] = {};
+        memcpy(b, row->addr.bytes, row->addr.length);
+        keyed &k = keys[p];
+        k.word[0] = uint64_t(static_cast<uint32_t>(row->if_index) ^ 0x80000000u) << 32 |
+                    uint64_t(row->addr_type) << 24 | uint64_t(row->addr.length) << 16 |
+                    uint64_t(b[0]) << 8 | b[1];
+        k.word[1] = 0;
+        for (int i = 2; i < 10; i++)
+            k.word[1] = k.word[1] << 8 | b[i];
+        k.word[2] = 0;
+        for (int i = 10; i < 16; i++)
+            k.word[2] = k.word[2] << 8 | b[i];
+        k.record = list->order[p];
+        for (int w = 0; w < 3; w++)
+            differ[w] |= k.word[w] ^ keys[0].word[w];
+    }
+    for (int w = 2; w >= 0; w--)
+        for (int shift = 0; shift < 64; shift += 8) {
+            if (!((differ[w] >> shift) & 0xff)) continue;
+            uint32_t start[257] = {};
+            for (const keyed &k : keys)
+                start[((k.word[w] >> shift) & 0xff) + 1]++;
+            for (int i = 0; i < 256; i++)
+                start[i + 1] += start[i];
+            for (const keyed &k : keys)
+                spare[start[(k.word[w] >> shift) & 0xff]++] = k;
+            keys.swap(spare);
+        }
+    for (size_t p = 0; p < n; p++)
+        list->order[p] = keys[p].record;
+}
+
 void parse_neigh_msg(const unsigned char *message, stats_list *list)
 {
     nlmsghdr header;
@@ -372,7 +385,7 @@ int update_net_phys_list(stats_list *list)
     TRACE_ENTER();
     list->count = 0;
     // After an error the rows received so far stay, in arrival order.
-    if (rtnl_dump(RTM_GETNEIGH, parse_neigh_msg, list) >= 0) sort_net_phys(list);
+    if (rtnl_dump(RTM_GETNEIGH, parse_neigh_msg, list) >= 0) ip_net_phys_sort(list);
     TRACE_EXIT();
     return 0;
 }

@@ -260,6 +260,10 @@ int rtnl_dump(int type, rtnl_message_fn fn, stats_list *list);
 void parse_neigh_msg(const unsigned char *message, stats_list *list);
 void parse_route_msg(const unsigned char *message, stats_list *list);
 
+// Sorts ipNetToPhysicalTable rows exactly as stats_list_sort does with
+// ip_net_phys_compare (equal rows in arrival order), in linear time.
+void ip_net_phys_sort(stats_list *list);
+
 // Clock ticks per second for route expiry times (sysconf until set; tests set it).
 void ip_route_set_clock_ticks(long ticks);
 

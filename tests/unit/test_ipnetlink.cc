@@ -283,4 +283,31 @@ TEST(IpNetlink, AddressPrefixes)
                    }));
 }
 
+// Verifies the neighbour sort against the comparator sort on rows of mixed
+// interfaces (negative ifIndex included), families and duplicates.
+TEST(IpNetlink, NeighbourSortMatchesTheComparator)
+{
+    owned_list radix(sizeof(ip_net_phys_entry), ip_net_phys_compare);
+    owned_list plain(sizeof(ip_net_phys_entry), ip_net_phys_compare);
+    srand(7);
+    uint32_t serial = 0;
+    for (int i = 0; i < 3000; i++) {
+        ip_net_phys_entry row{};
+        row.if_index = rand() % 5 - 1;
+        row.addr_type = 1 + rand() % 2;
+        row.addr.length = rand() % 3 ? 4 : 16;
+        for (uint32_t b = 0; b < row.addr.length; b++)
+            row.addr.bytes[b] = static_cast<uint8_t>(b % 5 == 0 ? rand() % 3 : rand());
+        for (int copy = 0; copy < (i % 10 == 0 ? 2 : 1); copy++) { // every tenth index twice
+            row.state = serial++;
+            for (stats_list *l : {&radix.list, &plain.list})
+                *static_cast<ip_net_phys_entry *>(stats_list_at(l, l->count)) = row;
+        }
+    }
+    ip_net_phys_sort(&radix.list);
+    stats_list_sort(&plain.list);
+    for (int32_t p = 0; p < plain.list.count; p++)
+        ASSERT_EQ(radix.at<ip_net_phys_entry>(p).state, plain.at<ip_net_phys_entry>(p).state) << p;
+}
+
 } // namespace
