@@ -52,10 +52,11 @@ bytes join(std::vector<bytes> parts)
     return out;
 }
 
-bytes u32(uint32_t v)
+// The bytes of a value, as an attribute carries it.
+template <typename T> bytes raw(const T &v)
 {
-    bytes out(4);
-    memcpy(out.data(), &v, 4);
+    bytes out(sizeof v);
+    memcpy(out.data(), &v, sizeof v);
     return out;
 }
 
@@ -163,15 +164,6 @@ bytes route(uint8_t family, uint8_t dst_len, uint32_t flags, std::vector<bytes> 
     return message(RTM_NEWROUTE, rt, attrs);
 }
 
-bytes cacheinfo(int32_t expires)
-{
-    rta_cacheinfo ci{};
-    ci.rta_expires = expires;
-    bytes out(sizeof ci);
-    memcpy(out.data(), &ci, sizeof ci);
-    return attr(RTA_CACHEINFO, out);
-}
-
 // Verifies default routes: an IPv4 route via a gateway lists lifetime 65535;
 // a device route, a route with a destination prefix and an IPv6 route
 // without an expiry are not listed; an IPv6 route expiring in 180000 clock
@@ -180,21 +172,24 @@ bytes cacheinfo(int32_t expires)
 TEST(IpNetlink, DefaultRoutes)
 {
     ip_route_set_clock_ticks(100);
+    auto expiry = [](int32_t ticks) {
+        return attr(RTA_CACHEINFO, raw(rta_cacheinfo{0, 0, ticks, 0, 0, 0, 0, 0}));
+    };
     const bytes gw4 = {192, 168, 1, 254};
     struct {
         bytes msg;
         const char *want; // "" when the route is not listed
     } cases[] = {
-        {route(AF_INET, 0, 0, {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, u32(2))}),
+        {route(AF_INET, 0, 0, {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, raw(2))}),
          "1 c0a801fe 2 65535"},
-        {route(AF_INET, 0, 0, {attr(RTA_OIF, u32(2))}), ""},
-        {route(AF_INET, 8, 0, {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, u32(2))}), ""},
+        {route(AF_INET, 0, 0, {attr(RTA_OIF, raw(2))}), ""},
+        {route(AF_INET, 8, 0, {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, raw(2))}), ""},
         {route(AF_INET, 0, 0, {attr(RTA_GATEWAY, gw4)}), ""},
-        {route(AF_INET6, 0, 0, {attr(RTA_GATEWAY, v6), attr(RTA_OIF, u32(3)), cacheinfo(0)}), ""},
-        {route(AF_INET6, 0, 0, {attr(RTA_GATEWAY, v6), attr(RTA_OIF, u32(3)), cacheinfo(180000)}),
+        {route(AF_INET6, 0, 0, {attr(RTA_GATEWAY, v6), attr(RTA_OIF, raw(3)), expiry(0)}), ""},
+        {route(AF_INET6, 0, 0, {attr(RTA_GATEWAY, v6), attr(RTA_OIF, raw(3)), expiry(180000)}),
          "2 fe800000000000000000000000000001 3 1800"},
         {route(AF_INET, 0, RTM_F_CLONED,
-               {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, u32(2)), cacheinfo(0)}),
+               {attr(RTA_GATEWAY, gw4), attr(RTA_OIF, raw(2)), expiry(0)}),
          ""},
     };
     for (const auto &c : cases) {
@@ -218,14 +213,6 @@ bytes address(uint8_t family, uint8_t prefix_len, uint8_t flags, int ifindex, co
     return message(RTM_NEWADDR, ifa, more);
 }
 
-bytes addr_cacheinfo(uint32_t preferred, uint32_t valid)
-{
-    ifa_cacheinfo ci{preferred, valid, 0, 0};
-    bytes out(sizeof ci);
-    memcpy(out.data(), &ci, sizeof ci);
-    return attr(IFA_CACHEINFO, out);
-}
-
 // Verifies ipAddressPrefixTable rows from an address dump: the prefix masked
 // to its length, origins (manual, wellknown for 169.254/16 and for a
 // link-local address with flags, routeradv for an address without flags or
@@ -235,15 +222,18 @@ bytes addr_cacheinfo(uint32_t preferred, uint32_t valid)
 TEST(IpNetlink, AddressPrefixes)
 {
     const bytes global = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+    auto lifetimes = [](uint32_t preferred, uint32_t valid) {
+        return attr(IFA_CACHEINFO, raw(ifa_cacheinfo{preferred, valid, 0, 0}));
+    };
     bytes dump = join({
-        address(AF_INET, 24, 0x80, 2, {192, 168, 1, 1}, {addr_cacheinfo(0xffffffff, 0xffffffff)}),
-        address(AF_INET, 16, 0x80, 3, {169, 254, 10, 20}, {addr_cacheinfo(3600, 7200)}),
+        address(AF_INET, 24, 0x80, 2, {192, 168, 1, 1}, {lifetimes(0xffffffff, 0xffffffff)}),
+        address(AF_INET, 16, 0x80, 3, {169, 254, 10, 20}, {lifetimes(3600, 7200)}),
         address(AF_INET6, 64, 0x80, 2, v6),
         address(AF_INET6, 64, 0x00, 4, global),
         address(AF_INET6, 64, 0x01, 5, global),
         address(AF_INET6, 48, 0x80, 6, global),
         address(AF_INET, 24, 0x80, 2, {192, 168, 1, 77}),
-        address(AF_INET, 8, 0x80, 7, {10, 1, 2, 3}, {addr_cacheinfo(1, 2)}),
+        address(AF_INET, 8, 0x80, 7, {10, 1, 2, 3}, {lifetimes(1, 2)}),
     });
     dump.resize(dump.size() - 2); // the last cache information is cut short
     nlmsghdr h;
