@@ -6,7 +6,7 @@
 #include "core/trace.h"
 
 #include <err.h>
-#include <error.h>
+#include "core/portable.h"
 
 #include <dirent.h>
 
@@ -272,7 +272,7 @@ int update_ip_basic_stats(ip_scalars *scalars)
         if (!in) {
             // Every one of these files exists in a kernel with IP: one that
             // cannot be opened ends the daemon.
-            error(1, errno, "Could not open %s", path.c_str());
+            report_error(1, errno, "Could not open %s", path.c_str());
             *f.field = 0;
             continue;
         }
