@@ -422,6 +422,8 @@ TEST_F(MaapiTest, TypedReadsCursorsAndErrors)
     int b = -1;
     EXPECT_EQ(maapi_get_int32_elem(s, th, &i32, "/settings/counter"), CONFD_OK);
     EXPECT_EQ(i32, -42);
+    EXPECT_EQ(maapi_get_bool_elem(s, th, &b, "/settings/enabled"), CONFD_OK);
+    EXPECT_EQ(b, 1);
     struct confd_identityref id = {};
     EXPECT_EQ(maapi_get_identityref_elem(s, th, &id, "/settings/medium"), CONFD_OK);
     EXPECT_STREQ(confd_hash2str(id.id), "radio");
