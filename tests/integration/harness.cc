@@ -136,20 +136,6 @@ sockaddr_in loopback(int port)
     return sa;
 }
 
-int free_port()
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return 0;
-    sockaddr_in sa = loopback(0);
-    socklen_t len = sizeof sa;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&sa), &len) == 0)
-        port = ntohs(sa.sin_port);
-    close(fd);
-    return port;
-}
-
 std::string read_file(const std::string &path)
 {
     std::ifstream f(path);

@@ -14,8 +14,6 @@ namespace harness
 const char *confd_emu_path();
 const char *confd_emu_cli_path();
 
-// A TCP port on 127.0.0.1 that was free a moment ago (0 when none could be had).
-int free_port();
 // The address 127.0.0.1:port.
 sockaddr_in loopback(int port);
 

@@ -241,10 +241,8 @@ TEST_F(EmuTest, CliContractWithoutDaemons)
     EXPECT_EQ(emu_help.exit_code, 0);
     EXPECT_NE(emu_help.out.find("--timeout-ms"), std::string::npos);
 
-    int port = harness::free_port();
-    ASSERT_NE(port, 0);
-    harness::CmdResult down =
-        harness::run({harness::confd_emu_cli_path(), "--port", std::to_string(port), "status"});
+    // Nothing listens on the privileged port 1 of 127.0.0.1.
+    harness::CmdResult down = harness::run({harness::confd_emu_cli_path(), "--port", "1", "status"});
     EXPECT_EQ(down.exit_code, 1);
     EXPECT_TRUE(down.out.empty());
     EXPECT_NE(down.err.find("cannot connect"), std::string::npos);
@@ -498,9 +496,8 @@ TEST_F(EmuTest, UnknownCallpointIsRefused)
 }
 
 // Verifies that the schema the server hands out loads in the client library, over its own socket
-// or a MAAPI one ("fail load_schemas" makes one load fail): navigation by path and by keypath,
-// keys, leaf types, names both ways, keypaths printed with names in ConfD's and XPath form, and
-// values converted by their types.
+// or a MAAPI one ("fail load_schemas" makes one load fail), for what the daemon does with it:
+// nodes found by keypath, keypaths printed with names, enumerations printed by name.
 TEST_F(EmuTest, SchemaLoadsInTheLibrary)
 {
     start({}, false);
@@ -514,38 +511,6 @@ TEST_F(EmuTest, SchemaLoadsInTheLibrary)
     ASSERT_EQ(maapi_load_schemas(ms), CONFD_OK) << confd_lasterr();
     EXPECT_EQ(maapi_close(ms), CONFD_OK);
     ASSERT_EQ(confd_load_schemas(sp, sizeof sa), CONFD_OK) << confd_lasterr();
-
-    EXPECT_STREQ(confd_hash2str(TCP_MIB_tcpListenerProcess), "tcpListenerProcess");
-    EXPECT_EQ(confd_str2hash("tcpListenerProcess"),
-              static_cast<uint32_t>(TCP_MIB_tcpListenerProcess));
-    EXPECT_EQ(confd_str2hash("nosuch"), 0u);
-    EXPECT_STREQ(confd_ns2prefix(TCP_MIB__ns), "TCP-MIB");
-    confd_nsinfo *list = nullptr;
-    int count = confd_get_nslist(&list);
-    bool listed = false;
-    for (int i = 0; i < count; i++)
-        listed = listed || std::string(list[i].uri) == TCP_MIB__ns_uri;
-    EXPECT_TRUE(listed);
-
-    confd_cs_node *root = confd_find_cs_root(TCP_MIB__ns);
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->tag, static_cast<uint32_t>(TCP_MIB_TCP_MIB));
-    confd_cs_node *entry = confd_cs_node_cd(nullptr, "/TCP-MIB/tcpListenerTable/tcpListenerEntry");
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->parent->parent, root);
-    EXPECT_TRUE(entry->info.flags & CS_NODE_IS_DYN);
-    ASSERT_NE(entry->info.keys, nullptr);
-    EXPECT_EQ(entry->info.keys[0], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalAddressType));
-    EXPECT_EQ(entry->info.keys[2], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalPort));
-    EXPECT_EQ(entry->info.keys[3], 0u);
-    confd_cs_node *leaf =
-        confd_find_cs_node_child(entry, {TCP_MIB_tcpListenerProcess, TCP_MIB__ns});
-    ASSERT_NE(leaf, nullptr);
-    EXPECT_EQ(leaf->info.shallow_type, C_UINT32);
-    EXPECT_EQ(confd_cs_node_cd(entry, "../tcpListenerEntry{%d %s %u}/%s", 1, "7f000001", 22u,
-                               "tcpListenerProcess"),
-              leaf);
-    EXPECT_EQ(confd_cs_node_cd(nullptr, "/TCP-MIB/nosuch"), nullptr);
 
     // /TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess
     static const unsigned char addr[] = {0x7f, 0, 0, 1};
@@ -563,25 +528,21 @@ TEST_F(EmuTest, SchemaLoadsInTheLibrary)
     CONFD_SET_BINARY(&kp.v[1][1], addr, 4);
     CONFD_SET_UINT32(&kp.v[1][2], 22);
     CONFD_SET_NOEXISTS(&kp.v[1][3]);
-    EXPECT_EQ(confd_find_cs_node(&kp, 3), entry);
-    EXPECT_EQ(confd_find_cs_node(&kp, kp.len), leaf);
+    confd_cs_node *entry = confd_find_cs_node(&kp, 3);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->tag, static_cast<uint32_t>(TCP_MIB_tcpListenerEntry));
+    ASSERT_NE(entry->info.keys, nullptr);
+    EXPECT_EQ(entry->info.keys[2], static_cast<uint32_t>(TCP_MIB_tcpListenerLocalPort));
+    EXPECT_EQ(entry->info.keys[3], 0u);
+    confd_cs_node *leaf = confd_find_cs_node(&kp, kp.len);
+    ASSERT_NE(leaf, nullptr);
+    EXPECT_EQ(leaf->info.shallow_type, C_UINT32);
     char buf[256];
     const char *want =
         "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess";
     EXPECT_EQ(confd_pp_kpath(buf, sizeof buf, &kp), static_cast<int>(strlen(want)));
     EXPECT_STREQ(buf, want);
-    char small[12];
-    EXPECT_EQ(confd_pp_kpath(small, sizeof small, &kp), static_cast<int>(strlen(want)));
-    EXPECT_STREQ(small, "/TCP-MIB/tc");
-    confd_xpath_pp_kpath(buf, sizeof buf, 0, &kp);
-    EXPECT_STREQ(buf, "/TCP-MIB:TCP-MIB/TCP-MIB:tcpListenerTable/TCP-MIB:tcpListenerEntry"
-                      "[tcpListenerLocalAddressType='1'][tcpListenerLocalAddress='7f000001']"
-                      "[tcpListenerLocalPort='22']/TCP-MIB:tcpListenerProcess");
-    CONFD_SET_XMLTAG(&kp.v[0][0], 99, 0);
-    confd_pp_kpath(buf, sizeof buf, &kp);
-    EXPECT_STREQ(buf, "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tag<99>");
 
-    // Enumeration names both ways, numbers within their range, binaries in hex.
     confd_type *type =
         confd_find_cs_node_child(entry, {TCP_MIB_tcpListenerLocalAddressType, TCP_MIB__ns})
             ->info.type;
@@ -589,18 +550,6 @@ TEST_F(EmuTest, SchemaLoadsInTheLibrary)
     CONFD_SET_ENUM_VALUE(&v, 2);
     EXPECT_EQ(confd_val2str(type, &v, buf, sizeof buf), 4);
     EXPECT_STREQ(buf, "ipv6");
-    ASSERT_EQ(confd_str2val(type, "ipv4", &v), CONFD_OK);
-    EXPECT_EQ(CONFD_GET_ENUM_VALUE(&v), 1);
-    EXPECT_EQ(confd_str2val(type, "ipx", &v), CONFD_ERR);
-    EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
-    confd_type *u32 = confd_find_ns_type(0, "uint32");
-    EXPECT_EQ(confd_str2val(u32, "4294967296", &v), CONFD_ERR);
-    ASSERT_EQ(confd_str2val(u32, "4294967295", &v), CONFD_OK);
-    EXPECT_EQ(confd_val2str(u32, &v, buf, sizeof buf), 10);
-    confd_type *bin = confd_find_ns_type(0, "binary");
-    ASSERT_EQ(confd_str2val(bin, "7f:00:00:01", &v), CONFD_OK);
-    EXPECT_EQ(CONFD_GET_BINARY_SIZE(&v), 4u);
-    confd_free_value(&v);
 }
 
 } // namespace

@@ -17,16 +17,13 @@
 
 #include "wire.h"
 
-// Listens on 127.0.0.1 (ephemeral port). Answers Hello, registrations and
-// the MAAPI operations Attach/Detach itself; every other frame
-// the client sends (replies, notifications) is queued for the test, which
-// drives the daemon side by sending requests on the server ends.
+// Listens on 127.0.0.1 (ephemeral port). Answers Hello, registrations and MAAPI itself; every
+// other frame the client sends (replies, notifications) is queued for the test, which drives the
+// daemon side by sending requests on the server ends.
 class FakeConfd
 {
   public:
-    // Callpoint the server refuses at registration, and a transaction handle
-    // it refuses to attach to.
-    static constexpr const char *kBadCallpoint = "no_such_cp";
+    // A transaction handle the server refuses to attach to.
     static constexpr uint32_t kBadThandle = 666;
     static constexpr uint32_t kDaemonId = 7;
 
@@ -76,13 +73,6 @@ class FakeConfd
         payload = queue_.front();
         queue_.pop_front();
         return true;
-    }
-
-    // Registration frames seen (RegTrans, RegData, RegSnmpNotif, RegDone), in order.
-    std::vector<std::string> registrations()
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        return regs_;
     }
 
     void send(int fd, const confd_wire::Writer &w) { confd_wire::send_frame(fd, w.payload()); }
@@ -151,14 +141,7 @@ class FakeConfd
                     answer_ok(fd, {});
             } else if (op == Op::RegTrans || op == Op::RegData || op == Op::RegSnmpNotif ||
                        op == Op::RegDone) {
-                {
-                    std::lock_guard<std::mutex> lock(mu_);
-                    regs_.push_back(p);
-                }
-                if (op == Op::RegData && rd.str() == kBadCallpoint)
-                    answer_err(fd, 1 /* CONFD_ERR_NOEXISTS */,
-                               "callpoint no_such_cp is not in the schema");
-                else if (op == Op::RegSnmpNotif)
+                if (op == Op::RegSnmpNotif)
                     answer_ok(fd, {42});
                 else
                     answer_ok(fd, {});
@@ -188,5 +171,4 @@ class FakeConfd
     std::vector<int> fds_;
     std::vector<std::pair<int, confd_wire::ConnKind>> kinds_;
     std::deque<std::string> queue_;
-    std::vector<std::string> regs_;
 };

@@ -40,13 +40,6 @@ inline std::string path_of(const emu::SchemaNode *n)
     return n ? path_of(n->parent) + "/" + n->name : "";
 }
 
-// "C_UINT32" for a confd_vtype, the number for one without a name.
-inline std::string vt_name(int v)
-{
-    const char *n = emu::vtype_name(v);
-    return n ? n : std::to_string(v);
-}
-
 // A scratch directory of YANG modules, removed when the object goes away.
 struct ModelDir {
     std::string path;

