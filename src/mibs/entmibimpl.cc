@@ -40,10 +40,12 @@ int entity_phyentry_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp,
 int entity_phyentry_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     TRACE_ENTER();
-    // A package that cannot be read is answered as the end of the table, as
-    // the router always has; the next try comes with the 20th request.
+    // A package that cannot be read leaves the row without values; the next
+    // try comes with the 20th request. A read is answered "not found": an
+    // end-of-list reply is no answer to a read, and ConfD would drop the
+    // daemon for not answering.
     if (request_count_due(&entity.requests, entity_period) && ent_read_systeminfo(&entity) != 0) {
-        confd_data_reply_next_key(tctx, nullptr, -1, -1);
+        confd_data_reply_not_found(tctx);
         TRACE_EXIT();
         return CONFD_OK;
     }

@@ -189,13 +189,13 @@ class EntityTest : public provider_test
     FixtureEnv env_;
 };
 
-// Verifies the chassis row: a failed load answers the end of the list and is
+// Verifies the chassis row: a failed load answers "not found" and is
 // retried on the 20th request only; then every index gets the same values,
 // over-long options cut to their fields; the package is reread on the 20th
 // request after; a walk gives the one row.
 TEST_F(EntityTest, ChassisRowAndRequestCount)
 {
-    EXPECT_EQ(get_leaf("i1", ENTITY_MIB_entPhysicalSerialNum), "end");
+    EXPECT_EQ(get_leaf("i1", ENTITY_MIB_entPhysicalSerialNum), "not-found");
     write_package("SERIAL-NUMBER-TOO-LONG");
     for (int n = 2; n <= 19; n++)
         EXPECT_EQ(get_leaf("i1", ENTITY_MIB_entPhysicalIndex), "i0") << "request " << n;
