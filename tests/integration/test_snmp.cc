@@ -208,6 +208,13 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
             EXPECT_NE(vbs[i].second.find("No Such Instance"), std::string::npos) << vbs[i].second;
         EXPECT_NE(vbs[4].second.find("No Such Object"), std::string::npos) << vbs[4].second;
 
+        // The modules generated from the models name what the agent serves.
+        r = harness::run({"/usr/bin/snmpbulkwalk", "-v2c", "-c", "public", "-M", MIBS_DIR, "-m",
+                          "TCP-MIB", "-Oeb", kAgent, "TCP-MIB::tcpConnectionState"});
+        EXPECT_NE(r.out.find("TCP-MIB::tcpConnectionState.1.4.127.0.0.1.7000.1.4.127.0.0.1."),
+                  std::string::npos)
+            << r.out << r.err;
+
         // A community the running configuration does not know gets no answer.
         r = tool("snmpget", {".1.3.6.1.2.1.6.5.0"}, "not-a-community");
         EXPECT_NE(r.exit_code, 0);
