@@ -286,7 +286,10 @@ bool decode_index(const SchemaNode *list, const oid *idx, size_t len, std::vecto
         case vt::INT32:
         case vt::INT64:
         case vt::ENUM_VALUE:
-            if (at >= len || idx[at] > 0x7fffffffu) return false;
+            if (at >= len || idx[at] > (kl->vtype == vt::INT8    ? 0x7fu
+                                        : kl->vtype == vt::INT16 ? 0x7fffu
+                                                                 : 0x7fffffffu))
+                return false;
             k.type = static_cast<uint8_t>(kl->vtype);
             k.i = static_cast<int64_t>(idx[at++]);
             if (kl->vtype == vt::ENUM_VALUE &&
@@ -298,7 +301,10 @@ bool decode_index(const SchemaNode *list, const oid *idx, size_t len, std::vecto
         case vt::UINT16:
         case vt::UINT32:
         case vt::UINT64:
-            if (at >= len || idx[at] > 0xffffffffu) return false;
+            if (at >= len || idx[at] > (kl->vtype == vt::UINT8    ? 0xffu
+                                        : kl->vtype == vt::UINT16 ? 0xffffu
+                                                                  : 0xffffffffu))
+                return false;
             k.type = static_cast<uint8_t>(kl->vtype);
             k.u = idx[at++];
             break;
@@ -909,7 +915,8 @@ bool SnmpAgent::start(std::string &err)
                            NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS, 1);
     netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_PORTS, m.opt.listen.c_str());
     setenv("MIBS", "", 1);
-    snmp_enable_stderrlog();
+    // Errors only: the library's warning about its own (unused) access control is no news here.
+    netsnmp_register_loghandler(NETSNMP_LOGHANDLER_STDERR, LOG_ERR);
     init_agent("confd-emu");
     for (auto &st : m.subtrees) {
         netsnmp_handler_registration *reg = netsnmp_create_handler_registration(
