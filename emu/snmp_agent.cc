@@ -384,6 +384,17 @@ struct SnmpAgent::Impl {
     std::unique_ptr<DpSession> session; // for the PDU being handled
     std::map<std::string, Oid> names;   // leaf name -> OID, for notification bindings
 
+    // The SET being handled: its writes (checked in RESERVE1), and the datastore transaction they
+    // run in from ACTION on.
+    struct Write {
+        netsnmp_request_info *req;
+        std::string path;
+        Value value;
+    };
+    std::vector<Write> writes;
+    uint32_t set_th = 0;
+    bool committed = false;
+
     std::thread th;
     int wake_fd = -1;
     std::atomic<bool> stop{false};
@@ -416,6 +427,9 @@ struct SnmpAgent::Impl {
     void handle_next(const Subtree &st, netsnmp_agent_request_info *ri, netsnmp_request_info *r);
     bool answer(const Object &o, const Oid &instance, const std::vector<Value> &keys,
                 netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next);
+    void handle_set(const Subtree &st, int mode, netsnmp_agent_request_info *ri,
+                    netsnmp_request_info *requests);
+    void end_set();
     bool community_known(const std::string &c);
     void send_trap(const Notification &n);
     void loop();
@@ -716,12 +730,147 @@ bool SnmpAgent::Impl::community_known(const std::string &c)
 namespace
 {
 
+// A SET's value as the leaf takes it; an SNMP error status when it cannot be one.
+int from_snmp(const SchemaNode *leaf, const netsnmp_variable_list *vb, Value &out)
+{
+    using namespace confd_wire;
+    out = Value();
+    switch (leaf->vtype) {
+    case vt::INT8:
+    case vt::INT16:
+    case vt::INT32:
+    case vt::INT64:
+    case vt::ENUM_VALUE:
+        if (vb->type != ASN_INTEGER) return SNMP_ERR_WRONGTYPE;
+        out.type = static_cast<uint8_t>(leaf->vtype);
+        out.i = *vb->val.integer;
+        if (leaf->vtype == vt::ENUM_VALUE &&
+            std::none_of(leaf->enums.begin(), leaf->enums.end(),
+                         [&](const auto &e) { return e.second == out.i; }))
+            return SNMP_ERR_WRONGVALUE;
+        return SNMP_ERR_NOERROR;
+    case vt::UINT8:
+    case vt::UINT16:
+    case vt::UINT32:
+        if (vb->type != ASN_GAUGE && vb->type != ASN_COUNTER && vb->type != ASN_TIMETICKS)
+            return SNMP_ERR_WRONGTYPE;
+        out.type = static_cast<uint8_t>(leaf->vtype);
+        out.u = static_cast<uint32_t>(*vb->val.integer);
+        return SNMP_ERR_NOERROR;
+    case vt::STR:
+    case vt::BUF:
+    case vt::BINARY:
+        if (vb->type != ASN_OCTET_STR) return SNMP_ERR_WRONGTYPE;
+        out.type = leaf->vtype == vt::BINARY ? T_BINARY : T_BUF;
+        out.bytes.assign(reinterpret_cast<const char *>(vb->val.string), vb->val_len);
+        return SNMP_ERR_NOERROR;
+    case vt::IPV4:
+        if (vb->type != ASN_IPADDRESS || vb->val_len != 4) return SNMP_ERR_WRONGTYPE;
+        out.type = T_IPV4;
+        out.bytes.assign(reinterpret_cast<const char *>(vb->val.string), 4);
+        return SNMP_ERR_NOERROR;
+    default:
+        return SNMP_ERR_NOTWRITABLE;
+    }
+}
+
+} // namespace
+
+// SET on configuration the management plane stores: each varbind checked and converted in
+// RESERVE1, written into one datastore transaction in ACTION, committed (commit-diff subscribers
+// told) in COMMIT. Data a daemon serves is not writable through SNMP.
+void SnmpAgent::Impl::handle_set(const Subtree &st, int mode, netsnmp_agent_request_info *ri,
+                                 netsnmp_request_info *requests)
+{
+    std::string err;
+    for (netsnmp_request_info *r = requests; r; r = r->next) {
+        if (r->processed) continue;
+        if (mode == MODE_SET_RESERVE1) {
+            Oid name(r->requestvb->name, r->requestvb->name + r->requestvb->name_length);
+            auto it =
+                std::upper_bound(st.objects.begin(), st.objects.end(), name,
+                                 [](const Oid &n, const Object &o) { return oid_less(n, o.oid); });
+            if (it == st.objects.begin() || !has_prefix(name, (it - 1)->oid)) {
+                netsnmp_set_request_error(ri, r, SNMP_ERR_NOTWRITABLE);
+                continue;
+            }
+            const Object &o = *(it - 1);
+            const oid *idx = name.data() + o.oid.size();
+            size_t len = name.size() - o.oid.size();
+            std::vector<Value> keys;
+            bool ok = o.list ? decode_index(o.list, idx, len, keys) : (len == 1 && idx[0] == 0);
+            Route route;
+            const SchemaNode *owner = schema.callpoint_owner(o.leaf);
+            if (!o.leaf->config || o.leaf->is_key || !stored(o.leaf) ||
+                (owner && reg.route(owner->callpoint, route, err))) {
+                netsnmp_set_request_error(ri, r, SNMP_ERR_NOTWRITABLE);
+                continue;
+            }
+            if (!ok) {
+                netsnmp_set_request_error(ri, r, SNMP_ERR_NOCREATION);
+                continue;
+            }
+            Write w;
+            w.req = r;
+            w.path = pp_path(schema, path_of(o.leaf, keys));
+            int status = from_snmp(o.leaf, r->requestvb, w.value);
+            if (status != SNMP_ERR_NOERROR) {
+                netsnmp_set_request_error(ri, r, status);
+                continue;
+            }
+            writes.push_back(std::move(w));
+        } else if (mode == MODE_SET_ACTION) {
+            if (!set_th) {
+                set_th = reg.open_trans(0, CONFD_READ_WRITE);
+                UserInfo u;
+                u.user = "snmp";
+                u.context = "snmp";
+                u.usid = reg.new_usid();
+                if (ds->begin(set_th, CONFD_READ_WRITE, u, err)) {
+                    netsnmp_set_request_error(ri, r, SNMP_ERR_RESOURCEUNAVAILABLE);
+                    continue;
+                }
+            }
+            for (const Write &w : writes) {
+                if (w.req != r) continue;
+                int rc = ds->set_elem(set_th, w.path, w.value, err);
+                if (rc == CONFD_ERR_NOEXISTS || rc == CONFD_ERR_BADPATH)
+                    netsnmp_set_request_error(ri, r, SNMP_ERR_NOCREATION);
+                else if (rc)
+                    netsnmp_set_request_error(ri, r, SNMP_ERR_WRONGVALUE);
+            }
+        } else if (mode == MODE_SET_COMMIT && set_th && !committed) {
+            committed = true;
+            if (commit_and_notify(reg, *ds, set_th, opt.diff_timeout_ms, err)) {
+                std::fprintf(stderr, "confd-emu: snmp: commit failed: %s\n", err.c_str());
+                netsnmp_set_request_error(ri, r, SNMP_ERR_COMMITFAILED);
+            }
+        }
+    }
+    if (mode == MODE_SET_FREE || mode == MODE_SET_UNDO) end_set();
+}
+
+void SnmpAgent::Impl::end_set()
+{
+    if (set_th) reg.close_trans(set_th);
+    set_th = 0;
+    committed = false;
+    writes.clear();
+}
+
+namespace
+{
+
 SnmpAgent::Impl *g_agent = nullptr; // net-snmp's callbacks carry no pointer of ours
 
 int handle_request(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
                    netsnmp_agent_request_info *ri, netsnmp_request_info *requests)
 {
     auto *st = static_cast<const Subtree *>(handler->myvoid);
+    if (ri->mode != MODE_GET && ri->mode != MODE_GETNEXT) {
+        g_agent->handle_set(*st, ri->mode, ri, requests);
+        return SNMP_ERR_NOERROR;
+    }
     for (netsnmp_request_info *r = requests; r; r = r->next) {
         if (r->processed) continue;
         switch (ri->mode) {
@@ -732,7 +881,6 @@ int handle_request(netsnmp_mib_handler *handler, netsnmp_handler_registration *,
             g_agent->handle_next(*st, ri, r);
             break;
         default:
-            netsnmp_set_request_error(ri, r, SNMP_ERR_NOTWRITABLE);
             break;
         }
     }
@@ -874,6 +1022,7 @@ void SnmpAgent::Impl::loop()
         netsnmp_check_outstanding_agent_requests();
         // Each PDU runs in transactions of its own.
         session.reset();
+        end_set();
     }
 }
 
@@ -920,7 +1069,7 @@ bool SnmpAgent::start(std::string &err)
     init_agent("confd-emu");
     for (auto &st : m.subtrees) {
         netsnmp_handler_registration *reg = netsnmp_create_handler_registration(
-            "confd-emu", handle_request, st->root.data(), st->root.size(), HANDLER_CAN_RONLY);
+            "confd-emu", handle_request, st->root.data(), st->root.size(), HANDLER_CAN_RWRITE);
         reg->handler->myvoid = st.get();
         if (netsnmp_register_handler(reg) != MIB_REGISTERED_OK) {
             err = "cannot register the subtree of " + st->objects.front().leaf->name;
