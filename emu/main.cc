@@ -128,8 +128,7 @@ int main(int argc, char **argv)
         init_file = models + "/demo-init.xml";
     emu::Datastore ds(schema);
     if (!ds.load(init_file, err)) {
-        std::fprintf(stderr, "confd-emu: cannot load the initial configuration: %s\n",
-                     err.c_str());
+        std::fprintf(stderr, "confd-emu: cannot load the initial configuration: %s\n", err.c_str());
         return 1;
     }
 
@@ -155,6 +154,7 @@ int main(int argc, char **argv)
     }
     std::unique_ptr<emu::SnmpAgent> agent;
     if (!snmp.listen.empty()) {
+        snmp.diff_timeout_ms = opt.diff_timeout_ms ? opt.diff_timeout_ms : opt.timeout_ms;
         agent = std::make_unique<emu::SnmpAgent>(server.registry(), schema, &ds, snmp);
         if (!agent->start(err)) {
             std::fprintf(stderr, "confd-emu: %s\n", err.c_str());
