@@ -45,8 +45,9 @@ using Oid = std::vector<oid>;
 namespace
 {
 
-// How long a table's row list serves GETNEXT requests before the daemon is walked again.
-constexpr auto kRowsTtl = std::chrono::milliseconds(1000);
+// How long a table's row list serves GETNEXT requests before the daemon is walked again (as
+// long as a bulk walk of a 20 000-row table takes; snmpd keeps its tables about as long).
+constexpr auto kRowsTtl = std::chrono::milliseconds(5000);
 
 // Entries whose last index is IMPLIED in their MIB (a string index without its length).
 bool implied_last(const SchemaNode *list)
