@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <unordered_set>
 
 #include "confd_lib.h"
 #include "dp_session.h"
@@ -229,27 +230,44 @@ bool stored_entries(CliEnv &env, const std::string &list, std::vector<std::vecto
     }
 }
 
-// One transaction of the command line's own: the changes (path, value; no value creates a list
-// entry) written and committed, commit-diff subscribers told. {"result":"ok"} or an error.
-std::string commit_changes(CliEnv &env, const Args &a,
-                           const std::vector<std::pair<std::string, const Value *>> &changes)
+// One change of a command-line commit.
+struct Change {
+    enum Kind { Set, Create, Delete, Move, Attr } kind = Set;
+    std::string path;
+    Value value;        // Set
+    std::string anchor; // Move: keypath of the entry it goes after, empty for the first place
+    uint32_t attr = 0;  // Attr: which attribute, with text as its value (removed when !has_text)
+    std::string text;
+    bool has_text = false;
+};
+
+// One transaction of the command line's own: the changes written and committed, commit-diff
+// subscribers told. {"result":"ok"} or an error.
+std::string commit_changes(CliEnv &env, const Args &a, const std::vector<Change> &changes)
 {
-    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE);
+    std::string err;
+    uint32_t th = env.reg.open_trans(0, CONFD_READ_WRITE, err);
+    if (th == 0) return error_json(err);
     TransGuard guard{env.reg, th};
     UserInfo u;
     u.user = user_of(a);
     u.context = context_of(a);
     u.usid = env.reg.new_usid();
-    std::string err;
     int rc = env.ds->begin(th, CONFD_READ_WRITE, u, err);
     for (size_t i = 0; i < changes.size() && !rc; i++) {
-        const auto &c = changes[i];
-        if (c.second) {
-            rc = env.ds->set_elem(th, c.first, *c.second, err);
-        } else if ((rc = env.ds->create(th, c.first, err)) == CONFD_ERR_ALREADY_EXISTS) {
-            rc = 0;
+        const Change &c = changes[i];
+        switch (c.kind) {
+        case Change::Set: rc = env.ds->set_elem(th, c.path, c.value, err); break;
+        case Change::Create:
+            if ((rc = env.ds->create(th, c.path, err)) == CONFD_ERR_ALREADY_EXISTS) rc = 0;
+            break;
+        case Change::Delete: rc = env.ds->remove(th, c.path, err); break;
+        case Change::Move: rc = env.ds->move_after(th, c.path, c.anchor, err); break;
+        case Change::Attr:
+            rc = env.ds->set_attr(th, c.path, c.attr, c.has_text ? &c.text : nullptr, err);
+            break;
         }
-        if (rc) err = c.first + ": " + err;
+        if (rc) err = c.path + ": " + err;
     }
     if (!rc) rc = commit_and_notify(env.reg, *env.ds, th, env.diff_timeout_ms, err);
     return rc ? error_json(err) : kOk;
@@ -359,9 +377,12 @@ std::string cmd_next(CliEnv &env, const Args &a)
     return "{\"keys\":" + keys_json(r.values) + ",\"next\":" + std::to_string(r.next) + "}";
 }
 
-std::string cmd_walk(CliEnv &env, const Args &a)
+std::string cmd_walk(CliEnv &env, const Args &a, std::string &failure)
 {
-    if (a.pos.size() != 1) return error_json("usage: walk PATH [--leaves a,b]");
+    long long limit = static_cast<long long>(env.walk_limit);
+    if (a.pos.size() != 1 ||
+        (a.has("--limit") && (!parse_int(a.opt.at("--limit"), limit) || limit < 1)))
+        return error_json("usage: walk PATH [--leaves a,b] [--limit N]");
     ParsedPath p;
     std::string err;
     if (!resolve(env.schema, a.pos[0], true, p, err)) return error_json(err);
@@ -390,9 +411,11 @@ std::string cmd_walk(CliEnv &env, const Args &a)
     if (stored(env, list)) {
         std::vector<std::vector<Value>> entries;
         if (!stored_entries(env, a.pos[0], entries, err)) return error_json(err);
-        if (entries.size() > env.walk_limit)
-            return error_json("walk of " + list->name + " stopped after " +
-                              std::to_string(env.walk_limit) + " rows");
+        if (entries.size() > static_cast<unsigned long long>(limit)) {
+            failure = "walk of " + list->name + " stopped after " + std::to_string(limit) +
+                      " rows (--limit)";
+            return "";
+        }
         std::string out = "[";
         for (size_t i = 0; i < entries.size(); i++) {
             ParsedPath entry = p;
@@ -420,25 +443,31 @@ std::string cmd_walk(CliEnv &env, const Args &a)
     if (!t) return error_json(err);
     std::string out = "[";
     Cursor c;
-    for (size_t rows = 0;; rows++) {
+    // The walk follows the daemon's cookies, as ConfD does. Keys may repeat while the cookie
+    // advances (several tables of the router list the same keys more than once), so only a
+    // cookie handed back a second time proves a loop.
+    std::unordered_set<int64_t> cookies;
+    for (long long rows = 0;; rows++) {
         DpReply r;
         if (!step_list(s, *t, list, p, c, r, err)) return error_json(err);
         if (r.kind == ReplyKind::NextEnd) break;
-        if (rows >= env.walk_limit)
-            return error_json("walk of " + list->name + " stopped after " +
-                              std::to_string(env.walk_limit) + " rows");
-        // A daemon that hands back the cookie it was given, or the keys it gave last, would make
-        // the walk go round forever.
-        if (r.next != -1 && !c.use_find && r.next == c.cookie)
-            return error_json("daemon " + t->route.daemon + " returned cookie " +
-                              std::to_string(r.next) + " again: the walk of " + list->name +
-                              " does not advance");
-        // Rows with equal keys are no loop while the cookie advances (the IP provider lists an
-        // interface once per IPv4 address); stepping by keys, the same keys again would be one.
-        if (rows > 0 && c.use_find && keys_json(r.values) == keys_json(c.last_keys))
-            return error_json("daemon " + t->route.daemon + " returned the keys " +
-                              keys_json(r.values) + " twice: the walk of " + list->name +
-                              " does not advance");
+        if (rows >= limit) {
+            failure = "walk of " + list->name + " stopped after " + std::to_string(limit) +
+                      " rows (--limit)";
+            return "";
+        }
+        if (r.next != -1 && !cookies.insert(r.next).second) {
+            failure = "daemon " + t->route.daemon + " returned cookie " + std::to_string(r.next) +
+                      " again after " + std::to_string(rows + 1) + " rows: the walk of " +
+                      list->name + " does not advance";
+            return "";
+        }
+        // Stepping by keys (find_next after the last ones), the same keys again are a loop.
+        if (rows > 0 && c.use_find && keys_json(r.values) == keys_json(c.last_keys)) {
+            failure = "daemon " + t->route.daemon + " returned the keys " + keys_json(r.values) +
+                      " twice: the walk of " + list->name + " does not advance";
+            return "";
+        }
 
         ParsedPath entry = p;
         entry.steps.back().keys = r.values;
@@ -494,7 +523,12 @@ std::string cmd_set(CliEnv &env, const Args &a)
         Route route;
         std::string ignored;
         if (!owner || !env.reg.route(owner->callpoint, route, ignored))
-            return commit_changes(env, a, {{a.pos[0], &v}});
+        {
+            Change c;
+            c.path = a.pos[0];
+            c.value = v;
+            return commit_changes(env, a, {c});
+        }
     }
     DpSession s(env.reg, env.schema, CONFD_READ_WRITE, context_of(a), user_of(a));
     DpSession::Txn *t = s.txn_for(leaf, err, true);
@@ -547,9 +581,11 @@ std::string cmd_fail(CliEnv &env, const Args &a)
     return kOk;
 }
 
-// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
-bool split_change(const std::string &arg, std::string &path, std::string &value)
+// Position of the first (with last, the last) mark in arg outside braces, skipping quoted keys
+// inside them; npos when there is none.
+size_t outside_braces(const std::string &arg, char mark, bool last)
 {
+    size_t at = std::string::npos;
     int depth = 0;
     bool quoted = false;
     for (size_t i = 0; i < arg.size(); i++) {
@@ -565,38 +601,102 @@ bool split_change(const std::string &arg, std::string &path, std::string &value)
             depth++;
         } else if (c == '}') {
             depth--;
-        } else if (c == '=' && depth == 0) {
-            path = arg.substr(0, i);
-            value = arg.substr(i + 1);
-            return true;
+        } else if (c == mark && depth == 0) {
+            at = i;
+            if (!last) break;
         }
     }
-    path = arg;
-    return false;
+    return at;
+}
+
+// "PATH=VALUE" split at the first '=' outside braces and quotes; false when there is none.
+bool split_change(const std::string &arg, std::string &path, std::string &value)
+{
+    size_t eq = outside_braces(arg, '=', false);
+    path = arg.substr(0, eq);
+    if (eq == std::string::npos) return false;
+    value = arg.substr(eq + 1);
+    return true;
+}
+
+// The attribute numbers of ConfD by the names the command line takes.
+bool attr_number(const std::string &name, uint32_t &out)
+{
+    static const std::map<std::string, uint32_t> attrs = {
+        {"tags", 0x80000000u}, {"annotation", 0x80000001u}, {"inactive", 0u}};
+    auto it = attrs.find(name);
+    if (it == attrs.end()) return false;
+    out = it->second;
+    return true;
+}
+
+const char kCommitUsage[] =
+    "usage: commit [--user U] CHANGE... where a CHANGE is PATH=VALUE, PATH (creates a list "
+    "entry), !PATH (deletes the node), PATH^ or PATH^{KEYS} (moves a user-ordered entry first or "
+    "after the entry with KEYS), PATH@ATTR=TEXT or !PATH@ATTR (sets or removes the attribute "
+    "tags, annotation or inactive)";
+
+// One command-line change in Change form; false with err.
+bool parse_change(CliEnv &env, const std::string &arg, Change &c, std::string &err)
+{
+    std::string spec = arg;
+    bool negate = spec.compare(0, 1, "!") == 0;
+    if (negate) spec = spec.substr(1);
+    // The marks count in the path only, before a value.
+    std::string head, text;
+    bool has_value = split_change(spec, head, text);
+    size_t at = outside_braces(head, '@', true), move = outside_braces(head, '^', true);
+    bool ok = true;
+    if (at != std::string::npos) {
+        c.kind = Change::Attr;
+        c.path = head.substr(0, at);
+        c.has_text = has_value;
+        c.text = text;
+        ok = attr_number(head.substr(at + 1), c.attr) && has_value != negate;
+    } else if (move != std::string::npos) {
+        c.kind = Change::Move;
+        c.path = head.substr(0, move);
+        std::string keys = head.substr(move + 1);
+        if (!keys.empty()) c.anchor = c.path.substr(0, c.path.rfind('{')) + keys;
+        ok = !negate && !has_value;
+    } else if (negate) {
+        c.kind = Change::Delete;
+        c.path = head;
+        ok = !has_value;
+    } else {
+        c.kind = has_value ? Change::Set : Change::Create;
+        c.path = head;
+    }
+    if (!ok) {
+        err = arg + ": " + kCommitUsage;
+        return false;
+    }
+    ParsedPath p;
+    if (!parse_keypath(env.schema, c.path, p, err) || p.steps.empty()) {
+        err = c.path + ": " + (err.empty() ? "empty path" : err);
+        return false;
+    }
+    if (c.kind != Change::Set) return true;
+    const SchemaNode *n = p.steps.back().node;
+    if (n->kind != NodeKind::Leaf && n->kind != NodeKind::LeafList) {
+        err = c.path + " is not a leaf";
+        return false;
+    }
+    if (!value_from_text(n, text, c.value, err)) {
+        err = c.path + ": " + err;
+        return false;
+    }
+    return true;
 }
 
 std::string cmd_commit(CliEnv &env, const Args &a)
 {
-    if (a.pos.empty() || a.has("--msg"))
-        return error_json("usage: commit [--user U] PATH=VALUE... (PATH alone creates a list entry)");
+    if (a.pos.empty() || a.has("--msg")) return error_json(kCommitUsage);
     if (!env.ds) return error_json("no datastore");
-    std::vector<Value> values(a.pos.size());
-    std::vector<std::pair<std::string, const Value *>> changes;
+    std::vector<Change> changes(a.pos.size());
     for (size_t i = 0; i < a.pos.size(); i++) {
-        std::string path, text, err;
-        bool has_value = split_change(a.pos[i], path, text);
-        ParsedPath p;
-        if (!parse_keypath(env.schema, path, p, err) || p.steps.empty())
-            return error_json(path + ": " + (err.empty() ? "empty path" : err));
-        const SchemaNode *n = p.steps.back().node;
-        if (!has_value) {
-            changes.emplace_back(path, nullptr);
-            continue;
-        }
-        if (n->kind != NodeKind::Leaf && n->kind != NodeKind::LeafList)
-            return error_json(path + " is not a leaf");
-        if (!value_from_text(n, text, values[i], err)) return error_json(path + ": " + err);
-        changes.emplace_back(path, &values[i]);
+        std::string err;
+        if (!parse_change(env, a.pos[i], changes[i], err)) return error_json(err);
     }
     return commit_changes(env, a, changes);
 }
@@ -617,7 +717,7 @@ const char *const kCommands =
 
 } // namespace
 
-std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
+std::string run_cli(CliEnv &env, const std::vector<std::string> &argv, std::string &failure)
 {
     if (argv.empty()) return error_json(std::string("no command; commands: ") + kCommands);
     const std::string &cmd = argv[0];
@@ -631,7 +731,7 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
     else if (cmd == "next")
         valued = {"--context", "--cookie"};
     else if (cmd == "walk")
-        valued = {"--context", "--leaves"};
+        valued = {"--context", "--leaves", "--limit"};
     else if (cmd == "notifications")
         flags = {"--clear"};
     else if (cmd == "fail")
@@ -642,7 +742,7 @@ std::string run_cli(CliEnv &env, const std::vector<std::string> &argv)
 
     if (cmd == "get") return cmd_get(env, a);
     if (cmd == "next") return cmd_next(env, a);
-    if (cmd == "walk") return cmd_walk(env, a);
+    if (cmd == "walk") return cmd_walk(env, a, failure);
     if (cmd == "set") return cmd_set(env, a);
     if (cmd == "notifications") {
         if (!a.pos.empty()) return error_json("usage: notifications [--clear]");

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "confd_lib.h"
 #include "wire.h"
 
 namespace
@@ -20,15 +21,23 @@ const char kUsage[] =
     "Commands:\n"
     "  get PATH [--context C]            one get_elem on a leaf\n"
     "  next PATH [--cookie N]            one get_next on a list (cookie -1 by default)\n"
-    "  walk PATH [--leaves a,b]          get_next through a list, get_elem on its leaves\n"
+    "  walk PATH [--leaves a,b] [--limit N]\n"
+    "                                    get_next through a list following its cookies,\n"
+    "                                    get_elem on its leaves; fails (exit 1) on a cookie\n"
+    "                                    seen before or after N rows (default 100000)\n"
     "  set PATH VALUE [--user U]         a write transaction setting one leaf (a set hook\n"
     "                                    is told of it; stored data is committed)\n"
     "  commit [--user U] PATH=VALUE...   change the configuration in one transaction;\n"
-    "                                    a PATH alone creates that list entry\n"
+    "                                    a PATH alone creates that list entry,\n"
+    "                                    !PATH deletes that node, PATH^ or PATH^{KEYS}\n"
+    "                                    moves a user-ordered entry first or after\n"
+    "                                    {KEYS}, PATH@ATTR=TEXT / !PATH@ATTR sets or\n"
+    "                                    removes attribute tags|annotation|inactive\n"
     "  audit SYMBOL [--user U] [--msg T] send an audit event (SNMP_AUTHENTICATION_FAILED)\n"
     "  notifications [--clear]           SNMP notifications received from daemons\n"
     "  drop control|worker|notifications close those connections\n"
-    "  fail OP [--times N]               make the next N MAAPI requests OP fail\n"
+    "  fail OP [--times N]               make the next N MAAPI requests OP (or registrations:\n"
+    "                                    register_data_cb, register_done, ...) fail\n"
     "  status                            connected daemons and their registrations\n"
     "PATH is a keypath such as /TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/x;\n"
     "a key written TYPE:text (C_INT32:5) is sent with that type. Data without a callpoint\n"
@@ -101,8 +110,9 @@ int main(int argc, char **argv)
     Reader r(reply);
     Op op = r.op();
     if (op == Op::Err) {
-        r.i32();
-        return fail("confd-emu refused the command: " + r.str());
+        // CONFD_ERR_EXTERNAL: the command ran and failed (a walk that does not end).
+        bool ran = r.i32() == CONFD_ERR_EXTERNAL;
+        return fail((ran ? "" : "confd-emu refused the command: ") + r.str());
     }
     std::string json = r.str();
     if (op != Op::Ok || !r.ok()) return fail("confd-emu sent a malformed answer");

@@ -424,7 +424,11 @@ bool same_value(const Value &a, const Value &b)
     return compare_values(a, b) == 0 && a.u == b.u && a.i == b.i;
 }
 
-std::string xpath_module_names(const Schema &s, std::string_view expr)
+namespace
+{
+
+// Rewrites the module prefixes of expr: to module names, or (drop) away with their colon.
+std::string rewrite_prefixes(const Schema &s, std::string_view expr, bool drop)
 {
     auto name_start = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
@@ -462,6 +466,10 @@ std::string xpath_module_names(const Schema &s, std::string_view expr)
                     if (ns.module == name) is_module = true;
                     if (ns.prefix == name && !by_prefix) by_prefix = &ns;
                 }
+                if (drop && (is_module || by_prefix)) {
+                    i = j + 1;
+                    continue;
+                }
                 if (!is_module && by_prefix) replaced = by_prefix->module;
             }
             out.append(replaced);
@@ -472,6 +480,18 @@ std::string xpath_module_names(const Schema &s, std::string_view expr)
         }
     }
     return out;
+}
+
+} // namespace
+
+std::string xpath_module_names(const Schema &s, std::string_view expr)
+{
+    return rewrite_prefixes(s, expr, false);
+}
+
+std::string xpath_without_prefixes(const Schema &s, std::string_view expr)
+{
+    return rewrite_prefixes(s, expr, true);
 }
 
 } // namespace emu

@@ -38,5 +38,8 @@ bool same_value(const confd_wire::Value &a, const confd_wire::Value &b);
 // ("/router-interfaces:interfaces"), which is how libyang names modules. String literals, axis
 // names ("child::x") and prefixes no module uses are left as they are.
 std::string xpath_module_names(const Schema &s, std::string_view expr);
+// The XPath expression with the module prefixes (or module names) of the schema dropped, for
+// evaluation over the configuration printed as XML without namespaces.
+std::string xpath_without_prefixes(const Schema &s, std::string_view expr);
 
 } // namespace emu

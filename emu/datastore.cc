@@ -10,6 +10,7 @@
 
 #include "confd_lib.h"
 #include "data_value.h"
+#include "xpath_text.h"
 
 namespace emu
 {
@@ -52,18 +53,6 @@ const lyd_node *counterpart(const lyd_node *siblings, const lyd_node *target)
                    : lyd_find_sibling_val(siblings, target->schema, nullptr, 0, &m);
     if (r != LY_SUCCESS || !m) return nullptr;
     return (m->flags & LYD_DEFAULT) ? nullptr : m;
-}
-
-// The XPath string value of a node: a leaf's value, or the values of every leaf below in order.
-void string_value(const lyd_node *n, std::string &out)
-{
-    if (n->schema && (n->schema->nodetype & (LYS_LEAF | LYS_LEAFLIST))) {
-        const char *v = lyd_get_value(n);
-        if (v) out += v;
-        return;
-    }
-    for (const lyd_node *c = lyd_child(n); c; c = c->next)
-        string_value(c, out);
 }
 
 bool quote_key(const std::string &text, std::string &out)
@@ -201,7 +190,10 @@ int Datastore::begin(uint32_t th, int mode, const UserInfo &u, std::string &err)
     Txn &t = txns_[th];
     t.mode = mode;
     t.user = u;
-    if (mode == CONFD_READ_WRITE) t.work = dup_tree(running_);
+    if (mode == CONFD_READ_WRITE) {
+        t.work = dup_tree(running_);
+        t.attrs = running_attrs_;
+    }
     return 0;
 }
 
@@ -212,7 +204,10 @@ void Datastore::adopt(uint32_t th, int mode)
     Txn &t = txns_[th];
     t.mode = mode;
     t.adopted = true;
-    if (mode == CONFD_READ_WRITE) t.work = dup_tree(running_);
+    if (mode == CONFD_READ_WRITE) {
+        t.work = dup_tree(running_);
+        t.attrs = running_attrs_;
+    }
 }
 
 bool Datastore::has(uint32_t th)
@@ -511,16 +506,36 @@ int Datastore::xpath_string(uint32_t th, const std::string &expr, const std::str
 {
     found = false;
     text.clear();
-    std::lock_guard<std::mutex> lk(mu_);
-    ly_set *set = nullptr;
-    int rc = xpath_select(th, expr, ctx_path, set, err);
-    if (rc || !set) return rc;
-    if (set->count > 0) {
-        found = true;
-        string_value(set->dnodes[0], text);
+    std::string xml, ctx_expr;
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        Txn *t;
+        int rc = 0;
+        if (!lookup(th, t, rc, err)) return rc;
+        const lyd_node *tree = tree_of(t);
+        if (!ctx_path.empty()) {
+            ParsedPath p;
+            if ((rc = parse(schema_, ctx_path, p, err))) return rc;
+            if (const lyd_node *n = find(tree, p, p.steps.size(), true)) {
+                char *path = lyd_path(n, LYD_PATH_STD, nullptr, 0);
+                if (path) ctx_expr = xpath_without_prefixes(schema_, path);
+                free(path);
+            }
+        }
+        // Expressions of any kind (string(), count(), comparisons) need a full XPath 1.0
+        // engine; libyang's data API selects node sets only, so libxml2 evaluates over the
+        // tree printed as XML, defaults included as ConfD's reads see them.
+        char *printed = nullptr;
+        if (tree && lyd_print_mem(&printed, tree, LYD_XML,
+                                  LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK | LYD_PRINT_WD_ALL) !=
+                        LY_SUCCESS) {
+            err = "printing the configuration: " + ly_error();
+            return CONFD_ERR_INTERNAL;
+        }
+        if (printed) xml = printed;
+        free(printed);
     }
-    ly_set_free(set, nullptr);
-    return 0;
+    return xpath_text(xml, xpath_without_prefixes(schema_, expr), ctx_expr, found, text, err);
 }
 
 int Datastore::xpath_nodes(uint32_t th, const std::string &expr, const std::string &ctx_path,
@@ -624,6 +639,41 @@ int Datastore::apply(lyd_node *&tree, const Edit &e, std::string &err) const
         free_node(tree, node);
         break;
     }
+    case Edit::Move: {
+        lyd_node *node = nullptr, *anchor = nullptr;
+        if (!tree || lyd_find_path(tree, e.lypath.c_str(), 0, &node) != LY_SUCCESS || !node ||
+            (!e.anchor.empty() &&
+             (lyd_find_path(tree, e.anchor.c_str(), 0, &anchor) != LY_SUCCESS || !anchor))) {
+            ly_err_clean(const_cast<ly_ctx *>(ctx), nullptr);
+            err = (node ? e.anchor : e.lypath) + " does not exist";
+            return CONFD_ERR_NOEXISTS;
+        }
+        if (anchor == node) break;
+        if (anchor) {
+            r = lyd_insert_after(anchor, node);
+        } else {
+            lyd_node *first = lyd_first_sibling(node);
+            while (first->schema != node->schema)
+                first = first->next;
+            if (first != node) r = lyd_insert_before(first, node);
+        }
+        if (r != LY_SUCCESS) {
+            err = ly_error();
+            return CONFD_ERR_NOTMOVABLE;
+        }
+        if (tree) tree = lyd_first_sibling(tree);
+        break;
+    }
+    case Edit::Attr: {
+        // Attributes live beside the tree; the node only has to be there.
+        lyd_node *node = nullptr;
+        if (!tree || lyd_find_path(tree, e.lypath.c_str(), 0, &node) != LY_SUCCESS || !node) {
+            ly_err_clean(const_cast<ly_ctx *>(ctx), nullptr);
+            err = e.lypath + " does not exist";
+            return CONFD_ERR_NOEXISTS;
+        }
+        break;
+    }
     }
     // Defaults come back where explicit values went away, and appear in new list entries.
     lyd_new_implicit_all(&tree, ctx, 0, nullptr);
@@ -631,11 +681,49 @@ int Datastore::apply(lyd_node *&tree, const Edit &e, std::string &err) const
     return 0;
 }
 
+namespace
+{
+
+void apply_attr(Attrs &attrs, const std::string &lypath, uint32_t attr,
+                const std::vector<std::string> &values)
+{
+    if (!values.empty()) {
+        attrs[lypath][attr] = values.front();
+        return;
+    }
+    auto it = attrs.find(lypath);
+    if (it == attrs.end()) return;
+    it->second.erase(attr);
+    if (it->second.empty()) attrs.erase(it);
+}
+
+} // namespace
+
 int Datastore::record(Txn *t, const Edit &e, std::string &err)
 {
     int rc = apply(t->work, e, err);
+    if (rc == 0 && e.kind == Edit::Attr) apply_attr(t->attrs, e.lypath, e.attr, e.values);
     if (rc == 0) t->edits.push_back(e);
     return rc;
+}
+
+int Datastore::replay(const Txn *t, lyd_node *&tree, Attrs &attrs, std::string &err) const
+{
+    tree = dup_tree(running_);
+    attrs = running_attrs_;
+    for (const Edit &e : t->edits) {
+        int rc = apply(tree, e, err);
+        if (rc) return rc;
+        if (e.kind == Edit::Attr) apply_attr(attrs, e.lypath, e.attr, e.values);
+    }
+    // The attributes of nodes the edits deleted go with them.
+    for (auto it = attrs.begin(); it != attrs.end();) {
+        lyd_node *node = nullptr;
+        bool gone = !tree || lyd_find_path(tree, it->first.c_str(), 0, &node) != LY_SUCCESS;
+        it = gone ? attrs.erase(it) : std::next(it);
+    }
+    ly_err_clean(const_cast<ly_ctx *>(schema_.ctx()), nullptr);
+    return 0;
 }
 
 int Datastore::set_locked(Txn *t, const ParsedPath &p, const Value &v, std::string &err)
@@ -754,7 +842,121 @@ int Datastore::remove(uint32_t th, const std::string &path, std::string &err)
     return record(t, e, err);
 }
 
+int Datastore::move_after(uint32_t th, const std::string &path, const std::string &anchor_path,
+                          std::string &err)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    ParsedPath p;
+    Txn *t = nullptr;
+    int rc = writable(th, path, p, t, err);
+    if (rc || (rc = check_keys(p, false, err))) return rc;
+    const SchemaNode *list = p.steps.back().node;
+    if (!is_keyed_list(list) || !lysc_is_userordered(list->lys)) {
+        err = path + " is not an entry of a list ordered by the user";
+        return CONFD_ERR_NOTMOVABLE;
+    }
+    Edit e;
+    e.kind = Edit::Move;
+    e.lypath = lypath(p, p.steps.size(), err);
+    if (e.lypath.empty()) return CONFD_ERR_BADPATH;
+    if (!anchor_path.empty()) {
+        ParsedPath a;
+        if ((rc = parse(schema_, anchor_path, a, err)) || (rc = check_keys(a, false, err)))
+            return rc;
+        if (a.steps.back().node != list) {
+            err = anchor_path + " is not an entry of the same list";
+            return CONFD_ERR_BADPATH;
+        }
+        e.anchor = lypath(a, a.steps.size(), err);
+        if (e.anchor.empty()) return CONFD_ERR_BADPATH;
+    }
+    return record(t, e, err);
+}
+
+int Datastore::set_attr(uint32_t th, const std::string &path, uint32_t attr,
+                        const std::string *value, std::string &err)
+{
+    std::lock_guard<std::mutex> lk(mu_);
+    ParsedPath p;
+    Txn *t = nullptr;
+    int rc = writable(th, path, p, t, err);
+    if (rc || (rc = check_keys(p, false, err))) return rc;
+    Edit e;
+    e.kind = Edit::Attr;
+    e.attr = attr;
+    e.lypath = lypath(p, p.steps.size(), err);
+    if (e.lypath.empty()) return CONFD_ERR_BADPATH;
+    if (value) e.values.push_back(*value);
+    return record(t, e, err);
+}
+
 // ---- changes ----
+
+void Datastore::attr_changes(const Attrs &old_attrs, const Attrs &new_attrs,
+                             const lyd_node *tree, std::vector<DiffItem> &out) const
+{
+    static const std::map<uint32_t, std::string> none;
+    auto of = [](const Attrs &a, const std::string &path) -> const std::map<uint32_t, std::string> & {
+        auto it = a.find(path);
+        return it == a.end() ? none : it->second;
+    };
+    std::set<std::string> paths;
+    for (const auto &a : old_attrs)
+        paths.insert(a.first);
+    for (const auto &a : new_attrs)
+        paths.insert(a.first);
+    for (const std::string &path : paths) {
+        lyd_node *node = nullptr;
+        if (!tree || lyd_find_path(tree, path.c_str(), 0, &node) != LY_SUCCESS || !node) continue;
+        const auto &before = of(old_attrs, path), &after = of(new_attrs, path);
+        std::set<uint32_t> names;
+        for (const auto &a : before)
+            names.insert(a.first);
+        for (const auto &a : after)
+            names.insert(a.first);
+        for (uint32_t attr : names) {
+            auto o = before.find(attr), n = after.find(attr);
+            if (o != before.end() && n != after.end() && o->second == n->second) continue;
+            DiffItem item;
+            item.op = MOP_ATTR_SET;
+            item.kp = keypath_of(node);
+            item.value.type = vt::LIST;
+            Value name, value;
+            name.type = vt::UINT32;
+            name.u = attr;
+            if (n != after.end()) {
+                value.type = vt::BUF;
+                value.bytes = n->second;
+            }
+            item.value.list = {name, value};
+            out.push_back(std::move(item));
+        }
+    }
+    ly_err_clean(const_cast<ly_ctx *>(schema_.ctx()), nullptr);
+}
+
+void Datastore::moved(const lyd_node *ofirst, const lyd_node *nfirst, const lyd_node *n,
+                      uint32_t depth, std::vector<DiffItem> &out) const
+{
+    auto before = [](const lyd_node *first, const lyd_node *entry) {
+        const lyd_node *prev = nullptr;
+        for (const lyd_node *s = first; s && s != entry; s = s->next)
+            if (s->schema == entry->schema) prev = s;
+        return prev;
+    };
+    const lyd_node *o = counterpart(ofirst, n);
+    const lyd_node *nprev = before(nfirst, n), *oprev = o ? before(ofirst, o) : nullptr;
+    if (!o || (nprev ? counterpart(ofirst, nprev) == oprev : !oprev)) return;
+    DiffItem item;
+    item.op = MOP_MOVED_AFTER;
+    item.depth = depth;
+    item.kp = keypath_of(n);
+    if (nprev) {
+        item.value.type = vt::LIST;
+        keys_of(nprev, schema_.from_lys(n->schema), item.value.list);
+    }
+    out.push_back(std::move(item));
+}
 
 void Datastore::leaflist_change(const lyd_node *ofirst, const lyd_node *nfirst,
                                 const lyd_node *any, uint32_t depth,
@@ -869,6 +1071,8 @@ void Datastore::diff_siblings(const lyd_node *ofirst, const lyd_node *nfirst, ui
                 push(MOP_MODIFIED, n, sn);
                 diff_siblings(lyd_child(o), lyd_child(n), depth + 1, out);
                 if (out.size() == mark + 1) out.pop_back();
+                // Every entry whose predecessor changed is reported as moved after its new one.
+                if (lysc_is_userordered(n->schema)) moved(ofirst, nfirst, n, depth, out);
             }
             break;
         }
@@ -918,13 +1122,14 @@ int Datastore::diff(uint32_t th, const std::string &subtree, std::vector<DiffIte
         all = t->changes;
     } else if (t->mode == CONFD_READ_WRITE) {
         // What committing now would change: the edits replayed onto the running tree.
-        lyd_node *copy = dup_tree(running_);
-        for (const Edit &e : t->edits)
-            if ((rc = apply(copy, e, err))) {
-                lyd_free_all(copy);
-                return rc;
-            }
+        lyd_node *copy = nullptr;
+        Attrs attrs;
+        if ((rc = replay(t, copy, attrs, err))) {
+            lyd_free_all(copy);
+            return rc;
+        }
         diff_trees(running_, copy, all);
+        attr_changes(running_attrs_, attrs, copy, all);
         lyd_free_all(copy);
     }
     if (sub.empty()) {
@@ -965,13 +1170,13 @@ int Datastore::commit(uint32_t th, std::vector<DiffItem> &changes, std::string &
         err = "transaction " + std::to_string(th) + " is read-only";
         return CONFD_ERR_NOT_WRITABLE;
     }
-    lyd_node *copy = dup_tree(running_);
-    for (const Edit &e : t->edits)
-        if ((rc = apply(copy, e, err))) {
-            lyd_free_all(copy);
-            err = "commit: " + err;
-            return rc;
-        }
+    lyd_node *copy = nullptr;
+    Attrs attrs;
+    if ((rc = replay(t, copy, attrs, err))) {
+        lyd_free_all(copy);
+        err = "commit: " + err;
+        return rc;
+    }
     if (lyd_validate_all(&copy, schema_.ctx(), 0, nullptr) != LY_SUCCESS) {
         const ly_err_item *e = ly_err_first(schema_.ctx());
         bool keyref =
@@ -982,13 +1187,16 @@ int Datastore::commit(uint32_t th, std::vector<DiffItem> &changes, std::string &
     }
     if (copy) copy = lyd_first_sibling(copy);
     diff_trees(running_, copy, changes);
+    attr_changes(running_attrs_, attrs, copy, changes);
     lyd_free_all(running_);
     running_ = copy;
+    running_attrs_ = std::move(attrs);
     t->committed = true;
     t->changes = changes;
     t->edits.clear();
     lyd_free_all(t->work);
     t->work = dup_tree(running_);
+    t->attrs = running_attrs_;
     return 0;
 }
 

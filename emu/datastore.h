@@ -41,11 +41,19 @@ void write_user_info(confd_wire::Writer &w, const UserInfo &u);
 // One change of a transaction, in preorder: the changes below a created or modified list entry
 // follow it with a greater depth.
 struct DiffItem {
-    int op = 0; // MOP_CREATED, MOP_DELETED, MOP_MODIFIED or MOP_VALUE_SET
+    int op = 0; // MOP_CREATED, MOP_DELETED, MOP_MODIFIED, MOP_VALUE_SET, MOP_MOVED_AFTER or
+                // MOP_ATTR_SET
     uint32_t depth = 0;
     confd_wire::KeyPath kp; // ConfD's hkeypath rows, deepest first
-    confd_wire::Value value; // the new value of MOP_VALUE_SET, else C_NOEXISTS
+    // MOP_VALUE_SET: the new value. MOP_MOVED_AFTER: the keys (C_LIST) of the entry now just
+    // before, C_NOEXISTS when the entry went first. MOP_ATTR_SET: a C_LIST of the attribute
+    // (C_UINT32) and its new value (C_BUF, or C_NOEXISTS when removed). Else C_NOEXISTS.
+    confd_wire::Value value;
 };
+
+// ConfD attributes of configuration nodes, by the node's libyang path: attribute number
+// (CONFD_ATTR_TAGS, ...) and its value as text.
+using Attrs = std::map<std::string, std::map<uint32_t, std::string>>;
 
 class Datastore
 {
@@ -110,6 +118,14 @@ class Datastore
     int create(uint32_t th, const std::string &path, std::string &err);
     // Deletes a node and what is below it; CONFD_ERR_NOEXISTS when absent.
     int remove(uint32_t th, const std::string &path, std::string &err);
+    // Moves an entry of a user-ordered list after the entry at anchor_path (a keypath of the
+    // same list), or first when anchor_path is empty. CONFD_ERR_NOEXISTS when either is absent,
+    // CONFD_ERR_NOTMOVABLE for a list ordered by the system.
+    int move_after(uint32_t th, const std::string &path, const std::string &anchor_path,
+                   std::string &err);
+    // Sets attribute attr of an existing node to value, or removes it when value is null.
+    int set_attr(uint32_t th, const std::string &path, uint32_t attr, const std::string *value,
+                 std::string &err);
 
     // --- changes ---
     // The changes of th below subtree (empty = all): what its commit made once committed, else
@@ -121,10 +137,13 @@ class Datastore
 
   private:
     struct Edit {
-        enum Kind { Set, Create, Delete } kind = Set;
+        enum Kind { Set, Create, Delete, Move, Attr } kind = Set;
         std::string lypath;
-        std::vector<std::string> values; // Set: one text, or a leaf-list's texts
+        std::vector<std::string> values; // Set: one text, or a leaf-list's texts; Attr: the value
+                                         // (none: the attribute is removed)
         bool leaflist = false;
+        std::string anchor; // Move: the entry it goes after, empty for the first place
+        uint32_t attr = 0;  // Attr: which attribute
     };
     struct Txn {
         int mode = 0;
@@ -133,6 +152,7 @@ class Datastore
         std::vector<Edit> edits;
         bool committed = false;
         std::vector<DiffItem> changes; // what the last commit changed
+        Attrs attrs;                   // read-write: the attributes of work
         bool adopted = false;          // opened by adopt(), its user not known yet
     };
 
@@ -151,6 +171,13 @@ class Datastore
     int set_locked(Txn *t, const ParsedPath &p, const confd_wire::Value &v, std::string &err);
     int apply(lyd_node *&tree, const Edit &e, std::string &err) const;
     int record(Txn *t, const Edit &e, std::string &err);
+    // th's edits replayed onto a copy of the running tree and its attributes; the caller frees
+    // tree.
+    int replay(const Txn *t, lyd_node *&tree, Attrs &attrs, std::string &err) const;
+    void attr_changes(const Attrs &old_attrs, const Attrs &new_attrs, const lyd_node *tree,
+                      std::vector<DiffItem> &out) const;
+    void moved(const lyd_node *ofirst, const lyd_node *nfirst, const lyd_node *n, uint32_t depth,
+               std::vector<DiffItem> &out) const;
     void diff_trees(const lyd_node *old_tree, const lyd_node *new_tree,
                     std::vector<DiffItem> &out) const;
     void diff_siblings(const lyd_node *ofirst, const lyd_node *nfirst, uint32_t depth,
@@ -169,6 +196,7 @@ class Datastore
     const Schema &schema_;
     std::mutex mu_;
     lyd_node *running_ = nullptr;
+    Attrs running_attrs_;
     std::map<uint32_t, Txn> txns_;
 };
 

@@ -155,7 +155,8 @@ DpSession::Txn *DpSession::txn_for(const SchemaNode *node, std::string &err, boo
 
     Txn txn;
     txn.route = route;
-    txn.thandle = reg_.open_trans(route.daemon_id, mode_);
+    txn.thandle = reg_.open_trans(route.daemon_id, mode_, err);
+    if (txn.thandle == 0) return nullptr;
     uint32_t rid = reg_.new_rid();
     Writer w(Op::TransInit);
     w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(mode_)).u8(CONFD_RUNNING);

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "confd_events.h"
 #include "confd_lib.h"
+#include "confd_events.h"
 #include "confd_logsyms.h"
 
 namespace emu
@@ -21,6 +21,9 @@ struct LogSym {
     int logno;
     const char *name;
 };
+// A numeric symbol must be a log number the client library can name.
+constexpr int kMaxLogNo = 256;
+
 // The log numbers of confd_logsyms.h, by name.
 constexpr LogSym kLogSyms[] = {
     {CONFD_WEB_COMMIT, "WEB_COMMIT"},
@@ -38,7 +41,7 @@ int log_symbol_number(const std::string &name)
         if (n == s.name) return s.logno;
     if (!n.empty() && n.size() < 6 && n.find_first_not_of("0123456789") == std::string::npos) {
         int v = std::atoi(n.c_str());
-        if (v >= 0 && v < CONFD_MAXLOGSYMS) return v;
+        if (v >= 0 && v < kMaxLogNo) return v;
     }
     return -1;
 }

@@ -120,9 +120,12 @@ bool identity_from_text(const SchemaNode *leaf, std::string_view text, Value &ou
     return false;
 }
 
+// A key must be quoted when the parser would not read it back as the same text: empty, with
+// separators or escapes, or in the "C_TYPE:text" form that forces a type (see parse_key).
 bool needs_quotes(const std::string &s)
 {
-    if (s.empty()) return true;
+    if (s.empty() || (s.compare(0, 2, "C_") == 0 && s.find(':') != std::string::npos))
+        return true;
     for (char c : s)
         if (c == ' ' || c == '\t' || c == '\n' || c == '"' || c == '\\' || c == '{' || c == '}' ||
             c == '/')

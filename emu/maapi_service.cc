@@ -1,6 +1,8 @@
 // The MAAPI requests of one connection: user sessions, transactions, reads, writes, cursors, XPath, diffs.
 #include "maapi_service.h"
 
+#include <algorithm>
+
 #include "confd_lib.h"
 #include "events.h"
 #include "schema_payload.h"
@@ -211,7 +213,17 @@ std::string MaapiService::handle(uint8_t opnum, Reader &r)
             err = "bad transaction mode " + std::to_string(mode);
             break;
         }
-        uint32_t th = reg_.open_trans(0, mode);
+        if (own_.size() >= kMaxOwnTrans) {
+            rc = CONFD_ERR_TOOMANYTRANS;
+            err = "too many open transactions on this socket (" + std::to_string(kMaxOwnTrans) +
+                  ")";
+            break;
+        }
+        uint32_t th = reg_.open_trans(0, mode, err);
+        if (th == 0) {
+            rc = CONFD_ERR_TOOMANYTRANS;
+            break;
+        }
         if ((rc = ds_.begin(th, mode, sess->second, err))) {
             reg_.close_trans(th);
             break;
@@ -356,11 +368,16 @@ std::string MaapiService::handle(uint8_t opnum, Reader &r)
     case MaapiOp::DiffIterate: {
         uint32_t th = r.u32();
         std::string sub = r.str();
-        r.i32(); // flags: nothing here depends on them
+        // Of the flags only ITER_WANT_ATTR matters: attribute changes are left out without it.
+        bool want_attr = (r.i32() & ITER_WANT_ATTR) != 0;
         if (!r.ok()) return malformed();
         if ((rc = access(th, err))) break;
         std::vector<DiffItem> items;
         if (!(rc = ds_.diff(th, sub.empty() ? sub : in_ns(th, sub), items, err))) {
+            if (!want_attr)
+                items.erase(std::remove_if(items.begin(), items.end(),
+                                           [](const DiffItem &d) { return d.op == MOP_ATTR_SET; }),
+                            items.end());
             ok.u32(static_cast<uint32_t>(items.size()));
             for (const DiffItem &d : items)
                 ok.u8(static_cast<uint8_t>(d.op)).u32(d.depth).keypath(d.kp).value(d.value);

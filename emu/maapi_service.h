@@ -47,6 +47,8 @@ class MaapiService
     std::map<int32_t, UserInfo> sessions_; // user sessions started here, by usid
     int32_t current_ = 0;                  // the socket's current session, 0 = none
     std::map<uint32_t, int32_t> own_;      // transactions started here -> their session
+    // Most transactions one MAAPI socket may hold open (see Registry::kMaxOpenTrans).
+    static constexpr size_t kMaxOwnTrans = 64;
     std::map<uint32_t, uint32_t> ns_;      // namespace set for a transaction on this socket
 };
 

@@ -345,10 +345,15 @@ void Registry::fail_pending_locked(uint32_t conn_id)
     if (any) cv_.notify_all();
 }
 
-uint32_t Registry::open_trans(uint32_t daemon_id, int mode)
+uint32_t Registry::open_trans(uint32_t daemon_id, int mode, std::string &err)
 {
     std::lock_guard<std::mutex> lk(mu_);
+    if (trans_.size() >= kMaxOpenTrans) {
+        err = "too many open transactions (" + std::to_string(kMaxOpenTrans) + ")";
+        return 0;
+    }
     uint32_t th = next_thandle_++;
+    if (th == 0) th = next_thandle_++; // 0 means "none" after the counter wraps
     Trans t;
     t.daemon_id = daemon_id;
     t.mode = mode;
@@ -418,7 +423,7 @@ void Registry::diff_done(uint32_t thandle, uint32_t conn)
     std::lock_guard<std::mutex> lk(mu_);
     auto it = diff_waits_.find(thandle);
     if (it == diff_waits_.end()) return;
-    it->second.erase(conn);
+    if (it->second.erase(conn)) diff_dones_++;
     cv_.notify_all();
 }
 
@@ -572,6 +577,7 @@ std::string Registry::status_json()
     out += ",\"maapi_sessions\":" + std::to_string(maapi_.size());
     out += ",\"maapi_attaches\":" + std::to_string(maapi_attaches_);
     out += ",\"subscribers\":" + std::to_string(subscribers_.size());
+    out += ",\"diff_notifications_done\":" + std::to_string(diff_dones_);
     out += ",\"notifications\":" + std::to_string(notifs_.size());
     out += ",\"notifications_total\":" + std::to_string(notifs_total_);
     out += ",\"daemons_closed\":" + std::to_string(killed_);

@@ -121,7 +121,12 @@ class Registry
     void deliver(const ConnPtr &conn, uint32_t rid, std::string payload);
 
     // --- transactions and MAAPI ---
-    uint32_t open_trans(uint32_t daemon_id, int mode);
+    // Most transactions open at once, all clients together: a read-write one copies the whole
+    // running configuration, so clients that never finish theirs must not grow the emulator
+    // without bound.
+    static constexpr size_t kMaxOpenTrans = 256;
+    // A new transaction handle (never 0), or 0 with err set when kMaxOpenTrans are open.
+    uint32_t open_trans(uint32_t daemon_id, int mode, std::string &err);
     void close_trans(uint32_t thandle);
     // MAAPI attach/detach by the given MAAPI connection; 0 or CONFD_ERR_NOEXISTS with a message.
     int attach(uint32_t thandle, uint32_t maapi_conn, std::string &err);
@@ -218,6 +223,7 @@ class Registry
     uint32_t next_daemon_ = 1, next_worker_ = 1, next_nctx_ = 1, next_rid_ = 1, next_thandle_ = 1;
     int32_t next_usid_ = 1;
     uint64_t maapi_attaches_ = 0, notifs_total_ = 0, killed_ = 0;
+    uint64_t diff_dones_ = 0; // commit-diff events a subscriber answered with its done
 };
 
 } // namespace emu

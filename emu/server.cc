@@ -2,6 +2,7 @@
 #include "server.h"
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,8 +12,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "confd_events.h"
 #include "confd_lib.h"
+#include "confd_events.h"
 #include "maapi_service.h"
 #include "schema_payload.h"
 
@@ -138,6 +139,10 @@ void Server::run(int stop_fd)
         // to answer.
         struct timeval tv = {opt_.timeout_ms / 1000, (opt_.timeout_ms % 1000) * 1000};
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        // Replies and the frames of a daemon's worker socket go out back to back, as from the
+        // real server: without this the second of two small frames waits for the peer's ACK.
+        int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         char ip[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
         auto conn = std::make_shared<Conn>(fd, next_conn_++, ip, ntohs(peer.sin_port));
@@ -222,6 +227,17 @@ void Server::serve_control(const ConnPtr &c, Reader &hello)
         std::string err;
         int rc = -1;
         Writer ok(Op::Ok);
+        // `fail register_data_cb` and friends: named after the library call that sent the frame.
+        const char *reg_name = op == Op::RegTrans       ? "register_trans_cb"
+                               : op == Op::RegData      ? "register_data_cb"
+                               : op == Op::RegSnmpNotif ? "register_snmp_notification"
+                               : op == Op::RegDone      ? "register_done"
+                                                        : nullptr;
+        if (reg_name != nullptr && reg_.take_failure(reg_name)) {
+            if (!c->send(err_frame(CONFD_ERR_INTERNAL, std::string("injected failure: ") + reg_name)))
+                break;
+            continue;
+        }
         switch (op) {
         case Op::RegTrans: {
             uint32_t mask = r.u32();
@@ -399,8 +415,11 @@ void Server::serve_cli(const ConnPtr &c)
                 argv.push_back(r.str());
             if (!r.ok() || argc > kMaxCliArgs)
                 answer = err_frame(CONFD_ERR_PROTOUSAGE, "malformed command");
-            else
-                answer = Writer(Op::Ok).str(run_cli(cli_env_, argv)).payload();
+            else {
+                std::string failure, json = run_cli(cli_env_, argv, failure);
+                answer = failure.empty() ? Writer(Op::Ok).str(json).payload()
+                                         : err_frame(CONFD_ERR_EXTERNAL, failure);
+            }
         }
         if (!c->send(answer)) break;
     }

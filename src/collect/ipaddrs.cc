@@ -122,18 +122,8 @@ class addr_dump
   private:
     void run(int family)
     {
-        scoped_socket sock(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_ROUTE));
+        scoped_socket sock(request_address_dump(family));
         if (sock.fd < 0) return;
-        struct {
-            nlmsghdr header;
-            ifaddrmsg body;
-        } request;
-        memset(&request, 0, sizeof request);
-        request.header.nlmsg_len = sizeof request;
-        request.header.nlmsg_type = RTM_GETADDR;
-        request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ROOT;
-        request.body.ifa_family = static_cast<unsigned char>(family);
-        if (send(sock.fd, &request, sizeof request, 0) < 0) return;
         // A dump of many addresses comes in several datagrams; all are read
         // (up to the end marker) so that no interface is missed.
         static std::vector<unsigned char> buffer(32768);

@@ -225,12 +225,3 @@ int mask_prefix(ip_addr_value *address, int prefix_len)
     }
     return 0;
 }
-
-void widen_counter(uint64_t raw, uint32_t *last_raw, uint64_t *total)
-{
-    uint32_t now = static_cast<uint32_t>(raw);
-    int64_t delta = static_cast<int32_t>(now - *last_raw);
-    if (delta < 0) delta += int64_t(1) << 32;
-    *total += static_cast<uint64_t>(delta);
-    *last_raw = now;
-}

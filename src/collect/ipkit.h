@@ -1,10 +1,12 @@
-// The IP collectors' own small toolkit: item lists, statistics-file readers, prefix masks, counter
-// widening.
+// The IP collectors' own small toolkit: item lists, statistics-file readers, prefix masks (counter
+// widening is the collectors' shared one, in procfs.h).
 //
 // Parsing is kept apart from opening: every reader has a form that takes an
 // open stream (tests feed it fixture text) beside the one that opens a path.
 #ifndef LEISOBEK_COLLECT_IPKIT_H
 #define LEISOBEK_COLLECT_IPKIT_H
+
+#include "procfs.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -82,11 +84,5 @@ struct ip_addr_value {
 // Keeps the first prefix_len bits of the address and clears the rest.
 // Returns -1 for a null address, else 0.
 int mask_prefix(ip_addr_value *address, int prefix_len);
-
-// Widens a 32-bit kernel counter to a 64-bit total: the total grows by the
-// distance from the last raw value to this one, taken across 2^32 when the
-// counter went down (a wrap, or a counter that restarted). Both start at 0, so
-// the first call sets the total to the raw value.
-void widen_counter(uint64_t raw, uint32_t *last_raw, uint64_t *total);
 
 #endif

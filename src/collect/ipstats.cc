@@ -1,15 +1,23 @@
-// IP collector: the tables' index orders and the traffic statistics of the system and of each
-// interface.
+// IP collector: the tables' index orders, the traffic statistics of the system and of each
+// interface, the ip group scalars, the scope zones and the ICMP counters.
 #include "ipstats.h"
 
 #include "procfs.h"
+#include "core/trace.h"
+
+#include <err.h>
+#include "core/portable.h"
 
 #include <dirent.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <unordered_map>
+#include <utility>
 
 namespace
 {
@@ -233,42 +241,139 @@ int update_ip_if_stats(stats_list *list)
     return 0;
 }
 
-// The tables below are not collected yet (they come with the prefix, neighbour,
-// router, scope-zone and ICMP readers): their walks end at once.
-namespace
-{
-int not_collected(stats_list *list)
-{
-    list->count = 0;
-    return 0;
-}
-} // namespace
+// ---- The ip group scalars
 
-int update_ip_basic_stats(ip_scalars *)
+void read_scalar_from(FILE *in, int32_t *field)
 {
+    int value;
+    int matched = fscanf(in, "%i", &value);
+    if (matched == 1)
+        *field = value;
+    else if (matched == 0)
+        warn("Failed to match number.");
+}
+
+int update_ip_basic_stats(ip_scalars *scalars)
+{
+    TRACE_ENTER();
+    const struct {
+        const char *relative;
+        int32_t *field;
+    } files[] = {
+        {"sys/net/ipv4/ip_forward", &scalars->forwarding},
+        {"sys/net/ipv4/ip_default_ttl", &scalars->default_ttl},
+        {"sys/net/ipv4/ipfrag_time", &scalars->reasm_timeout},
+        {"sys/net/ipv6/conf/all/forwarding", &scalars->ipv6_forwarding},
+        {"sys/net/ipv6/conf/default/hop_limit", &scalars->ipv6_hop_limit},
+    };
+    for (const auto &f : files) {
+        std::string path = collect_proc_path(f.relative);
+        file_ptr in(fopen(path.c_str(), "r"));
+        if (!in) {
+            // Every one of these files exists in a kernel with IP: one that
+            // cannot be opened ends the daemon.
+            report_error(1, errno, "Could not open %s", path.c_str());
+            *f.field = 0;
+            continue;
+        }
+        read_scalar_from(in.get(), f.field);
+    }
+    TRACE_EXIT();
     return 0;
 }
-int update_ip_address_prefix(stats_list *list)
-{
-    return not_collected(list);
-}
-int update_net_phys_list(stats_list *list)
-{
-    return not_collected(list);
-}
-int update_ip_def_router(stats_list *list)
-{
-    return not_collected(list);
-}
+
+// ---- ipv6ScopeZoneIndexTable
+
 int update_ip6_scope_zone_index(stats_list *list)
 {
-    return not_collected(list);
+    TRACE_ENTER();
+    list->count = 0;
+    file_ptr in(fopen(collect_proc_path("net/if_inet6").c_str(), "r"));
+    if (in) {
+        const unsigned link_local = 0x20;
+        std::unordered_map<uint32_t, bool> listed; // interfaces that have their row
+        char line[256];
+        while (fgets(line, sizeof line, in.get())) {
+            char address[40];
+            unsigned if_index, prefix_len, scope, flags;
+            if (sscanf(line, "%39s %04x %02x %02x %02x\n", address, &if_index, &prefix_len, &scope,
+                       &flags) != 5 ||
+                !(scope & link_local) || !listed.emplace(if_index, true).second)
+                continue;
+            auto *row = static_cast<ip6_scope_zone_entry *>(stats_list_at(list, list->count));
+            memset(row, 0, sizeof *row);
+            row->if_index = if_index;
+            row->zone[0] = if_index; // the link-local zone is the interface
+        }
+    }
+    stats_list_sort(list);
+    TRACE_EXIT();
+    return 0;
 }
+
+// ---- icmpStatsTable and icmpMsgStatsTable
+
 int update_ip_icmp_stats(stats_list *list)
 {
-    return not_collected(list);
+    TRACE_ENTER();
+    list->count = 0;
+    const char *v4_names[] = {"InMsgs", "InErrors", "OutMsgs", "OutErrors"};
+    const char *v6_names[] = {"Icmp6InMsgs", "Icmp6InErrors", "Icmp6OutMsgs", "Icmp6OutErrors"};
+    for (uint32_t version : {1u, 2u}) {
+        pair_list pairs;
+        int rc =
+            version == 1
+                ? read_stat_section(collect_proc_path("net/snmp").c_str(), &pairs.list, "Icmp:")
+                : read_stat_pairs(collect_proc_path("net/snmp6").c_str(), &pairs.list);
+        if (rc != 0) continue;
+        auto *row = static_cast<icmp_stats_entry *>(stats_list_at(list, list->count));
+        memset(row, 0, sizeof *row);
+        row->version = version;
+        const char **names = version == 1 ? v4_names : v6_names;
+        uint64_t *fields[] = {&row->in_msgs, &row->in_errors, &row->out_msgs, &row->out_errors};
+        for (int i = 0; i < 4; i++)
+            find_stat(&pairs.list, names[i], fields[i]);
+    }
+    stats_list_sort(list);
+    TRACE_EXIT();
+    return 0;
 }
+
 int update_ip_icmp_msg_stats(stats_list *list)
 {
-    return not_collected(list);
+    TRACE_ENTER();
+    list->count = 0;
+    std::map<std::pair<uint32_t, int32_t>, int32_t> position_of; // (version, type) -> position
+    for (uint32_t version : {1u, 2u}) {
+        pair_list pairs;
+        // The kernel writes "IcmpMsg:" only once some message was counted.
+        int rc =
+            version == 1
+                ? read_stat_section(collect_proc_path("net/snmp").c_str(), &pairs.list, "IcmpMsg:")
+                : read_stat_pairs(collect_proc_path("net/snmp6").c_str(), &pairs.list);
+        if (rc != 0) continue;
+        const char *out_format = version == 1 ? "OutType%d" : "Icmp6OutType%d";
+        const char *in_format = version == 1 ? "InType%d" : "Icmp6InType%d";
+        for (uint32_t i = 0; i < pairs.list.count; i++) {
+            const auto *pair = static_cast<const stat_pair *>(item_list_get(&pairs.list, i));
+            int type;
+            bool out = sscanf(pair->name, out_format, &type) == 1;
+            if (!out && sscanf(pair->name, in_format, &type) != 1) continue;
+            auto known = position_of.emplace(std::make_pair(version, type), list->count);
+            icmp_msg_stats_entry *row;
+            if (known.second) {
+                row = static_cast<icmp_msg_stats_entry *>(stats_list_at(list, list->count));
+                memset(row, 0, sizeof *row);
+                row->version = version;
+                row->type = type;
+            } else {
+                row = static_cast<icmp_msg_stats_entry *>(
+                    stats_list_record(list, known.first->second));
+            }
+            (out ? row->out_pkts : row->in_pkts) = pair->value;
+        }
+    }
+    stats_list_sort(list);
+    TRACE_EXIT();
+    return 0;
 }

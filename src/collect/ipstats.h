@@ -12,7 +12,9 @@
 #include "ipkit.h"
 #include "statslist.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // A 32-bit kernel counter and its 64-bit total (see widen_counter).
 struct widened_counter {
@@ -188,15 +190,93 @@ int update_ip_address(stats_list *list);
 // were. Returns 0, or -1 when the interface list could not be had.
 int update_ipv6_router_advert_stats(stats_list *list);
 
-// Refresh functions of the scalars, ipAddressPrefixTable, ipNetToPhysicalTable,
-// ipDefaultRouterTable, ipv6ScopeZoneIndexTable, icmpStatsTable and
-// icmpMsgStatsTable. Not collected yet: each empties its list (the scalars
-// stay as they are) and returns 0, so that a walk ends at once.
+// Refills the ip group scalars from /proc/sys/net, each read with "%i" (so
+// "0x40" reads 64). A file that cannot be opened ends the daemon with "Could
+// not open <path>"; a file holding no number warns "Failed to match number."
+// and keeps the field. Returns 0.
 int update_ip_basic_stats(ip_scalars *scalars);
+
+// Reads one scalar with "%i" from in into *field, as update_ip_basic_stats does.
+void read_scalar_from(FILE *in, int32_t *field);
+
+// One address as the kernel's address dump reports it.
+struct ip_addr_record {
+    uint8_t family; // AF_INET or AF_INET6
+    uint8_t prefix_len;
+    uint8_t flags;
+    uint8_t scope;
+    int32_t if_index;
+    uint32_t preferred, valid, created, updated; // address cache information
+    char label[255];
+    uint8_t address[16], local[16], broadcast[16], anycast[16]; // IPv4 in the first 4
+    uint32_t seen;                                              // addr_seen_* bits
+};
+enum {
+    addr_seen_address = 2,
+    addr_seen_local = 4,
+    addr_seen_label = 8,
+    addr_seen_broadcast = 16,
+    addr_seen_anycast = 32,
+    addr_seen_cacheinfo = 64,
+};
+
+// Appends to out (ip_addr_record items) one record per message of one
+// datagram of an address dump; message types are not looked at.
+void parse_addr_datagram(const unsigned char *data, size_t size, item_list *out);
+
+// Opens a routing netlink socket and sends it the request for the
+// addresses of family. The socket, or -1 when either step failed.
+int request_address_dump(int family);
+
+// The IPv4, then the IPv6 addresses: one request per family on a socket of
+// its own, and only the first datagram of each answer. Returns 0.
+int dump_addresses(item_list *out);
+
+// Turns address records into ipAddressPrefixTable rows (appended to list,
+// then sorted and passed through stats_list_uniq).
+void ip_prefix_rows(const item_list *records, stats_list *list);
+
+// Refills ipAddressPrefixTable from the address dump. Returns 0.
 int update_ip_address_prefix(stats_list *list);
+
+// Called for each message of a routing netlink dump that may be a default
+// route (destination prefix length 0; every neighbour message is one).
+typedef void (*rtnl_message_fn)(const unsigned char *message, stats_list *list);
+
+// Walks the messages of one datagram of a dump: 1 when the dump goes on, 0
+// at its end marker (any message type with either low bit set), -1 at an
+// error message.
+int rtnl_walk(const unsigned char *data, size_t size, rtnl_message_fn fn, stats_list *list);
+
+// Sends one dump request of type (RTM_GETNEIGH, RTM_GETROUTE) on the socket
+// kept for the whole run and feeds every message to fn. Returns 0 at the end
+// of the dump or when a receive fails, -1 at an error message or when the
+// request could not be sent.
+int rtnl_dump(int type, rtnl_message_fn fn, stats_list *list);
+
+// Per-message functions: one ipNetToPhysicalTable row per IPv4 or IPv6
+// neighbour; one ipDefaultRouterTable row per default route with an
+// interface, a gateway and a lifetime.
+void parse_neigh_msg(const unsigned char *message, stats_list *list);
+void parse_route_msg(const unsigned char *message, stats_list *list);
+
+// Sorts ipNetToPhysicalTable rows exactly as stats_list_sort does with
+// ip_net_phys_compare (equal rows in arrival order), in linear time.
+void ip_net_phys_sort(stats_list *list);
+
+// Clock ticks per second for route expiry times (sysconf until set; tests set it).
+void ip_route_set_clock_ticks(long ticks);
+
+// Refill ipNetToPhysicalTable and ipDefaultRouterTable from the kernel. Return 0.
 int update_net_phys_list(stats_list *list);
 int update_ip_def_router(stats_list *list);
+
+// Refills ipv6ScopeZoneIndexTable: one row per interface that has a
+// link-local address in /proc/net/if_inet6. Returns 0.
 int update_ip6_scope_zone_index(stats_list *list);
+
+// Refill icmpStatsTable and icmpMsgStatsTable from /proc/net/snmp and
+// /proc/net/snmp6; an unreadable file leaves out its IP version. Return 0.
 int update_ip_icmp_stats(stats_list *list);
 int update_ip_icmp_msg_stats(stats_list *list);
 

@@ -95,6 +95,11 @@ class inode_index
 
 inode_index socket_index;
 
+// The stream buffer of the socket tables and the table that holds it (null
+// when it is free).
+std::vector<char> table_buffer;
+FILE *table_buffer_user;
+
 bool all_digits(const char *text, size_t max_length)
 {
     size_t length = 0;
@@ -147,12 +152,19 @@ void collect_set_proc_root(const char *root)
     proc_root = root ? root : default_proc_root;
 }
 
-file_ptr open_proc_table(const char *relative, std::vector<char> &buffer)
+void proc_table_closer::operator()(FILE *file) const
 {
-    file_ptr in(fopen(collect_proc_path(relative).c_str(), "r"));
-    if (in) {
-        if (buffer.empty()) buffer.resize(256 * 1024);
-        setvbuf(in.get(), buffer.data(), _IOFBF, buffer.size());
+    if (file == table_buffer_user) table_buffer_user = nullptr;
+    fclose(file);
+}
+
+proc_table_ptr open_proc_table(const char *relative)
+{
+    proc_table_ptr in(fopen(collect_proc_path(relative).c_str(), "r"));
+    if (in && !table_buffer_user) {
+        if (table_buffer.empty()) table_buffer.resize(256 * 1024);
+        setvbuf(in.get(), table_buffer.data(), _IOFBF, table_buffer.size());
+        table_buffer_user = in.get();
     }
     return in;
 }
@@ -164,7 +176,7 @@ std::string collect_proc_path(const char *relative)
 
 char *read_snmp_section_from(FILE *in, char *buffer, int size, const char *name)
 {
-    if (!in || size <= 0) return nullptr;
+    if (!in || size < 2) return nullptr;
     std::string prefix = std::string(name) + ":";
     while (fgets(buffer, size, in)) {
         if (strncmp(buffer, prefix.c_str(), prefix.size()) != 0) continue;
@@ -182,6 +194,7 @@ char *read_snmp_section_from(FILE *in, char *buffer, int size, const char *name)
 
 char *read_snmp_section(char *buffer, int size, const char *name)
 {
+    if (size < 2) return nullptr;
     file_ptr in(fopen(collect_proc_path("net/snmp").c_str(), "r"));
     if (!in) return nullptr;
     return read_snmp_section_from(in.get(), buffer, size, name);

@@ -12,27 +12,6 @@ bool is_dec(char c)
     return c >= '0' && c <= '9';
 }
 
-// Value of each character as a hex digit, or -1: the scanners run over every
-// character of tables with tens of thousands of lines.
-struct hex_digits {
-    int8_t value[256];
-    constexpr hex_digits() : value()
-    {
-        for (int c = 0; c < 256; c++)
-            value[c] = c >= '0' && c <= '9'   ? static_cast<int8_t>(c - '0')
-                       : c >= 'a' && c <= 'f' ? static_cast<int8_t>(c - 'a' + 10)
-                       : c >= 'A' && c <= 'F' ? static_cast<int8_t>(c - 'A' + 10)
-                                              : -1;
-    }
-};
-constexpr hex_digits hex_table;
-
-// Value of a hex digit, or -1.
-inline int hex_value(char c)
-{
-    return hex_table.value[static_cast<unsigned char>(c)];
-}
-
 bool is_ident(char c)
 {
     return is_dec(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
@@ -67,6 +46,19 @@ uint32_t swap32(uint32_t word)
 
 } // namespace
 
+bool hex_word(const char *text, size_t digits, uint32_t *value)
+{
+    if (digits == 0 || digits > 8) return false;
+    uint32_t v = 0;
+    for (size_t i = 0; i < digits; i++) {
+        int d = hex_digit_value(text[i]);
+        if (d < 0) return false;
+        v = (v << 4) | static_cast<uint32_t>(d);
+    }
+    *value = v;
+    return true;
+}
+
 int scan_dec_int(const char **cursor, int32_t *out)
 {
     const char *start = *cursor;
@@ -95,10 +87,10 @@ int scan_dec_u64(const char **cursor, uint64_t *out)
 
 int scan_hex_u32(const char **cursor, uint32_t *out)
 {
-    if (!skip_to(cursor, [](char c) { return hex_value(c) >= 0; })) return -1;
+    if (!skip_to(cursor, [](char c) { return hex_digit_value(c) >= 0; })) return -1;
     const char *p = *cursor;
     uint32_t value = 0;
-    for (int digit; (digit = hex_value(*p)) >= 0; p++)
+    for (int digit; (digit = hex_digit_value(*p)) >= 0; p++)
         value = (value << 4) | static_cast<uint32_t>(digit);
     *cursor = p;
     *out = value;
@@ -122,10 +114,10 @@ int scan_ident(const char **cursor, char *out, size_t size)
 
 int scan_hex_bytes(const char **cursor, uint8_t *out, size_t size)
 {
-    if (!skip_to(cursor, [](char c) { return hex_value(c) >= 0; })) return -1;
+    if (!skip_to(cursor, [](char c) { return hex_digit_value(c) >= 0; })) return -1;
     const char *start = *cursor;
     size_t digits = 0;
-    while (hex_value(start[digits]) >= 0)
+    while (hex_digit_value(start[digits]) >= 0)
         digits++;
     size_t bytes = (digits + 1) / 2;
     if (bytes > size) return -1;
@@ -134,7 +126,7 @@ int scan_hex_bytes(const char **cursor, uint8_t *out, size_t size)
     size_t nibble = digits % 2;
     memset(out, 0, bytes);
     for (size_t i = 0; i < digits; i++, nibble++) {
-        uint8_t value = static_cast<uint8_t>(hex_value(start[i]));
+        uint8_t value = static_cast<uint8_t>(hex_digit_value(start[i]));
         out[nibble / 2] |= (nibble % 2) ? value : static_cast<uint8_t>(value << 4);
     }
     *cursor = start + digits;
@@ -143,11 +135,11 @@ int scan_hex_bytes(const char **cursor, uint8_t *out, size_t size)
 
 int scan_hex_addr(const char **cursor, uint8_t *address, int32_t *type, int *all_zero, int swap)
 {
-    if (!skip_to(cursor, [](char c) { return hex_value(c) >= 0; })) return -1;
+    if (!skip_to(cursor, [](char c) { return hex_digit_value(c) >= 0; })) return -1;
     const char *start = *cursor;
     const char *p = start;
     int zero = 1;
-    for (; hex_value(*p) >= 0; p++)
+    for (; hex_digit_value(*p) >= 0; p++)
         if (*p != '0') zero = 0;
     size_t kept = static_cast<size_t>(p - start);
     if (kept > 127) kept = 127;
@@ -157,7 +149,7 @@ int scan_hex_addr(const char **cursor, uint8_t *address, int32_t *type, int *all
     if (kept < 9) {
         uint32_t word = 0;
         for (size_t i = 0; i < kept; i++)
-            word = (word << 4) | static_cast<uint32_t>(hex_value(start[i]));
+            word = (word << 4) | static_cast<uint32_t>(hex_digit_value(start[i]));
         memcpy(address, &word, sizeof word);
         *type = 1;
         return 4;
@@ -167,7 +159,7 @@ int scan_hex_addr(const char **cursor, uint8_t *address, int32_t *type, int *all
     for (size_t w = 0; w < 4; w++) {
         uint32_t word = 0;
         for (size_t i = w * 8; i < kept && i < w * 8 + 8; i++)
-            word = (word << 4) | static_cast<uint32_t>(hex_value(start[i]));
+            word = (word << 4) | static_cast<uint32_t>(hex_digit_value(start[i]));
         if (swap) word = swap32(word);
         memcpy(address + 4 * w, &word, sizeof word);
     }

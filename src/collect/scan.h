@@ -11,6 +11,31 @@
 #include <cstddef>
 #include <cstdint>
 
+// Value of each character as a hex digit of either case, or -1: the readers
+// run over every character of tables with tens of thousands of lines.
+struct hex_digit_table {
+    int8_t value[256];
+    constexpr hex_digit_table() : value()
+    {
+        for (int c = 0; c < 256; c++)
+            value[c] = c >= '0' && c <= '9'   ? static_cast<int8_t>(c - '0')
+                       : c >= 'a' && c <= 'f' ? static_cast<int8_t>(c - 'a' + 10)
+                       : c >= 'A' && c <= 'F' ? static_cast<int8_t>(c - 'A' + 10)
+                                              : -1;
+    }
+};
+inline constexpr hex_digit_table hex_digits;
+
+// Value of a hex digit, or -1 for any other character.
+inline int hex_digit_value(char c)
+{
+    return hex_digits.value[static_cast<unsigned char>(c)];
+}
+
+// Reads text that is exactly 1 to 8 hex digits long (digits, nothing else)
+// into *value. Returns false, storing nothing, for any other text.
+bool hex_word(const char *text, size_t digits, uint32_t *value);
+
 // Decimal integer; a "-" right before the first digit negates it. Digits
 // beyond the range of 32 bits wrap. Returns 0, or -1 at the end of the line.
 int scan_dec_int(const char **cursor, int32_t *out);

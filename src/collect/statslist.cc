@@ -10,10 +10,6 @@
 namespace
 {
 
-// Address buffers of the collectors' records are this long; no comparison
-// reads past it whatever length a damaged record claims.
-const uint32_t addr_buffer_size = 256;
-
 [[noreturn]] void out_of_memory()
 {
     fputs("insufficient memory\n", stderr);
@@ -124,12 +120,12 @@ void stats_list_free(stats_list *list)
     list->count = list->capacity = list->cursor = 0;
 }
 
-bool stats_key_addr(unsigned char *key, uint32_t length, const uint8_t *addr, uint32_t width)
+bool stats_key_addr(unsigned char *key, uint32_t length, const uint8_t *addr)
 {
-    if (length > width) return false;
+    if (length > stats_addr_size) return false;
     stats_key_u32(key, length);
     memcpy(key + 4, addr, length);
-    memset(key + 4 + length, 0, width - length);
+    memset(key + 4 + length, 0, stats_addr_size - length);
     return true;
 }
 
@@ -139,5 +135,5 @@ int stats_addr_compare(uint32_t len1, const uint8_t *addr1, uint32_t len2, const
         int64_t difference = static_cast<int64_t>(len1) - static_cast<int64_t>(len2);
         return static_cast<int>(std::clamp<int64_t>(difference, INT_MIN, INT_MAX));
     }
-    return memcmp(addr1, addr2, std::min(len1, addr_buffer_size));
+    return memcmp(addr1, addr2, std::min(len1, stats_addr_size));
 }

@@ -116,7 +116,8 @@ int32_t stats_list_find(const stats_list *list, const void *key, stats_compare_f
 void stats_list_free(stats_list *list);
 
 // InetAddress index order: a shorter address sorts first (the result is the
-// difference of the lengths); equal lengths compare bytes with memcmp.
+// difference of the lengths); equal lengths compare bytes with memcmp, at
+// most stats_addr_size of them whatever length a damaged record claims.
 int stats_addr_compare(uint32_t len1, const uint8_t *addr1, uint32_t len2, const uint8_t *addr2);
 
 // Stores value big-endian, so that byte order is numeric order; a signed
@@ -128,15 +129,54 @@ inline void stats_key_u32(unsigned char *key, uint32_t value)
     key[2] = static_cast<unsigned char>(value >> 8);
     key[3] = static_cast<unsigned char>(value);
 }
+inline uint32_t stats_signed_order(int32_t value)
+{
+    return static_cast<uint32_t>(value) ^ 0x80000000u;
+}
 inline void stats_key_i32(unsigned char *key, int32_t value)
 {
-    stats_key_u32(key, static_cast<uint32_t>(value) ^ 0x80000000u);
+    stats_key_u32(key, stats_signed_order(value));
 }
 
+// Bytes of the address buffers of the collectors' records: an InetAddress of
+// the socket tables is 4 (IPv4) or 16 (IPv6) bytes long.
+constexpr uint32_t stats_addr_size = 16;
+
+// Copies an address given by a request (bytes and length) into a record's
+// address buffer, to look the record up. Returns false, copying nothing, when
+// it is longer than the buffer: no row can then match.
+inline bool stats_copy_addr(uint8_t *addr, uint32_t *length, const uint8_t *bytes,
+                            uint32_t bytes_length)
+{
+    if (bytes_length > stats_addr_size) return false;
+    if (bytes_length > 0) memcpy(addr, bytes, bytes_length);
+    *length = bytes_length;
+    return true;
+}
+
+// Bytes stats_key_addr writes: the length, then an address buffer.
+constexpr size_t stats_key_addr_size = 4 + stats_addr_size;
+
 // Writes the key of an address in the order of stats_addr_compare: its
-// length, then its bytes padded with zeros to width. Returns false when the
-// address is longer than width.
-bool stats_key_addr(unsigned char *key, uint32_t length, const uint8_t *addr, uint32_t width);
+// length, then its bytes padded with zeros to stats_addr_size. Returns false
+// when the address is longer than that.
+bool stats_key_addr(unsigned char *key, uint32_t length, const uint8_t *addr);
+
+// Bytes stats_key_end writes: type, address key, port.
+constexpr size_t stats_key_end_size = 4 + stats_key_addr_size + 4;
+
+// Writes the key of one end of a socket (the index columns type, address and
+// port that every socket table has): type_order is the type as an unsigned
+// number in the comparator's order (a signed type through
+// stats_signed_order). Returns false when the address is longer than stats_addr_size.
+inline bool stats_key_end(unsigned char *key, uint32_t type_order, uint32_t length,
+                          const uint8_t *addr, uint32_t port)
+{
+    stats_key_u32(key, type_order);
+    if (!stats_key_addr(key + 4, length, addr)) return false;
+    stats_key_u32(key + 4 + stats_key_addr_size, port);
+    return true;
+}
 
 // Three-way comparison of two integers, for the comparators of record lists.
 template <typename T> inline int stats_num_compare(T a, T b)

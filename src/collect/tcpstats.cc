@@ -20,12 +20,8 @@ const char tcp_file[] = "net/tcp";
 const char tcp6_file[] = "net/tcp6";
 const char snmp_file[] = "net/snmp";
 
-// Lines are read with fgets into buffers of this size, so a longer line is
-// taken as several lines, as it always has been.
-const int line_size = 8192;
-
-// Buffers kept for the life of the process, reused by every refresh.
-std::vector<char> table_stream_buffer;
+// Owner lookup pairs, kept for the life of the process and reused by every
+// refresh.
 std::vector<socket_pid_pair> socket_pairs;
 
 // Parses one socket line of /proc/net/tcp or /proc/net/tcp6 into entry:
@@ -80,40 +76,24 @@ void append_listener(stats_list *listeners, const tcp_conn_entry &entry)
     row->inode = entry.inode;
 }
 
-// Sort keys in the comparators' order, addresses padded to IPv6 width.
-constexpr uint32_t key_addr_width = 16;
-constexpr size_t conn_key_size = 2 * (4 + 4 + key_addr_width + 4);
-constexpr size_t listener_key_size = 4 + 4 + key_addr_width + 4;
+// Sort keys in the comparators' order: type (signed), address, port; twice
+// for a connection.
+constexpr size_t conn_key_size = 2 * stats_key_end_size;
+constexpr size_t listener_key_size = stats_key_end_size;
 
 bool conn_key(const void *record, unsigned char *key)
 {
     const auto *e = static_cast<const tcp_conn_entry *>(record);
-    stats_key_i32(key, e->local_type);
-    if (!stats_key_addr(key + 4, e->local_addr_len, e->local_addr, key_addr_width)) return false;
-    stats_key_u32(key + 24, e->local_port);
-    stats_key_i32(key + 28, e->rem_type);
-    if (!stats_key_addr(key + 32, e->rem_addr_len, e->rem_addr, key_addr_width)) return false;
-    stats_key_u32(key + 52, e->rem_port);
-    return true;
+    return stats_key_end(key, stats_signed_order(e->local_type), e->local_addr_len, e->local_addr,
+                         e->local_port) &&
+           stats_key_end(key + stats_key_end_size, stats_signed_order(e->rem_type), e->rem_addr_len,
+                         e->rem_addr, e->rem_port);
 }
 
 bool listener_key(const void *record, unsigned char *key)
 {
     const auto *e = static_cast<const tcp_listener_entry *>(record);
-    stats_key_i32(key, e->type);
-    if (!stats_key_addr(key + 4, e->addr_len, e->addr, key_addr_width)) return false;
-    stats_key_u32(key + 24, e->port);
-    return true;
-}
-
-// Widens a 32-bit kernel counter into a 64-bit total: the total grows by the
-// distance from the last value seen, across one wrap of the 32-bit value.
-void widen_segments(uint32_t *last, uint64_t *total, uint32_t now)
-{
-    int64_t delta = static_cast<int64_t>(now) - static_cast<int64_t>(*last);
-    if (delta < 0) delta += INT64_C(1) << 32;
-    *total += static_cast<uint64_t>(delta);
-    *last = now;
+    return stats_key_end(key, stats_signed_order(e->type), e->addr_len, e->addr, e->port);
 }
 
 // Scans one decimal field into a counter; an absent field leaves it as is.
@@ -164,7 +144,7 @@ void tcp_tables_init(tcp_tables *tables)
 
 void tcp_read_table(FILE *in, tcp_tables *tables, int v6)
 {
-    char line[line_size];
+    char line[proc_line_size];
     if (!fgets(line, sizeof line, in)) warn("Couldn't read first line.");
     tcp_conn_entry entry;
     while (fgets(line, sizeof line, in)) {
@@ -197,7 +177,7 @@ int update_tcp_stats(tcp_tables *tables)
         int v6;
     } sources[] = {{tcp_file, 0}, {tcp6_file, 1}};
     for (const auto &source : sources) {
-        file_ptr in = open_proc_table(source.file, table_stream_buffer);
+        proc_table_ptr in = open_proc_table(source.file);
         if (in) tcp_read_table(in.get(), tables, source.v6);
     }
     tcp_tables_sort(tables);
@@ -227,7 +207,7 @@ int update_tcp_stats(tcp_tables *tables)
 int tcp_read_snmp(FILE *in, tcp_global_stats *stats)
 {
     memset(stats, 0, sizeof *stats);
-    char line[line_size];
+    char line[proc_line_size];
     if (!fgets(line, sizeof line, in)) warn("Couldn't read first line.");
     // The header line is the first one mentioning Tcp, the values line the
     // next one that does.
@@ -259,8 +239,8 @@ int tcp_read_snmp(FILE *in, tcp_global_stats *stats)
     int result = scan_counter(&p, &stats->OutRsts);
     // The record was zeroed above, so each total comes out equal to the
     // current 32-bit counter and wraps with it: what the router reports.
-    widen_segments(&stats->InSegs, &stats->HCInSegs, in_segs);
-    widen_segments(&stats->OutSegs, &stats->HCOutSegs, out_segs);
+    widen_counter(in_segs, &stats->InSegs, &stats->HCInSegs);
+    widen_counter(out_segs, &stats->OutSegs, &stats->HCOutSegs);
     return result;
 }
 

@@ -11,11 +11,11 @@
 // network byte order; types are InetAddressType, 1 ipv4 and 2 ipv6.
 struct tcp_conn_entry {
     int32_t local_type;
-    uint8_t local_addr[256];
+    uint8_t local_addr[stats_addr_size];
     uint32_t local_addr_len;
     uint32_t local_port;
     int32_t rem_type;
-    uint8_t rem_addr[256];
+    uint8_t rem_addr[stats_addr_size];
     uint32_t rem_addr_len;
     uint32_t rem_port;
     uint32_t state;   // kernel TCP state as read: 1 ESTABLISHED ... 11 CLOSING
@@ -26,7 +26,7 @@ struct tcp_conn_entry {
 // One row of tcpListenerTable.
 struct tcp_listener_entry {
     int32_t type;
-    uint8_t addr[256];
+    uint8_t addr[stats_addr_size];
     uint32_t addr_len;
     uint32_t port;
     uint32_t process;

@@ -2,6 +2,7 @@
 #include "udpstats.h"
 
 #include "procfs.h"
+#include "scan.h"
 
 #include "core/trace.h"
 
@@ -11,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 namespace
 {
@@ -23,51 +23,16 @@ const struct {
     int32_t type;
 } endpoint_tables[] = {{"net/udp", 1}, {"net/udp6", 2}};
 
-// Lines are read with fgets into buffers of this size, so a longer line is
-// taken as several lines.
-const int line_size = 8192;
-
 const char endpoint_line_format[] = "%*d: %255s %255s %*x %*x:%*x %*x:%*x %*x %*u %*u %u";
 
 struct free_deleter {
     void operator()(void *p) const { free(p); }
 };
 
-// Stream buffer kept for the life of the process, reused by every refresh.
-// A read of /proc/net/udp{,6} hands back at most one page of text, and every
-// page costs the kernel a walk of its socket hash from the first bucket up to
-// the offset reached; the large buffer makes each read take a whole page, so
-// no page is fetched in pieces.
-std::vector<char> table_stream_buffer;
-
 // White space as sscanf sees it in the C locale.
 inline bool is_space(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-inline int hex_value(char c)
-{
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-// Reads exactly the hex digits of text (1 to 8 of them, nothing else) into
-// *value. False for any other text, which the caller then hands to sscanf:
-// these fast readers accept only what sscanf would read the same way.
-bool plain_hex_word(const char *text, size_t digits, uint32_t *value)
-{
-    if (digits == 0 || digits > 8) return false;
-    uint32_t v = 0;
-    for (size_t i = 0; i < digits; i++) {
-        int d = hex_value(text[i]);
-        if (d < 0) return false;
-        v = (v << 4) | static_cast<uint32_t>(d);
-    }
-    *value = v;
-    return true;
 }
 
 // The canonical shape of a socket line, as the kernel prints it: every field
@@ -101,7 +66,7 @@ class canonical_line
         uint64_t v = 0;
         int n = 0;
         for (;; n++, p_++) {
-            int d = Hex ? hex_value(*p_) : (*p_ >= '0' && *p_ <= '9' ? *p_ - '0' : -1);
+            int d = Hex ? hex_digit_value(*p_) : (*p_ >= '0' && *p_ <= '9' ? *p_ - '0' : -1);
             if (d < 0) break;
             if (n == max_digits) return false;
             v = v * (Hex ? 16 : 10) + static_cast<uint64_t>(d);
@@ -129,7 +94,7 @@ class canonical_line
     bool address(int count, uint32_t *words, uint32_t *port)
     {
         for (int i = 0; i < count; i++, p_ += 8)
-            if (!plain_hex_word(p_, 8, &words[i])) return false;
+            if (!hex_word(p_, 8, &words[i])) return false;
         if (!literal(':')) return false;
         uint64_t value;
         if (!number<true>(8, &value) || !is_space(*p_)) return false;
@@ -167,9 +132,10 @@ bool read_canonical_line(const char *line, char *local, char *remote, unsigned *
            in.word(remote) && in.rest(inode);
 }
 
+// Stores count (1 or 4) words into an address buffer, never past its end.
 void store_words(uint8_t *address, const uint32_t *words, int count, int swap)
 {
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < count && i < int(stats_addr_size / 4); i++) {
         uint32_t word = swap ? __builtin_bswap32(words[i]) : words[i];
         memcpy(address + 4 * i, &word, sizeof word);
     }
@@ -199,33 +165,20 @@ bool read_canonical_row(const char *line, int32_t type, udp_endpoint_entry *row)
     return true;
 }
 
-// Builds the sort key of a row: the comparator's fields in its order, each
-// type and number big-endian, each address as its length and its bytes
-// padded to the IPv6 width (the addresses of these rows are 4 or 16 bytes).
-constexpr uint32_t key_addr_width = 16;
-constexpr size_t endpoint_key_size = 2 * (4 + 4 + key_addr_width + 4) + 4;
+// Builds the sort key of a row: the comparator's fields in its order, both
+// ends (types compared unsigned), then the inode.
+constexpr size_t endpoint_key_size = 2 * stats_key_end_size + 4;
 
 bool endpoint_key(const void *record, unsigned char *key)
 {
     const auto *e = static_cast<const udp_endpoint_entry *>(record);
-    stats_key_u32(key, static_cast<uint32_t>(e->local_type));
-    if (!stats_key_addr(key + 4, e->local_addr_len, e->local_addr, key_addr_width)) return false;
-    stats_key_u32(key + 24, e->local_port);
-    stats_key_u32(key + 28, static_cast<uint32_t>(e->rem_type));
-    if (!stats_key_addr(key + 32, e->rem_addr_len, e->rem_addr, key_addr_width)) return false;
-    stats_key_u32(key + 52, e->rem_port);
-    stats_key_u32(key + 56, e->inode);
+    if (!stats_key_end(key, static_cast<uint32_t>(e->local_type), e->local_addr_len, e->local_addr,
+                       e->local_port) ||
+        !stats_key_end(key + stats_key_end_size, static_cast<uint32_t>(e->rem_type),
+                       e->rem_addr_len, e->rem_addr, e->rem_port))
+        return false;
+    stats_key_u32(key + 2 * stats_key_end_size, e->inode);
     return true;
-}
-
-// Widens a 32-bit kernel counter into a 64-bit total: the total grows by the
-// distance from the last value seen, across one wrap of the 32-bit value.
-void widen_counter(uint32_t *last, uint64_t *total, uint32_t now)
-{
-    int64_t delta = static_cast<int64_t>(now) - static_cast<int64_t>(*last);
-    if (delta < 0) delta += INT64_C(1) << 32;
-    *total += static_cast<uint64_t>(delta);
-    *last = now;
 }
 
 } // namespace
@@ -264,7 +217,7 @@ void parse_hex_addr(uint8_t *address, uint32_t *length, const char *text, int32_
     uint32_t words[4] = {0, 0, 0, 0};
     size_t digits = strlen(text);
     if (type == 1) {
-        if (!plain_hex_word(text, digits, &words[0])) {
+        if (!hex_word(text, digits, &words[0])) {
             unsigned word = 0;
             if (sscanf(text, "%x", &word) == 1) words[0] = word;
         }
@@ -274,7 +227,7 @@ void parse_hex_addr(uint8_t *address, uint32_t *length, const char *text, int32_
     }
     bool plain = digits == 32;
     for (int i = 0; plain && i < 4; i++)
-        plain = plain_hex_word(text + 8 * i, 8, &words[i]);
+        plain = hex_word(text + 8 * i, 8, &words[i]);
     if (!plain) {
         unsigned w[4] = {0, 0, 0, 0};
         sscanf(text, "%8x%8x%8x%8x", &w[0], &w[1], &w[2], &w[3]);
@@ -296,7 +249,7 @@ void parse_addr_port(uint8_t *address, uint32_t *length, uint32_t *port, const c
     before[n] = '\0';
     parse_hex_addr(address, length, before, type, 0);
     const char *after = colon + 1;
-    if (!plain_hex_word(after, strlen(after), port)) {
+    if (!hex_word(after, strlen(after), port)) {
         unsigned value;
         if (sscanf(after, "%x", &value) == 1) *port = value;
     }
@@ -310,7 +263,7 @@ int udp_scan_endpoint_line(const char *line, char *local, char *remote, unsigned
 
 int32_t udp_read_endpoints(FILE *in, stats_list *list, int32_t position, int32_t type)
 {
-    char line[line_size];
+    char line[proc_line_size];
     if (!fgets(line, sizeof line, in)) warn("Couldn't read whole line.");
     char local[UDP_ADDR_TEXT_MAX + 1];
     char remote[UDP_ADDR_TEXT_MAX + 1];
@@ -335,7 +288,7 @@ int update_udp_endpoints(stats_list *list)
     list->count = 0;
     int32_t position = 0;
     for (const auto &table : endpoint_tables) {
-        file_ptr in = open_proc_table(table.file, table_stream_buffer);
+        proc_table_ptr in = open_proc_table(table.file);
         if (in) position = udp_read_endpoints(in.get(), list, position, table.type);
     }
 
@@ -366,7 +319,7 @@ int update_udp_stats(udp_global_stats *stats)
 {
     TRACE_ENTER();
     memset(stats, 0, sizeof *stats);
-    char buffer[line_size];
+    char buffer[proc_line_size];
     const char *values = read_snmp_section(buffer, sizeof buffer, "Udp");
     if (!values) {
         TRACE_EXIT();
@@ -378,8 +331,8 @@ int update_udp_stats(udp_global_stats *stats)
     stats->InErrors = in_errors;
     // The record was zeroed above, so each total equals its 32-bit counter
     // and wraps with it: what the router reports for the HC counters.
-    widen_counter(&stats->InDatagrams, &stats->HCInDatagrams, in_datagrams);
-    widen_counter(&stats->OutDatagrams, &stats->HCOutDatagrams, out_datagrams);
+    widen_counter(in_datagrams, &stats->InDatagrams, &stats->HCInDatagrams);
+    widen_counter(out_datagrams, &stats->OutDatagrams, &stats->HCOutDatagrams);
     TRACE_EXIT();
     return 0;
 }

@@ -17,9 +17,9 @@ constexpr int UDP_ADDR_TEXT_MAX = 255;
 struct udp_endpoint_entry {
     int32_t local_type;
     int32_t rem_type;
-    uint8_t local_addr[256];
+    uint8_t local_addr[stats_addr_size];
     uint32_t local_addr_len;
-    uint8_t rem_addr[256];
+    uint8_t rem_addr[stats_addr_size];
     uint32_t rem_addr_len;
     uint32_t local_port;
     uint32_t rem_port;

@@ -297,11 +297,44 @@ int ip_traf_status_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, 
     return CONFD_OK;
 }
 
-// The ip group scalars are not collected yet (update_ip_basic_stats).
 int ip_status_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
-    return reply_noexists(tctx);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_ipForwarding:
+    case IP_MIB_ipDefaultTTL:
+    case IP_MIB_ipReasmTimeout:
+    case IP_MIB_ipv6IpForwarding:
+    case IP_MIB_ipv6IpDefaultHopLimit:
+        break;
+    case IP_MIB_ipv4InterfaceTableLastChange:
+    case IP_MIB_ipv6InterfaceTableLastChange:
+        CONFD_SET_UINT32(&v, 0);
+        return reply(tctx, &v);
+    default:
+        return reply_noexists(tctx); // no file is read for it
+    }
+    timed_cache_refresh(&scalars, refresh_interval);
+    const ip_scalars &s = scalars.data;
+    switch (leaf) {
+    case IP_MIB_ipForwarding:
+        CONFD_SET_ENUM_VALUE(&v, s.forwarding == 1 ? 1 : 2);
+        break;
+    case IP_MIB_ipv6IpForwarding:
+        CONFD_SET_ENUM_VALUE(&v, s.ipv6_forwarding == 1 ? 1 : 2);
+        break;
+    case IP_MIB_ipDefaultTTL:
+        CONFD_SET_INT32(&v, s.default_ttl);
+        break;
+    case IP_MIB_ipReasmTimeout:
+        CONFD_SET_INT32(&v, s.reasm_timeout);
+        break;
+    default:
+        CONFD_SET_INT32(&v, s.ipv6_hop_limit);
+        break;
+    }
+    return reply(tctx, &v);
 }
 
 // The interface tables under "ip_status" have no rows.
@@ -444,8 +477,7 @@ int ip6_router_advert_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *k
     return reply(tctx, &v);
 }
 
-// ---- Tables whose rows are not collected yet: walked like the others, their
-// key types checked on a read, every column C_NOEXISTS.
+// ---- ipAddressPrefixTable
 
 int prefix_keys(const void *record, confd_value_t *keys)
 {
@@ -465,14 +497,54 @@ int ip_address_prefix_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *k
 
 int ip_address_prefix_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!prefix_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_INT32(&kp->v[1][0]);
-    (void)CONFD_GET_ENUM_VALUE(&kp->v[1][1]);
-    (void)CONFD_GET_BINARY_PTR(&kp->v[1][2]);
-    (void)CONFD_GET_UINT32(&kp->v[1][3]);
-    return reply_noexists(tctx); // no rows are collected yet
+    ip_addr_prefix_entry key;
+    key.if_index = CONFD_GET_INT32(&kp->v[1][0]);
+    key.type = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(&kp->v[1][1]));
+    const unsigned char *bytes = CONFD_GET_BINARY_PTR(&kp->v[1][2]);
+    bool fits = copy_addr(bytes, CONFD_GET_BINARY_SIZE(&kp->v[1][2]), &key.prefix);
+    key.prefix_len = CONFD_GET_UINT32(&kp->v[1][3]);
+    const ip_addr_prefix_entry *row = fits ? find_row(prefix_table, key) : nullptr;
+    if (!row) return reply_noexists(tctx);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_ipAddressPrefixIfIndex:
+        CONFD_SET_INT32(&v, row->if_index);
+        break;
+    case IP_MIB_ipAddressPrefixType:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->type));
+        break;
+    case IP_MIB_ipAddressPrefixPrefix:
+        set_addr(&v, row->prefix);
+        break;
+    case IP_MIB_ipAddressPrefixLength:
+        CONFD_SET_UINT32(&v, row->prefix_len);
+        break;
+    case IP_MIB_ipAddressPrefixOrigin:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->origin));
+        break;
+    case IP_MIB_ipAddressPrefixOnLinkFlag:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->on_link));
+        break;
+    case IP_MIB_ipAddressPrefixAutonomousFlag:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->autonomous));
+        break;
+    // The kernel's lifetimes in millions of seconds: its "infinite"
+    // 4294967295 answers 4294 and any finite lifetime of an address answers 0.
+    case IP_MIB_ipAddressPrefixAdvPreferredLifetime:
+        CONFD_SET_UINT32(&v, row->preferred_lifetime / 1000000u);
+        break;
+    case IP_MIB_ipAddressPrefixAdvValidLifetime:
+        CONFD_SET_UINT32(&v, row->valid_lifetime / 1000000u);
+        break;
+    default:
+        return reply_noexists(tctx);
+    }
+    return reply(tctx, &v);
 }
+
+// ---- ipNetToPhysicalTable
 
 int net_phys_keys(const void *record, confd_value_t *keys)
 {
@@ -491,13 +563,36 @@ int ip_net_phys_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, lon
 
 int ip_net_phys_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!net_phys_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_INT32(&kp->v[1][0]);
-    (void)CONFD_GET_ENUM_VALUE(&kp->v[1][1]);
-    (void)CONFD_GET_BINARY_PTR(&kp->v[1][2]);
-    return reply_noexists(tctx); // no rows are collected yet
+    ip_net_phys_entry key;
+    key.if_index = CONFD_GET_INT32(&kp->v[1][0]);
+    key.addr_type = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(&kp->v[1][1]));
+    const unsigned char *bytes = CONFD_GET_BINARY_PTR(&kp->v[1][2]);
+    bool fits = copy_addr(bytes, CONFD_GET_BINARY_SIZE(&kp->v[1][2]), &key.addr);
+    const ip_net_phys_entry *row = fits ? find_row(net_phys_table, key) : nullptr;
+    if (!row) return reply_noexists(tctx);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_ipNetToPhysicalPhysAddress:
+        CONFD_SET_BINARY(&v, const_cast<unsigned char *>(row->phys_addr), row->phys_addr_len);
+        break;
+    case IP_MIB_ipNetToPhysicalType:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->type));
+        break;
+    case IP_MIB_ipNetToPhysicalState:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->state));
+        break;
+    case IP_MIB_ipNetToPhysicalLastUpdated:
+        CONFD_SET_UINT32(&v, 0);
+        break;
+    default:
+        return reply_noexists(tctx);
+    }
+    return reply(tctx, &v);
 }
+
+// ---- ipDefaultRouterTable
 
 int def_router_keys(const void *record, confd_value_t *keys)
 {
@@ -516,13 +611,39 @@ int ip_def_router_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, l
 
 int ip_def_router_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!def_router_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_ENUM_VALUE(&kp->v[1][0]);
-    (void)CONFD_GET_BINARY_PTR(&kp->v[1][1]);
-    (void)CONFD_GET_INT32(&kp->v[1][2]);
-    return reply_noexists(tctx); // no rows are collected yet
+    ip_def_router_entry key;
+    key.addr_type = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(&kp->v[1][0]));
+    const unsigned char *bytes = CONFD_GET_BINARY_PTR(&kp->v[1][1]);
+    bool fits = copy_addr(bytes, CONFD_GET_BINARY_SIZE(&kp->v[1][1]), &key.addr);
+    key.if_index = CONFD_GET_INT32(&kp->v[1][2]);
+    const ip_def_router_entry *row = fits ? find_row(def_router_table, key) : nullptr;
+    if (!row) return reply_noexists(tctx);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_ipDefaultRouterAddressType:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->addr_type));
+        break;
+    case IP_MIB_ipDefaultRouterAddress:
+        set_addr(&v, row->addr);
+        break;
+    case IP_MIB_ipDefaultRouterIfIndex:
+        CONFD_SET_INT32(&v, row->if_index);
+        break;
+    case IP_MIB_ipDefaultRouterLifetime:
+        CONFD_SET_UINT32(&v, row->lifetime);
+        break;
+    case IP_MIB_ipDefaultRouterPreference:
+        CONFD_SET_ENUM_VALUE(&v, row->preference);
+        break;
+    default:
+        return reply_noexists(tctx);
+    }
+    return reply(tctx, &v);
 }
+
+// ---- ipv6ScopeZoneIndexTable
 
 int scope_zone_keys(const void *record, confd_value_t *keys)
 {
@@ -537,13 +658,40 @@ int ip6_scope_zone_idx_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *
     return walk_table(tctx, &scope_zone_table, next, scope_zone_keys);
 }
 
+// The zone-index columns in the order of the row's zone fields.
+const uint32_t scope_zone_columns[12] = {
+    IP_MIB_ipv6ScopeZoneIndexLinkLocal,
+    IP_MIB_ipv6ScopeZoneIndex3,
+    IP_MIB_ipv6ScopeZoneIndexAdminLocal,
+    IP_MIB_ipv6ScopeZoneIndexSiteLocal,
+    IP_MIB_ipv6ScopeZoneIndex6,
+    IP_MIB_ipv6ScopeZoneIndex7,
+    IP_MIB_ipv6ScopeZoneIndexOrganizationLocal,
+    IP_MIB_ipv6ScopeZoneIndex9,
+    IP_MIB_ipv6ScopeZoneIndexA,
+    IP_MIB_ipv6ScopeZoneIndexB,
+    IP_MIB_ipv6ScopeZoneIndexC,
+    IP_MIB_ipv6ScopeZoneIndexD,
+};
+
 int ip6_scope_zone_idx_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!scope_zone_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_INT32(&kp->v[1][0]);
-    return reply_noexists(tctx); // no rows are collected yet
+    ip6_scope_zone_entry key;
+    key.if_index = static_cast<uint32_t>(CONFD_GET_INT32(&kp->v[1][0]));
+    const ip6_scope_zone_entry *row = find_row(scope_zone_table, key);
+    if (!row) return reply_noexists(tctx);
+    for (int i = 0; i < 12; i++)
+        if (leaf == scope_zone_columns[i]) {
+            confd_value_t v;
+            CONFD_SET_UINT32(&v, row->zone[i]);
+            return reply(tctx, &v);
+        }
+    return reply_noexists(tctx);
 }
+
+// ---- icmpStatsTable and icmpMsgStatsTable: counters answered as their low 32 bits
 
 int icmp_keys(const void *record, confd_value_t *keys)
 {
@@ -560,10 +708,32 @@ int ip_icmp_stat_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, lo
 
 int ip_icmp_stat_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!icmp_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_ENUM_VALUE(&kp->v[1][0]);
-    return reply_noexists(tctx); // no rows are collected yet
+    icmp_stats_entry key;
+    key.version = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(&kp->v[1][0]));
+    const icmp_stats_entry *row = find_row(icmp_table, key);
+    if (!row) return reply_noexists(tctx);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_icmpStatsIPVersion:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->version));
+        return reply(tctx, &v);
+    case IP_MIB_icmpStatsInMsgs:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->in_msgs));
+        return reply(tctx, &v);
+    case IP_MIB_icmpStatsInErrors:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->in_errors));
+        return reply(tctx, &v);
+    case IP_MIB_icmpStatsOutMsgs:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->out_msgs));
+        return reply(tctx, &v);
+    case IP_MIB_icmpStatsOutErrors:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->out_errors));
+        return reply(tctx, &v);
+    default:
+        return reply_noexists(tctx);
+    }
 }
 
 int icmp_msg_keys(const void *record, confd_value_t *keys)
@@ -582,11 +752,31 @@ int ip_icmp_msg_stat_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp
 
 int ip_icmp_msg_stat_get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
-    (void)CONFD_GET_XMLTAG(&kp->v[0][0]);
+    uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     if (!icmp_msg_table.walk_list) return reply_noexists(tctx);
-    (void)CONFD_GET_ENUM_VALUE(&kp->v[1][0]);
-    (void)CONFD_GET_INT32(&kp->v[1][1]);
-    return reply_noexists(tctx); // no rows are collected yet
+    icmp_msg_stats_entry key;
+    key.version = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(&kp->v[1][0]));
+    key.type = CONFD_GET_INT32(&kp->v[1][1]);
+    const icmp_msg_stats_entry *row = find_row(icmp_msg_table, key);
+    if (!row) return reply_noexists(tctx);
+    confd_value_t v;
+    switch (leaf) {
+    case IP_MIB_icmpMsgStatsIPVersion:
+        CONFD_SET_ENUM_VALUE(&v, static_cast<int32_t>(row->version));
+        break;
+    case IP_MIB_icmpMsgStatsType:
+        CONFD_SET_INT32(&v, row->type);
+        break;
+    case IP_MIB_icmpMsgStatsInPkts:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->in_pkts));
+        break;
+    case IP_MIB_icmpMsgStatsOutPkts:
+        CONFD_SET_UINT32(&v, static_cast<uint32_t>(row->out_pkts));
+        break;
+    default:
+        return reply_noexists(tctx);
+    }
+    return reply(tctx, &v);
 }
 
 // ---- Writes to ip_status, ip_address_status, ipv6_router_status and

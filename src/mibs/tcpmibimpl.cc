@@ -2,6 +2,7 @@
 #include "tcpmibimpl.h"
 
 #include "core/leisobek.h"
+#include "socket_keys.h"
 #include "statslist.h"
 #include "tcpstats.h"
 #include "timedcache.h"
@@ -55,50 +56,6 @@ int32_t connection_state(uint32_t kernel_state)
     return connection_states[kernel_state - 1];
 }
 
-// Copies an InetAddress key into a record's address buffer. Returns false
-// when the key is longer than the buffer, as no row can then match.
-bool address_key(confd_value_t *v_pp, uint8_t *addr, size_t size, uint32_t *length)
-{
-    unsigned int key_length = CONFD_GET_BINARY_SIZE(v_pp);
-    const unsigned char *key = CONFD_GET_BINARY_PTR(v_pp);
-    if (key_length > size) return false;
-    memcpy(addr, key, key_length);
-    *length = key_length;
-    return true;
-}
-
-// Fills a scratch listener from the keys of a tcpListenerEntry keypath row.
-// Every key must be of its index type. Returns false when the address cannot
-// belong to any row.
-bool listener_from_keys(confd_value_t *keys, tcp_listener_entry *row)
-{
-    confd_value_t *v_pp = &keys[0];
-    row->type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &keys[1];
-    bool fits = address_key(v_pp, row->addr, sizeof row->addr, &row->addr_len);
-    v_pp = &keys[2];
-    row->port = CONFD_GET_UINT32(v_pp);
-    return fits;
-}
-
-// The same for the six keys of a tcpConnectionEntry.
-bool connection_from_keys(confd_value_t *keys, tcp_conn_entry *row)
-{
-    confd_value_t *v_pp = &keys[0];
-    row->local_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &keys[1];
-    bool fits = address_key(v_pp, row->local_addr, sizeof row->local_addr, &row->local_addr_len);
-    v_pp = &keys[2];
-    row->local_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &keys[3];
-    row->rem_type = CONFD_GET_ENUM_VALUE(v_pp);
-    v_pp = &keys[4];
-    fits = address_key(v_pp, row->rem_addr, sizeof row->rem_addr, &row->rem_addr_len) && fits;
-    v_pp = &keys[5];
-    row->rem_port = CONFD_GET_UINT32(v_pp);
-    return fits;
-}
-
 // The first row in index order equal to key, or null. The rows are sorted,
 // so a binary search finds the same row a scan from the top would.
 const void *find_row(const stats_list *rows, const void *key)
@@ -118,12 +75,16 @@ int reply_not_found(struct confd_trans_ctx *tctx)
     return CONFD_OK;
 }
 
+// The key types of a table entry are asserted in the callback itself
+// (SOCKET_END_KEYS), so that an abort names "tcp_get_listener_elem"; the
+// name kp is part of the required text "(&kp->v[0][0])->type == C_XMLTAG".
 int tcp_get_listener_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     tcp_listener_entry key;
     memset(&key, 0, sizeof key);
-    bool fits = listener_from_keys(kp->v[1], &key);
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.type, key.addr, key.addr_len, key.port, fits);
     const auto *row = static_cast<const tcp_listener_entry *>(
         fits ? find_row(&walked_tables->listeners, &key) : nullptr);
     if (!row) return reply_not_found(tctx);
@@ -137,12 +98,16 @@ int tcp_get_listener_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     }
 }
 
+// The same over the connections with their six keys.
 int tcp_get_connection_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     tcp_conn_entry key;
     memset(&key, 0, sizeof key);
-    bool fits = connection_from_keys(kp->v[1], &key);
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.local_type, key.local_addr, key.local_addr_len, key.local_port,
+                    fits);
+    SOCKET_END_KEYS(kp, 3, key.rem_type, key.rem_addr, key.rem_addr_len, key.rem_port, fits);
     const auto *row =
         static_cast<const tcp_conn_entry *>(fits ? find_row(&walked_tables->conns, &key) : nullptr);
     if (!row) return reply_not_found(tctx);

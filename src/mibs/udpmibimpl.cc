@@ -2,6 +2,7 @@
 #include "udpmibimpl.h"
 
 #include "UDP-MIB.h"
+#include "socket_keys.h"
 #include "timedcache.h"
 #include "udpstats.h"
 
@@ -20,102 +21,53 @@ timed_cache<stats_list> udp_endpoints;
 // The endpoint list of the last walk (null before the first one); entry
 // requests are answered from it without refreshing.
 stats_list *walk_list;
-// Whether walk_list was in index order when its walk began: it is unless
-// the collector could not finish a refresh, and only then are entries looked
-// up by a linear walk.
-bool walk_list_sorted;
+// Set when the last refresh of the endpoints could not finish: its rows are
+// then left in file order, and entries are looked up by a scan from the top
+// instead of a binary search.
+bool endpoints_unsorted;
 
 // Kept like every provider's copy; no UDP request needs MAAPI.
 int udp_maapi_sock = -1;
 
-// The seven index values of a udpEndpointEntry as a request names them.
-struct endpoint_index {
-    uint32_t local_type;
-    const uint8_t *local_addr;
-    uint32_t local_addr_len;
-    uint32_t local_port;
-    uint32_t rem_type;
-    const uint8_t *rem_addr;
-    uint32_t rem_addr_len;
-    uint32_t rem_port;
-    uint32_t instance;
-};
-
-// Orders an index against a row exactly as udp_endpoint_compare orders rows,
-// so that the binary search over the sorted list finds the first row the
-// router's own top-to-bottom walk would have matched.
-int index_compare(const void *key, const void *record)
+// Refresh function of the endpoint cache: the collector's, noting whether
+// it left the rows sorted.
+int refresh_endpoints(stats_list *list)
 {
-    const auto *k = static_cast<const endpoint_index *>(key);
-    const auto *e = static_cast<const udp_endpoint_entry *>(record);
-    int c;
-    if ((c = stats_num_compare(k->local_type, static_cast<uint32_t>(e->local_type))) != 0) return c;
-    if ((c = stats_addr_compare(k->local_addr_len, k->local_addr, e->local_addr_len,
-                                e->local_addr)) != 0)
-        return c;
-    if ((c = stats_num_compare(k->local_port, e->local_port)) != 0) return c;
-    if ((c = stats_num_compare(k->rem_type, static_cast<uint32_t>(e->rem_type))) != 0) return c;
-    if ((c = stats_addr_compare(k->rem_addr_len, k->rem_addr, e->rem_addr_len, e->rem_addr)) != 0)
-        return c;
-    if ((c = stats_num_compare(k->rem_port, e->rem_port)) != 0) return c;
-    return stats_num_compare(k->instance, e->inode);
+    int result = update_udp_endpoints(list);
+    endpoints_unsorted = result != 0;
+    return result;
 }
 
-bool list_in_order(const stats_list *list)
+// Position of the first row of the list equal to key, or -1 when there is
+// none: the row the router's top-to-bottom walk through the list matches.
+int32_t find_endpoint(const stats_list *list, const udp_endpoint_entry *key)
 {
-    for (int32_t p = 1; p < list->count; p++)
-        if (list->compare(stats_list_record(list, p - 1), stats_list_record(list, p)) > 0)
-            return false;
-    return true;
-}
-
-// Reads the keys of keypath element 1; a key of another type than the
-// model's aborts the daemon.
-endpoint_index read_endpoint_index(const confd_value_t *keys)
-{
-    endpoint_index index;
-    const confd_value_t *v_pp = &keys[0];
-    index.local_type = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(v_pp));
-    v_pp = &keys[1];
-    index.local_addr = CONFD_GET_BINARY_PTR(v_pp);
-    index.local_addr_len = CONFD_GET_BINARY_SIZE(v_pp);
-    v_pp = &keys[2];
-    index.local_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &keys[3];
-    index.rem_type = static_cast<uint32_t>(CONFD_GET_ENUM_VALUE(v_pp));
-    v_pp = &keys[4];
-    index.rem_addr = CONFD_GET_BINARY_PTR(v_pp);
-    index.rem_addr_len = CONFD_GET_BINARY_SIZE(v_pp);
-    v_pp = &keys[5];
-    index.rem_port = CONFD_GET_UINT32(v_pp);
-    v_pp = &keys[6];
-    index.instance = CONFD_GET_UINT32(v_pp);
-    // An empty address may come without a buffer; compare it as zero bytes
-    // of a real one.
-    static const uint8_t no_bytes[1] = {0};
-    if (!index.local_addr) index.local_addr = no_bytes;
-    if (!index.rem_addr) index.rem_addr = no_bytes;
-    return index;
-}
-
-// Position of the first row equal to index in the list of the last walk, or
-// -1 when there is none.
-int32_t find_endpoint(const stats_list *list, const endpoint_index &index)
-{
-    if (walk_list_sorted) return stats_list_find(list, &index, index_compare);
+    if (!endpoints_unsorted) return stats_list_find(list, key, nullptr);
     for (int32_t p = 0; p < list->count; p++)
-        if (index_compare(&index, stats_list_record(list, p)) == 0) return p;
+        if (list->compare(key, stats_list_record(list, p)) == 0) return p;
     return -1;
 }
 
+// The key types are asserted in the callback itself (SOCKET_END_KEYS and
+// below), so that an abort names "get_udp_endpoint_stats"; the names kp and
+// v_pp are part of the required texts "(&kp->v[0][0])->type == C_XMLTAG"
+// and "(v_pp)->type == C_UINT32": keep them.
 int get_udp_endpoint_stats(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
 {
     uint32_t leaf = CONFD_GET_XMLTAG(&kp->v[0][0]);
     // The keys are only looked at (and their types checked) while rows are
     // compared with them: an empty table fails the request without that.
     if (!walk_list || walk_list->count == 0) return CONFD_ERR;
-    endpoint_index index = read_endpoint_index(kp->v[1]);
-    int32_t position = find_endpoint(walk_list, index);
+    udp_endpoint_entry key;
+    memset(&key, 0, sizeof key);
+    bool fits = true;
+    SOCKET_END_KEYS(kp, 0, key.local_type, key.local_addr, key.local_addr_len, key.local_port,
+                    fits);
+    SOCKET_END_KEYS(kp, 3, key.rem_type, key.rem_addr, key.rem_addr_len, key.rem_port, fits);
+    confd_value_t *v_pp = &kp->v[1][6];
+    key.inode = CONFD_GET_UINT32(v_pp);
+    // An address longer than any row's matches none.
+    int32_t position = fits ? find_endpoint(walk_list, &key) : -1;
     // Kept: a key that matches no row is answered from the last row of the
     // table, where the router's walk through the list stops.
     if (position < 0) position = walk_list->count - 1;
@@ -170,7 +122,6 @@ int udp_stats_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, long 
     if (next == -1) {
         timed_cache_refresh(&udp_endpoints, refresh_interval);
         walk_list = &udp_endpoints.data;
-        walk_list_sorted = list_in_order(walk_list);
         position = 0;
     }
     if (!walk_list || position < 0 || position >= walk_list->count) {
@@ -214,10 +165,10 @@ int register_udp(struct confd_daemon_ctx *dctx, int msock)
     // collected keeps a repeated one (the unit tests') from leaking.
     stats_list_free(&udp_endpoints.data);
     udp_endpoints.last_refresh = 0;
-    udp_endpoints.refresh = update_udp_endpoints;
+    udp_endpoints.refresh = refresh_endpoints;
     udp_endpoints_init(&udp_endpoints.data);
     walk_list = nullptr;
-    walk_list_sorted = false;
+    endpoints_unsorted = false;
 
     struct confd_data_cbs cbs;
     memset(&cbs, 0, sizeof cbs);

@@ -1,8 +1,8 @@
 // A test daemon on the emulated client library, and tests with a confd-emu of their own.
 #pragma once
 
-#include "confd_dp.h"
 #include "confd_lib.h"
+#include "confd_dp.h"
 #include "confd_maapi.h"
 #include "harness.h"
 

@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <sys/mount.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -480,6 +483,236 @@ TEST(IpMibTest, CallpointsWritesAndKeyTypes)
         EXPECT_EQ(d->wait_exit(), 128 + SIGABRT);
         EXPECT_NE(d->err().find("ip_address_get_elem: Assertion `(v_pp)->type == C_ENUM_VALUE' "
                                 "failed."),
+                  std::string::npos)
+            << d->err();
+    });
+}
+
+// ifIndex of each interface by name.
+std::map<std::string, std::string> if_indexes()
+{
+    cli_json::value links;
+    EXPECT_TRUE(cli_json::parse(harness::run({kIp, "-j", "link"}).out, links));
+    std::map<std::string, std::string> out;
+    for (const cli_json::value &l : links.items)
+        out[l["ifname"].text] = l["ifindex"].text;
+    return out;
+}
+
+// An address in the hex of the walks' binary keys.
+std::string addr_hex(const std::string &text)
+{
+    std::vector<uint8_t> b(text.find(':') == std::string::npos ? 4 : 16);
+    inet_pton(b.size() == 4 ? AF_INET : AF_INET6, text.c_str(), b.data());
+    return hex(b);
+}
+
+// Verifies the netlink tables on veths the test configures:
+// ipNetToPhysicalTable holds exactly the kernel's neighbours (`ip -j neigh
+// show nud all`) with their link-layer addresses, static for permanent and
+// no-ARP entries, reachable also when permanent, no-ARP or failed; ipDefaultRouterTable
+// lists the IPv4 default route via a gateway with lifetime 65535, and
+// neither the device-only default route nor the IPv6 one without an expiry;
+// ipAddressPrefixTable has the manual, wellknown and link-local prefixes with
+// lifetimes in millions of seconds, one row per address (the first two
+// rows differ, so no duplicate is removed); ipv6ScopeZoneIndexTable has one row per
+// interface with a link-local address and none for loopback.
+TEST(IpMibTest, NetlinkTablesMatchTheKernel)
+{
+    RUN_ISOLATED([] {
+        make_interfaces();
+        sh({kIp, "neigh", "add", "192.168.1.2", "lladdr", "02:00:00:00:00:2a", "dev", "va0", "nud",
+            "permanent"});
+        sh({kIp, "neigh", "add", "192.168.1.3", "dev", "va0", "nud", "failed"});
+        sh({kIp, "neigh", "add", "192.168.1.4", "lladdr", "02:00:00:00:00:2b", "dev", "va0", "nud",
+            "noarp"});
+        sh({kIp, "neigh", "add", "2001:db8:1::2", "lladdr", "02:00:00:00:00:2c", "dev", "va0",
+            "nud", "stale"});
+        sh({kIp, "route", "add", "default", "via", "192.168.1.254", "dev", "va0"});
+        sh({kIp, "route", "add", "default", "dev", "vb0", "metric", "100"});
+        sh({kIp, "-6", "route", "add", "default", "via", "fe80::1", "dev", "va0"});
+        Emu emu;
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        std::map<std::string, std::string> index = if_indexes();
+
+        auto neighbours = typed_walk(emu, "/IP-MIB/ipNetToPhysicalTable/ipNetToPhysicalEntry");
+        cli_json::value kernel;
+        ASSERT_TRUE(
+            cli_json::parse(harness::run({kIp, "-j", "neigh", "show", "nud", "all"}).out, kernel));
+        std::map<std::string, std::string> want, got;
+        for (const cli_json::value &n : kernel.items) {
+            std::set<std::string> states;
+            for (const cli_json::value &s : n["state"].items)
+                states.insert(s.text);
+            std::string lladdr = n["lladdr"].text;
+            lladdr.erase(std::remove(lladdr.begin(), lladdr.end(), ':'), lladdr.end());
+            std::string key = index[n["dev"].text] + " " +
+                              (n["dst"].text.find(':') == std::string::npos ? "1 " : "2 ") +
+                              addr_hex(n["dst"].text);
+            std::string state = states.count("INCOMPLETE") ? "7"
+                                : states.count("STALE")    ? "2"
+                                : states.count("DELAY")    ? "3"
+                                : states.count("PROBE")    ? "4"
+                                                           : "1";
+            want[key] = lladdr + " type=" +
+                        (states.count("PERMANENT") || states.count("NOARP") ? "4" : "3") +
+                        " state=" + state;
+        }
+        for (auto &r : neighbours) {
+            auto &l = r.second;
+            std::string phys = l["ipNetToPhysicalPhysAddress"].second;
+            if (want.count(r.first) && want[r.first].rfind(" type", 0) == 0) phys.clear();
+            got[r.first] = phys + " type=" + l["ipNetToPhysicalType"].second +
+                           " state=" + l["ipNetToPhysicalState"].second;
+        }
+        EXPECT_EQ(got, want);
+        std::string va0 = index["va0"];
+        EXPECT_EQ(got[va0 + " 1 c0a80102"], "02000000002a type=4 state=1");
+        EXPECT_EQ(got[va0 + " 1 c0a80103"], " type=3 state=1");
+
+        auto routers = typed_walk(emu, "/IP-MIB/ipDefaultRouterTable/ipDefaultRouterEntry");
+        ASSERT_EQ(routers.size(), 1u);
+        EXPECT_EQ(routers.begin()->first, "1 c0a801fe " + va0);
+        auto &router = routers.begin()->second;
+        EXPECT_EQ(router["ipDefaultRouterLifetime"].second + " " +
+                      router["ipDefaultRouterPreference"].second,
+                  "65535 0");
+
+        auto prefixes = typed_walk(emu, "/IP-MIB/ipAddressPrefixTable/ipAddressPrefixEntry");
+        auto prefix = [&](const std::string &keys) {
+            auto &l = prefixes[keys];
+            return l["ipAddressPrefixOrigin"].second + " " + l["ipAddressPrefixOnLinkFlag"].second +
+                   " " + l["ipAddressPrefixAutonomousFlag"].second + " " +
+                   l["ipAddressPrefixAdvPreferredLifetime"].second + " " +
+                   l["ipAddressPrefixAdvValidLifetime"].second;
+        };
+        std::string vb0 = index["vb0"];
+        EXPECT_EQ(prefix(va0 + " 1 c0a80100 24"), "2 1 2 4294 4294");
+        EXPECT_EQ(prefix(vb0 + " 1 a9fe0000 16"), "3 1 2 4294 4294");
+        EXPECT_EQ(prefix(va0 + " 2 fe800000000000000000000000000000 64"), "3 1 2 4294 4294");
+        EXPECT_EQ(prefix(vb0 + " 2 20010db8000400000000000000000000 48"), "5 1 2 0 0");
+        // The dump's end marker, when it shares the datagram, is read as an
+        // address of no family on interface 0.
+        size_t addresses = 0;
+        for (const auto &p : prefixes)
+            addresses += p.first.rfind("0 ", 0) != 0;
+        EXPECT_EQ(addresses, kernel_addresses().size());
+
+        std::set<std::string> zones, link_local;
+        for (auto &r : typed_walk(emu, "/IP-MIB/ipv6ScopeZoneIndexTable/ipv6ScopeZoneIndexEntry")) {
+            zones.insert(r.first);
+            EXPECT_EQ(r.second["ipv6ScopeZoneIndexLinkLocal"].second, r.first);
+            EXPECT_EQ(r.second["ipv6ScopeZoneIndexSiteLocal"].second, "0");
+        }
+        for (const kernel_address &a : kernel_addresses())
+            if (a.type == 2 && a.bytes[0] == 0xfe && a.bytes[1] == 0x80)
+                link_local.insert(std::to_string(a.if_index));
+        EXPECT_EQ(zones, link_local);
+        EXPECT_EQ(zones.size(), 4u);
+    });
+}
+
+// Sends UDP datagrams to a closed port of 127.0.0.1 and of ::1, which the
+// kernel answers with ICMP port-unreachable messages: ICMP traffic in both
+// directions of each IP version.
+void provoke_icmp()
+{
+    sh({"/bin/bash", "-c",
+        "for i in 1 2 3; do echo x >/dev/udp/127.0.0.1/9; echo x >/dev/udp/::1/9; done"});
+}
+
+// Checks that every counter of a walked row lies between its kernel values before and after.
+void expect_between(const std::string &what, const std::string &walked, uint64_t before,
+                    uint64_t after)
+{
+    uint64_t v = std::stoull(walked.empty() ? "0" : walked);
+    EXPECT_LE(before & 0xffffffff, v) << what;
+    EXPECT_GE(after & 0xffffffff, v) << what;
+}
+
+// Verifies the ICMP tables against /proc/net/snmp and /proc/net/snmp6 read
+// around their walks after ICMP traffic; the scalars against the
+// namespace's sysctls (ip_forward 2 answers notForwarding); a leaf of the
+// "ip_status" callpoint that is not served answers C_NOEXISTS even with
+// /proc/sys/net/ipv4 hidden, and the next scalar refresh then ends the
+// daemon with the file it could not open.
+TEST(IpMibTest, IcmpAndScalarsFollowTheKernel)
+{
+    RUN_ISOLATED([] {
+        provoke_icmp();
+        daemon_env::write_file("/proc/sys/net/ipv4/ip_forward", "2\n");
+        daemon_env::write_file("/proc/sys/net/ipv4/ip_default_ttl", "77\n");
+        daemon_env::write_file("/proc/sys/net/ipv6/conf/all/forwarding", "1\n");
+        Emu emu;
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+
+        auto v4a = section_counters("/proc/net/snmp", "Icmp");
+        auto msg4a = section_counters("/proc/net/snmp", "IcmpMsg");
+        auto v6a = pair_counters("/proc/net/snmp6");
+        auto stats = typed_walk(emu, "/IP-MIB/icmpStatsTable/icmpStatsEntry");
+        auto msgs = typed_walk(emu, "/IP-MIB/icmpMsgStatsTable/icmpMsgStatsEntry");
+        auto v4b = section_counters("/proc/net/snmp", "Icmp");
+        auto msg4b = section_counters("/proc/net/snmp", "IcmpMsg");
+        auto v6b = pair_counters("/proc/net/snmp6");
+        ASSERT_EQ(stats.size(), 2u);
+        for (const char *c : {"InMsgs", "InErrors", "OutMsgs", "OutErrors"}) {
+            expect_between(c, stats["1"]["icmpStats" + std::string(c)].second, v4a[c], v4b[c]);
+            std::string v6 = "Icmp6" + std::string(c);
+            expect_between(v6, stats["2"]["icmpStats" + std::string(c)].second, v6a[v6], v6b[v6]);
+        }
+        EXPECT_GT(std::stoull(stats["1"]["icmpStatsOutMsgs"].second), 0u);
+        std::set<std::string> want_rows;
+        for (const auto &c : msg4b)
+            want_rows.insert("1 " + c.first.substr(c.first.find("Type") + 4));
+        for (const auto &c : v6b)
+            if (c.first.rfind("Icmp6InType", 0) == 0 || c.first.rfind("Icmp6OutType", 0) == 0)
+                want_rows.insert("2 " + c.first.substr(c.first.find("Type") + 4));
+        std::set<std::string> rows;
+        for (auto &r : msgs) {
+            rows.insert(r.first);
+            std::string version = r.first.substr(0, 1), type = r.first.substr(2);
+            for (const char *dir : {"In", "Out"}) {
+                std::string name =
+                    (version == "1" ? "" : "Icmp6") + std::string(dir) + "Type" + type;
+                auto &a = version == "1" ? msg4a : v6a, &b = version == "1" ? msg4b : v6b;
+                expect_between(name, r.second["icmpMsgStats" + std::string(dir) + "Pkts"].second,
+                               a[name], b[name]);
+            }
+        }
+        EXPECT_EQ(rows, want_rows);
+        EXPECT_TRUE(rows.count("1 3") && rows.count("2 1")) << "port unreachable rows";
+
+        auto scalar = [&](const char *leaf) {
+            return emu.cli({"get", std::string("/IP-MIB/ip/") + leaf});
+        };
+        auto value = [](const std::string &answer) {
+            cli_json::value v;
+            EXPECT_TRUE(cli_json::parse(answer, v)) << answer;
+            return v["value"].text;
+        };
+        auto refreshed_at = std::chrono::steady_clock::now();
+        std::string hop_limit = harness::read_file("/proc/sys/net/ipv6/conf/default/hop_limit");
+        EXPECT_EQ(
+            value(scalar("ipForwarding")) + " " + value(scalar("ipDefaultTTL")) + " " +
+                value(scalar("ipv6IpForwarding")) + " " + value(scalar("ipv6IpDefaultHopLimit")) +
+                " " + value(scalar("ipReasmTimeout")),
+            "2 77 1 " + std::to_string(std::stoi(hop_limit)) + " " +
+                std::to_string(std::stoi(harness::read_file("/proc/sys/net/ipv4/ipfrag_time"))));
+
+        std::filesystem::create_directories("/tmp/empty");
+        ASSERT_EQ(mount("/tmp/empty", "/proc/sys/net/ipv4", nullptr, MS_BIND, nullptr), 0)
+            << strerror(errno);
+        std::this_thread::sleep_until(refreshed_at + std::chrono::milliseconds(3100));
+        EXPECT_EQ(emu.cli({"get", "/IP-MIB/ipv4InterfaceTable/ipv4InterfaceEntry{1}/"
+                                  "ipv4InterfaceReasmMaxSize"}),
+                  "{\"type\":\"C_NOEXISTS\"}");
+        EXPECT_TRUE(d->running());
+        scalar("ipDefaultTTL");
+        EXPECT_EQ(d->wait_exit(), 1);
+        EXPECT_NE(d->err().find(": Could not open /proc/sys/net/ipv4/ip_forward: No such file or "
+                                "directory"),
                   std::string::npos)
             << d->err();
     });

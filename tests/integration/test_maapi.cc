@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "confd_lib.h"
 #include "confd_events.h"
 #include "emu_daemon.h"
 #include "router-interfaces.h"
@@ -101,9 +102,17 @@ enum maapi_iter_ret collect(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_v
                             confd_value_t *newv, void *state)
 {
     auto *c = static_cast<Changes *>(state);
-    static const char *const ops[] = {"?", "created", "deleted", "modified", "set"};
-    std::string line = std::string(ops[op <= 4 ? op : 0]) + " " + kp_text(kp);
-    if (newv) line += "=" + text(newv);
+    static const char *const ops[] = {"?", "created", "deleted", "modified", "set", "moved", "attr"};
+    std::string line = std::string(ops[op <= 6 ? op : 0]) + " " + kp_text(kp);
+    if (newv && op == MOP_ATTR_SET) {
+        line += "=" + text(&newv[0]) + " " + (newv[1].type == C_NOEXISTS ? "-" : text(&newv[1]));
+    } else if (newv && op == MOP_MOVED_AFTER) {
+        line += "=";
+        for (int i = 0; newv[i].type != C_NOEXISTS; i++)
+            line += (i ? " " : "") + text(&newv[i]);
+    } else if (newv) {
+        line += "=" + text(newv);
+    }
     if (oldv) line += " (old value given)";
     c->lines.push_back(line);
     return op == MOP_CREATED && c->continue_on_created ? ITER_CONTINUE : ITER_RECURSE;
@@ -178,7 +187,8 @@ class Subscriber
                 Maapi m(port_);
                 Changes c;
                 if (m.ok() && maapi_attach(m.fd(), -1, n.n.commit_diff.tctx) == CONFD_OK)
-                    maapi_diff_iterate(m.fd(), n.n.commit_diff.tctx->thandle, collect, 0, &c);
+                    maapi_diff_iterate(m.fd(), n.n.commit_diff.tctx->thandle, collect,
+                                       ITER_WANT_ATTR, &c);
                 e.changes = c.lines;
                 std::this_thread::sleep_for(std::chrono::milliseconds(delay_));
                 e.done_at = Clock::now();
@@ -308,7 +318,7 @@ const std::string kOk = "{\"result\":\"ok\"}";
 
 // Verifies, on the router's own models and demo configuration, every XPath read the daemon makes
 // (in its exact forms: predicates on a name or a pool id, a context node given as a list without
-// keys, a trailing blank), that an absent value or a failure hands back NULL, and the cursor and
+// keys, a trailing blank), expressions that are not node sets (string(), count(), comparisons), that an absent value or a failure hands back NULL, and the cursor and
 // typed reads of the interface and community lists.
 TEST_F(MaapiTest, DaemonReadsOfTheRouterConfiguration)
 {
@@ -341,6 +351,12 @@ TEST_F(MaapiTest, DaemonReadsOfTheRouterConfiguration)
         // A module prefix that is not the module's name, and a relative expression.
         {"/sys:system/hostname", nullptr, "gateway"},
         {"uid", "/aaa:aaa/authentication/users/user{operator}", "1000"},
+        // Expressions that are not node sets evaluate to their XPath string value.
+        {"string(" + pool + "[1]/ipv4/range-start)", nullptr, "192.168.1.100"},
+        {"count(/aaa:aaa/authentication/users/user)", nullptr, "2"},
+        {"concat(/system/hostname, '.', /sys:system/domain-name)", nullptr, "gateway.home.lan"},
+        {pool + "[name=\"lan\"]/ipv4/range-end = '192.168.1.149'", nullptr, "true"},
+        {"uid * 2", "/aaa:aaa/authentication/users/user{operator}", "2000"},
     };
     for (const auto &r : reads)
         EXPECT_EQ(xpath(s, th, r.expr.c_str(), r.ctx), r.value) << r.expr;
@@ -533,6 +549,31 @@ TEST_F(MaapiTest, TypedReadsCursorsAndErrors)
     EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
 }
 
+// Verifies that one socket holds at most 64 open transactions and all clients together 256, with
+// CONFD_ERR_TOOMANYTRANS past either bound and room again once one is finished.
+TEST_F(MaapiTest, OpenTransactionsAreBounded)
+{
+    start();
+    std::vector<std::unique_ptr<Maapi>> socks;
+    std::vector<int> first;
+    for (int k = 0; k < 5; k++) {
+        socks.push_back(std::make_unique<Maapi>(port()));
+        Maapi &m = *socks.back();
+        ASSERT_TRUE(m.ok());
+        first.push_back(m.start(CONFD_READ_WRITE));
+        for (int i = 1; k < 4 && i < 64; i++)
+            ASSERT_GT(maapi_start_trans(m.fd(), CONFD_RUNNING, CONFD_READ_WRITE), 0)
+                << k << "/" << i << ": " << confd_lasterr();
+    }
+    EXPECT_TRUE(fails(first[4], CONFD_ERR_TOOMANYTRANS));
+    EXPECT_STREQ(confd_lasterr(), "too many open transactions (256)");
+    EXPECT_TRUE(fails(maapi_start_trans(socks[0]->fd(), CONFD_RUNNING, CONFD_READ),
+                      CONFD_ERR_TOOMANYTRANS));
+    EXPECT_STREQ(confd_lasterr(), "too many open transactions on this socket (64)");
+    ASSERT_EQ(maapi_finish_trans(socks[0]->fd(), first[0]), CONFD_OK);
+    EXPECT_GT(maapi_start_trans(socks[4]->fd(), CONFD_RUNNING, CONFD_READ), 0) << confd_lasterr();
+}
+
 // Verifies a MAAPI write transaction: its changes are visible inside it at once and elsewhere only
 // after apply; apply waits for the commit-diff subscriber's done; the subscriber sees every change
 // with its user (values, a created entry with its leaves, a deleted entry, a leaf-list), and
@@ -692,7 +733,6 @@ TEST_F(MaapiTest, AuditAndCommitEventsFromTheCommandLine)
     auto events = both.wait(2);
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].type, CONFD_NOTIF_AUDIT);
-    EXPECT_EQ(events[0].logno, CONFD_SNMP_AUTHENTICATION_FAILED);
     EXPECT_STREQ(confd_log_symbols[events[0].logno], "SNMP_AUTHENTICATION_FAILED");
     EXPECT_EQ(events[0].user, "public");
     EXPECT_EQ(events[0].msg, "SNMP authentication failed: 192.0.2.7");
@@ -720,6 +760,36 @@ TEST_F(MaapiTest, AuditAndCommitEventsFromTheCommandLine)
     for (int i = 0; i < 200 && !(both.eof() && audit_only.eof()); i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(both.eof() && audit_only.eof());
+}
+
+// Verifies moves of user-ordered entries and attributes from the command line: a subscriber
+// iterating with ITER_WANT_ATTR sees each entry whose predecessor changed as moved after the keys
+// of its new one (none when it went first), and each attribute set or removed with its number and
+// value (none when removed); an entry of a system-ordered list cannot move.
+TEST_F(MaapiTest, MovesAndAttributesReachDiffSubscribers)
+{
+    start();
+    Subscriber sub(port(), CONFD_NOTIF_COMMIT_DIFF);
+    ASSERT_TRUE(sub.ok());
+    EXPECT_EQ(cli({"commit", "--user", "erin", "/rules/rule{c}^",
+                   "/users/user{guest}@annotation=temporary account", "/settings/hostname@tags=lab"}),
+              kOk);
+    EXPECT_EQ(cli({"commit", "/rules/rule{c}^{a}", "!/users/user{guest}@annotation"}), kOk);
+    std::string bad = cli({"commit", "/users/user{guest}^"});
+    EXPECT_EQ(bad.rfind("{\"error\":\"/users/user{guest}: ", 0), 0u) << bad;
+
+    auto events = sub.wait(2);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].changes,
+              (std::vector<std::string>{"moved /rules/rule{c}", "moved /rules/rule{a}=c",
+                                        "attr /settings/hostname=2147483648 lab",
+                                        "attr /users/user{guest}=2147483649 temporary account"}));
+    EXPECT_EQ(events[1].changes,
+              (std::vector<std::string>{"moved /rules/rule{a}", "moved /rules/rule{c}=a",
+                                        "moved /rules/rule{b}=c",
+                                        "attr /users/user{guest}=2147483649 -"}));
+    EXPECT_EQ(cli({"next", "/rules/rule", "--cookie", "1"}),
+              "{\"keys\":[{\"type\":\"C_BUF\",\"value\":\"c\"}],\"next\":2}");
 }
 
 // Verifies that a commit goes on after the time-out when a commit-diff subscriber never answers,

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 namespace
 {
@@ -11,7 +12,7 @@ namespace
 // Verifies that the section reader finds the values line of a real-looking
 // /proc/net/snmp by its exact prefix (Udp is not UdpLite, Icmp not IcmpMsg),
 // passes over a header whose values do not follow, and fails on a missing
-// section or file.
+// section or file, and on a buffer too small to read a line (without spinning).
 TEST(ReadSnmpSection, FindsTheValuesLine)
 {
     char buffer[8192];
@@ -35,6 +36,9 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     char *values = read_snmp_section_from(in, buffer, sizeof buffer, "Tcp");
     ASSERT_NE(values, nullptr);
     EXPECT_STREQ(values, "2\n"); // "Tcp: 1" followed a non-header line: it is a header
+    // fgets with room for the NUL only never reaches the end of the file.
+    rewind(in);
+    EXPECT_EQ(read_snmp_section_from(in, buffer, 1, "Tcp"), nullptr);
     fclose(in);
 }
 

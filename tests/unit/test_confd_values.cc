@@ -2,14 +2,32 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <thread>
 
 #include <confd_lib.h>
 #include "lib_internal.h"
+#include "schema.h"
+#include "wire.h"
 
 extern "C" int confd_headers_c_check(void);
+
+// Allocation hooks for the library's C++ insides: fail on demand, or note the largest request.
+static thread_local bool t_fail_new = false;
+static thread_local bool t_track_new = false;
+static thread_local size_t t_largest_new = 0;
+void *operator new(size_t n)
+{
+    if (t_track_new && n > t_largest_new) t_largest_new = n;
+    void *p = t_fail_new ? nullptr : malloc(n != 0 ? n : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
+void operator delete(void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
 
 namespace
 {
@@ -32,7 +50,9 @@ TEST(ConfdHeaders, UsableFromC)
 // Verifies that reading a value through the getter of another type stops the program.
 TEST(ConfdValueMacrosDeathTest, GetterChecksType)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Re-executed unless the run says otherwise: under qemu user-mode emulation (the ARM build)
+    // a program cannot execute itself again, and the run asks for forking without exec.
+    if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr) GTEST_FLAG_SET(death_test_style, "threadsafe");
     confd_value_t v;
     CONFD_SET_INT32(&v, 5);
     EXPECT_DEATH((void)CONFD_GET_UINT32(&v), "C_UINT32");
@@ -46,7 +66,7 @@ TEST(ConfdValueMemory, DupIsDeepAndFreeIsIdempotent)
 {
     char text[] = "uplink";
     confd_value_t src, copy;
-    CONFD_SET_BUF(&src, text, 6);
+    CONFD_SET_CBUF(&src, text, 6);
     ASSERT_EQ(confd_value_dup_to(&src, &copy), &copy);
     text[0] = 'X';
     EXPECT_EQ(copy.type, C_BUF);
@@ -92,7 +112,7 @@ TEST(ConfdValueMemory, HkeypathDup)
     char key[] = "lan";
     kp.len = 5;
     CONFD_SET_XMLTAG(&kp.v[0][0], 50, 1);
-    CONFD_SET_BUF(&kp.v[1][0], key, 3);
+    CONFD_SET_CBUF(&kp.v[1][0], key, 3);
     CONFD_SET_INT32(&kp.v[1][1], 4);
     CONFD_SET_NOEXISTS(&kp.v[1][2]);
     CONFD_SET_XMLTAG(&kp.v[2][0], 40, 1);
@@ -113,6 +133,43 @@ TEST(ConfdValueMemory, HkeypathDup)
     EXPECT_EQ(copy->v[4][1].type, C_NOEXISTS);
     confd_free_hkeypath(copy); // ASan reports a leak or double free here
     confd_free_hkeypath(nullptr);
+}
+
+// Verifies that an exception inside the library (here std::bad_alloc while the keypath text is
+// built) ends at the C API as the function's failure value with confd_errno set.
+TEST(ConfdErrors, NoExceptionCrossesTheApi)
+{
+    confd_hkeypath_t kp;
+    kp.len = 2;
+    CONFD_SET_XMLTAG(&kp.v[0][0], 50, 1);
+    CONFD_SET_CBUF(&kp.v[1][0], "a key longer than any short-string buffer", 41);
+    CONFD_SET_NOEXISTS(&kp.v[1][1]);
+    CONFD_SET_NOEXISTS(&kp.v[0][1]);
+    char buf[256];
+    t_fail_new = true;
+    int n = confd_pp_kpath(buf, sizeof buf, &kp);
+    t_fail_new = false;
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(confd_errno, CONFD_ERR_MALLOC);
+    EXPECT_NE(strstr(confd_lasterr(), "confd_pp_kpath"), nullptr) << confd_lasterr();
+}
+
+// Verifies that a schema answer announcing more nodes than its bytes can hold is refused before
+// the node table is allocated for that count (a 64 MiB frame could otherwise ask for gigabytes).
+TEST(ConfdSchemaPayload, NodeCountBeyondThePayloadIsRefusedWithoutAllocating)
+{
+    confd_wire::Writer w(confd_wire::Op::Ok);
+    w.u32(0);      // no namespaces
+    w.u32(200000); // nodes announced: far more than 256 KiB can describe
+    std::string payload = w.payload();
+    payload.append(256 * 1024, '\0');
+    t_largest_new = 0;
+    t_track_new = true;
+    int rc = libconfd::install_schema_payload(payload);
+    t_track_new = false;
+    EXPECT_EQ(rc, CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+    EXPECT_LT(t_largest_new, payload.size());
 }
 
 // Verifies the type-blind text of each value family; a C_BUF is printed by its size, not up to a
@@ -138,7 +195,7 @@ TEST(ConfdPpValue, Formats)
     CONFD_SET_OID(&v[8], &oid);
     CONFD_SET_NOEXISTS(&v[9]);
     CONFD_SET_DECIMAL64(&v[10], d);
-    CONFD_SET_BUF(&v[11], "abcdef", 3);
+    CONFD_SET_CBUF(&v[11], "abcdef", 3);
     const char *want[12] = {"-12",
                             "18446744073709551615",
                             "enum<2>",
@@ -207,12 +264,18 @@ TEST(ConfdErrors, PerThread)
     EXPECT_EQ(strlen(confd_lasterr()), static_cast<size_t>(CONFD_LASTERR_LEN - 1));
 }
 
-// Verifies that confd_fatal prints the message and exits with status 1.
+// Verifies that confd_fatal prints the message and exits with status 1, and that an application
+// built with other keypath sizes than the library is stopped at confd_init.
 TEST(ConfdErrorsDeathTest, FatalExits)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Re-executed unless the run says otherwise: under qemu user-mode emulation (the ARM build)
+    // a program cannot execute itself again, and the run asks for forking without exec.
+    if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr) GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(confd_fatal("cannot connect to %s\n", "127.0.0.1"), testing::ExitedWithCode(1),
                 "cannot connect to 127.0.0.1");
+    EXPECT_EXIT(confd_init_vsn_sz("app", stderr, CONFD_SILENT, CONFD_LIB_API_VSN, MAXDEPTH,
+                                  MAXKEYLEN + 1),
+                testing::ExitedWithCode(1), "MAXKEYLEN");
 }
 
 } // namespace

@@ -136,4 +136,118 @@ TEST_F(IpProviderTest, InterfaceStatsRows)
                  "Assertion `\\(&kp->v\\[1\\]\\[1\\]\\)->type == C_INT32' failed");
 }
 
+keypath scalar(uint32_t leaf)
+{
+    return ip({IP_MIB_ip, leaf});
+}
+
+// Verifies the ip group scalars: "%i" reading ("0x40" is 64, "010" is 8),
+// forwarding 1 or else notForwarding, the two time stamps 0; a file with no
+// number warns and keeps the last value; an unknown leaf reads no file; a
+// missing file ends the daemon naming it.
+TEST_F(IpProviderTest, Scalars)
+{
+    use("ip_status");
+    EXPECT_EQ(get(scalar(IP_MIB_ipAddressPrefixOrigin)), noexists); // no file exists yet
+    const std::pair<const char *, const char *> files[] = {
+        {"sys/net/ipv4/ip_forward", "2\n"},
+        {"sys/net/ipv4/ip_default_ttl", "010\n"},
+        {"sys/net/ipv4/ipfrag_time", "30\n"},
+        {"sys/net/ipv6/conf/all/forwarding", "1\n"},
+        {"sys/net/ipv6/conf/default/hop_limit", "0x40\n"},
+    };
+    for (const auto &f : files)
+        write(f.first, f.second);
+    std::string values;
+    for (uint32_t leaf : {IP_MIB_ipForwarding, IP_MIB_ipDefaultTTL, IP_MIB_ipReasmTimeout,
+                          IP_MIB_ipv6IpForwarding, IP_MIB_ipv6IpDefaultHopLimit,
+                          IP_MIB_ipv4InterfaceTableLastChange, IP_MIB_ipv6InterfaceTableLastChange})
+        values += get(scalar(leaf)) + " ";
+    EXPECT_EQ(values, "e2 i8 i30 e1 i64 0 0 ");
+
+    write("sys/net/ipv4/ip_default_ttl", "none\n");
+    write("sys/net/ipv4/ip_forward", "1\n");
+    now += 3;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(get(scalar(IP_MIB_ipForwarding)), "e1");
+    EXPECT_EQ(get(scalar(IP_MIB_ipDefaultTTL)), "i8");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(": Failed to match number.: "),
+              std::string::npos);
+
+    std::filesystem::remove(proc_.root() + "/sys/net/ipv4/ipfrag_time");
+    now += 3;
+    EXPECT_EXIT(get(scalar(IP_MIB_ipDefaultTTL)), testing::ExitedWithCode(1),
+                "Could not open .*/sys/net/ipv4/ipfrag_time: No such file or directory");
+}
+
+// Verifies ipv6ScopeZoneIndexTable: one row per interface with a link-local
+// address (two on interface 3 give one row), none for global-only or
+// loopback interfaces, a short line skipped; the link-local zone is the
+// ifIndex and every other zone 0; the key itself is not served.
+TEST_F(IpProviderTest, ScopeZones)
+{
+    use("ip6_scope_zone_idx");
+    write("net/if_inet6", "fe800000000000000000000000000003 03 40 20 80     eth1\n"
+                          "00000000000000000000000000000001 01 80 10 80       lo\n"
+                          "fe80000000000000000000000000000a 03 40 20 80     eth1\n"
+                          "20010db8000000000000000000000001 04 40 00 80     eth2\n"
+                          "fe800000000000000000000000000002 02 40 20 80     eth0\n"
+                          "fe800000000000000000000000000009 09 40\n");
+    keypath rows = ip({IP_MIB_ipv6ScopeZoneIndexTable, IP_MIB_ipv6ScopeZoneIndexEntry});
+    EXPECT_EQ(walk(rows), (std::vector<std::string>{"i2", "i3"}));
+    auto zone = [](uint32_t leaf) {
+        return ip({IP_MIB_ipv6ScopeZoneIndexTable, IP_MIB_ipv6ScopeZoneIndexEntry, leaf}, "i3");
+    };
+    EXPECT_EQ(get(zone(IP_MIB_ipv6ScopeZoneIndexLinkLocal)) + " " +
+                  get(zone(IP_MIB_ipv6ScopeZoneIndexSiteLocal)) + " " +
+                  get(zone(IP_MIB_ipv6ScopeZoneIndexD)) + " " +
+                  get(zone(IP_MIB_ipv6ScopeZoneIndexIfIndex)),
+              "3 0 0 noexists");
+}
+
+// Verifies the ICMP tables: icmpStatsTable IPv4 then IPv6 with counters cut
+// to their low 32 bits; icmpMsgStatsTable by version then type, a type
+// counted in one direction only with 0 in the other; without snmp6 and
+// without an "IcmpMsg:" section only the IPv4 statistics row is left.
+TEST_F(IpProviderTest, IcmpTables)
+{
+    write("net/snmp", "Icmp: InMsgs InErrors InCsumErrors OutMsgs OutErrors\n"
+                      "Icmp: 12 1 0 4294967301 2\n"
+                      "IcmpMsg: InType3 InType8 OutType0 OutType3\n"
+                      "IcmpMsg: 5 4 4 7\n");
+    write("net/snmp6", "Icmp6InMsgs\t9\nIcmp6InErrors\t0\nIcmp6OutMsgs\t3\n"
+                       "Icmp6InType133\t6\nIcmp6OutType135\t3\nIcmp6OutType133\t0\n");
+    use("icmp_stat_status");
+    keypath stats = ip({IP_MIB_icmpStatsTable, IP_MIB_icmpStatsEntry});
+    EXPECT_EQ(walk(stats), (std::vector<std::string>{"e1", "e2"}));
+    std::string values;
+    for (const char *version : {"e1", "e2"})
+        for (uint32_t leaf :
+             {IP_MIB_icmpStatsIPVersion, IP_MIB_icmpStatsInMsgs, IP_MIB_icmpStatsInErrors,
+              IP_MIB_icmpStatsOutMsgs, IP_MIB_icmpStatsOutErrors})
+            values += get(ip({IP_MIB_icmpStatsTable, IP_MIB_icmpStatsEntry, leaf}, version)) + " ";
+    EXPECT_EQ(values, "e1 12 1 5 2 e2 9 0 3 0 ");
+
+    use("icmp_msg_status");
+    keypath msgs = ip({IP_MIB_icmpMsgStatsTable, IP_MIB_icmpMsgStatsEntry});
+    EXPECT_EQ(walk(msgs),
+              (std::vector<std::string>{"e1 i0", "e1 i3", "e1 i8", "e2 i133", "e2 i135"}));
+    values.clear();
+    for (const char *row : {"e1 i0", "e1 i3", "e1 i8", "e2 i133", "e2 i135"})
+        for (uint32_t leaf : {IP_MIB_icmpMsgStatsInPkts, IP_MIB_icmpMsgStatsOutPkts})
+            values +=
+                get(ip({IP_MIB_icmpMsgStatsTable, IP_MIB_icmpMsgStatsEntry, leaf}, row)) + " ";
+    EXPECT_EQ(values, "0 4 5 7 4 0 6 0 0 3 ");
+    EXPECT_EQ(get(ip({IP_MIB_icmpMsgStatsTable, IP_MIB_icmpMsgStatsEntry, IP_MIB_icmpMsgStatsType},
+                     "e2 i133")),
+              "i133");
+
+    write("net/snmp", "Icmp: InMsgs InErrors OutMsgs OutErrors\nIcmp: 1 0 1 0\n");
+    std::filesystem::remove(proc_.root() + "/net/snmp6");
+    now += 3;
+    EXPECT_EQ(walk(msgs), std::vector<std::string>{});
+    use("icmp_stat_status");
+    EXPECT_EQ(walk(stats), std::vector<std::string>{"e1"});
+}
+
 } // namespace

@@ -67,7 +67,7 @@ TEST(LibconfdConvert, ValuesRoundTripInStoreAndOnHeap)
     CONFD_SET_NOEXISTS(&vals[0]);
     CONFD_SET_XMLTAG(&vals[1], 1234, 5678);
     CONFD_SET_STR(&vals[2], "eth0");
-    CONFD_SET_BUF(&vals[3], "lan", 3);
+    CONFD_SET_CBUF(&vals[3], "lan", 3);
     CONFD_SET_BINARY(&vals[4], bin, sizeof bin);
     CONFD_SET_INT8(&vals[5], -128);
     CONFD_SET_INT64(&vals[6], INT64_MIN);

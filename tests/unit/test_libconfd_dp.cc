@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "confd_events.h"
 #include "confd_inproc.h"
@@ -316,38 +317,6 @@ TEST_F(LibconfdDispatch, EndOfFileAndForeignSockets)
     EXPECT_EQ(confd_fd_ready(dx, ctl), CONFD_EOF);
 }
 
-// Verifies the debug levels: level 3 prints a PROTO line per frame with its
-// op, level 2 a TRACE line per callback, level 0 nothing.
-TEST_F(LibconfdDispatch, DebugLevels)
-{
-    for (int level : {CONFD_PROTO_TRACE, CONFD_TRACE, CONFD_SILENT}) {
-        FILE *f = tmpfile();
-        confd_set_debug(static_cast<confd_debug_level>(level), f);
-        uint32_t th = 10 + static_cast<uint32_t>(level);
-        open_trans(th);
-        srv.send(swrk, data_call(th, DataCb::GetElem));
-        ASSERT_EQ(confd_fd_ready(dx, wrk), CONFD_OK);
-        std::string buf;
-        reply(ReplyKind::Value, buf);
-        confd_set_debug(CONFD_SILENT, stderr);
-        rewind(f);
-        std::string out;
-        char line[512];
-        while (fgets(line, sizeof line, f) != nullptr)
-            out += line;
-        fclose(f);
-        SCOPED_TRACE(out);
-        EXPECT_EQ(out.find("PROTO unit fd") != std::string::npos, level == CONFD_PROTO_TRACE);
-        EXPECT_EQ(out.find("recv DataCall") != std::string::npos, level == CONFD_PROTO_TRACE);
-        EXPECT_EQ(out.find("CALL get_elem(thandle=" + std::to_string(th) +
-                           ", /tag<30>/tag<20>{3}/tag<10>)") != std::string::npos,
-                  level >= CONFD_TRACE);
-        if (level == CONFD_SILENT) {
-            EXPECT_EQ(out, "");
-        }
-    }
-}
-
 // Verifies that a MAAPI refusal is carried into confd_errno and lasterr, that an answer without
 // the expected fields fails the call cleanly (no result handed out), and that a closed socket is
 // refused.
@@ -412,21 +381,4 @@ TEST(LibconfdInproc, CapturesRepliesOfLocalCallbacks)
     EXPECT_STREQ(cap->error, "boom");
     confd_inproc_free_trans(tctx);
     confd_release_daemon(dx);
-}
-
-// Verifies that loading schemas fails with CONFD_ERR_OS when nothing listens.
-TEST(LibconfdSchemas, LoadFailsWithoutServer)
-{
-    // A port that was free a moment ago: bind to an ephemeral one and close it.
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(s, reinterpret_cast<sockaddr *>(&a), &len);
-    close(s);
-    EXPECT_EQ(confd_load_schemas(reinterpret_cast<sockaddr *>(&a), sizeof a), CONFD_ERR);
-    EXPECT_EQ(confd_errno, CONFD_ERR_OS);
-    EXPECT_NE(std::string(confd_lasterr()).find("connect"), std::string::npos);
 }

@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <sys/socket.h>
-#include <thread>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "confd_inproc.h"
 #include "fake_confd.h"
@@ -143,47 +143,5 @@ TEST(LibconfdNotif, FrameCarriesAllVarbindKinds)
     EXPECT_EQ(confd_notification_send_snmp(nctx, "linkUp", vb, 1), CONFD_ERR);
     EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
     EXPECT_EQ(confd_inproc_recv_snmp_notif(sp.fd[1], 50, &n), CONFD_ERR);
-    confd_release_daemon(dx);
-}
-
-// Verifies that three threads sending on one context (one socket, no lock in
-// the caller) deliver whole frames, each thread's in its own order.
-TEST(LibconfdNotif, ConcurrentSendersDeliverWholeFrames)
-{
-    SocketPair sp;
-    confd_daemon_ctx *dx = confd_init_daemon("notifier");
-    confd_notification_ctx *nctx = confd_inproc_notification_ctx(dx, sp.fd[0], "", "");
-    constexpr int kThreads = 3, kEach = 300;
-    std::vector<std::thread> senders;
-    for (int t = 0; t < kThreads; t++)
-        senders.emplace_back([nctx, t] {
-            // A long string makes frames big enough to cross socket buffer boundaries.
-            std::string filler(3000 + 1000 * t, static_cast<char>('a' + t));
-            for (int i = 0; i < kEach; i++) {
-                struct confd_snmp_varbind vb[2];
-                vb[0] = var("seq");
-                CONFD_SET_UINT32(&vb[0].val, static_cast<uint32_t>(i));
-                vb[1] = var("filler");
-                CONFD_SET_STR(&vb[1].val, filler.c_str());
-                char name[16];
-                snprintf(name, sizeof name, "t%d", t);
-                EXPECT_EQ(confd_notification_send_snmp(nctx, name, vb, 2), CONFD_OK);
-            }
-        });
-    int next_seq[kThreads] = {0, 0, 0};
-    for (int k = 0; k < kThreads * kEach; k++) {
-        confd_inproc_snmp_notif n;
-        ASSERT_EQ(confd_inproc_recv_snmp_notif(sp.fd[1], 5000, &n), CONFD_OK) << confd_lasterr();
-        int t = n.notification[1] - '0';
-        ASSERT_TRUE(t >= 0 && t < kThreads);
-        ASSERT_EQ(n.num_vars, 2);
-        EXPECT_EQ(CONFD_GET_UINT32(&n.vb[0].val), static_cast<uint32_t>(next_seq[t]++));
-        EXPECT_EQ(CONFD_GET_BUFSIZE(&n.vb[1].val), 3000u + 1000u * static_cast<unsigned>(t));
-        confd_inproc_free_snmp_notif(&n);
-    }
-    for (auto &s : senders)
-        s.join();
-    for (int t = 0; t < kThreads; t++)
-        EXPECT_EQ(next_seq[t], kEach);
     confd_release_daemon(dx);
 }

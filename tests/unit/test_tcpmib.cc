@@ -232,16 +232,31 @@ TEST_F(TcpMibTest, RefreshesAtMostEveryThreeSeconds)
     EXPECT_EQ(walk(connections()).size(), 1u);
 }
 
-// Verifies that a key of the wrong ConfD type stops the daemon with the
-// assertion naming the expected type, in every build type.
+// Verifies that a key of the wrong ConfD type stops the daemon, in every
+// build type, with the assertion naming the expected type and the callback.
 TEST_F(TcpMibTest, WrongKeyTypeAborts)
 {
-    child_outcome r =
-        run_in_child([this] { get(listener("1 x7f000001 22", TCP_MIB_tcpListenerProcess)); });
-    EXPECT_TRUE(r.killed_by(SIGABRT));
-    EXPECT_NE(r.err.find("tcpmibimpl.cc:"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("Assertion `(v_pp)->type == C_ENUM_VALUE' failed."), std::string::npos)
-        << r.err;
+    const struct {
+        std::string keys;
+        uint32_t leaf;
+        const char *text;
+    } cases[] = {
+        {"1 x7f000001 22", TCP_MIB_tcpListenerProcess,
+         "tcp_get_listener_elem: Assertion `(v_pp)->type == C_ENUM_VALUE' failed."},
+        {"e1 x7f000001 22 e1 x7f000001 i1", TCP_MIB_tcpConnectionState,
+         "tcp_get_connection_elem: Assertion `(v_pp)->type == C_UINT32' failed."},
+    };
+    for (const auto &c : cases) {
+        child_outcome r = run_in_child([&] {
+            if (c.leaf == TCP_MIB_tcpListenerProcess)
+                get(listener(c.keys, c.leaf));
+            else
+                get(connection(c.keys, c.leaf));
+        });
+        EXPECT_TRUE(r.killed_by(SIGABRT));
+        EXPECT_NE(r.err.find("tcpmibimpl.cc:"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find(c.text), std::string::npos) << r.err;
+    }
 }
 
 } // namespace

@@ -89,15 +89,17 @@ TEST_F(UdpProviderTest, FallThroughAndErrors)
     EXPECT_EQ(get(endpoint(row, UDP_MIB_udpEndpointLocalPort)), "CONFD_ERR");
     EXPECT_EQ(get(scalar(UDP_MIB_udpEndpointTable)), "CONFD_ERR");
     EXPECT_DEATH(get(endpoint("e1 x7f000001 68 e1 x00000000 0 i3005")),
-                 "Assertion `\\(v_pp\\)->type == C_UINT32' failed");
+                 "get_udp_endpoint_stats: Assertion `\\(v_pp\\)->type == C_UINT32' failed");
 }
 
-// Verifies an empty table: the walk ends at once and entry requests fail.
+// Verifies an empty table: the walk ends at once and entry requests fail,
+// also with a key of the wrong type (keys are only read to compare rows).
 TEST_F(UdpProviderTest, EmptyTable)
 {
     fake_proc empty;
     EXPECT_EQ(walk(endpoints()), std::vector<std::string>{});
     EXPECT_EQ(get(endpoint("e1 x 1 e1 x 1 1")), "CONFD_ERR");
+    EXPECT_EQ(get(endpoint("e1 x 1 e1 x 1 i1")), "CONFD_ERR");
 }
 
 // Verifies the scalars and their types (HC counters equal to the 32-bit ones)

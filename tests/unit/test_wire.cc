@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace confd_wire;
@@ -78,7 +79,9 @@ TEST(WireCodec, HostilePayloads)
     EXPECT_FALSE(r1.ok() || r2.ok() || r3.ok());
 }
 
-// Verifies frame I/O: whole frames, clean EOF, time-out, and refusal of an oversized length prefix.
+// Verifies frame I/O: whole frames (one larger than the socket buffer, so it arrives in pieces),
+// clean EOF, time-out, refusal of an oversized length prefix, and that a frame announced large
+// but cut short costs what arrived, not what was announced.
 TEST(WireFrames, SendReceiveEofTimeout)
 {
     SocketPair sp;
@@ -99,4 +102,17 @@ TEST(WireFrames, SendReceiveEofTimeout)
     SocketPair sp2;
     shutdown(sp2.fd[0], SHUT_WR);
     EXPECT_EQ(0, recv_frame(sp2.fd[1], got, 1000));
+
+    SocketPair sp3;
+    std::string large(3u << 20, 'x');
+    std::thread sender([&] { EXPECT_TRUE(send_frame(sp3.fd[0], large)); });
+    EXPECT_EQ(1, recv_frame(sp3.fd[1], got, 1000));
+    sender.join();
+    EXPECT_EQ(got, large);
+    const unsigned char announced[6] = {0x03, 0xff, 0xff, 0xff, 'a', 'b'};
+    ASSERT_EQ(6, write(sp3.fd[0], announced, 6));
+    shutdown(sp3.fd[0], SHUT_WR);
+    std::string cut;
+    EXPECT_EQ(-1, recv_frame(sp3.fd[1], cut, 1000));
+    EXPECT_LT(cut.capacity(), size_t(1) << 16);
 }

@@ -2,18 +2,24 @@
 #ifndef LEISOBEK_CONFD_DP_H
 #define LEISOBEK_CONFD_DP_H
 
-#include "confd_lib.h"
+/* Like the router's SDK, this header is not self-contained: it needs the
+ * common types of confd_lib.h, included first. */
+#ifndef LEISOBEK_CONFD_LIB_H
+#error "include <confd_lib.h> before <confd_dp.h>"
+#endif
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 /* Flags for confd_set_daemon_flags(). */
-#define CONFD_DAEMON_FLAG_STRINGSONLY (1 << 0)
-#define CONFD_DAEMON_FLAG_REG_REPLACE_DISCONNECT (1 << 1)
+#define CONFD_DAEMON_FLAG_SEND_IKP (1 << 0)
+#define CONFD_DAEMON_FLAG_STRINGSONLY (1 << 1)
 #define CONFD_DAEMON_FLAG_NO_DEFAULTS (1 << 2)
-#define CONFD_DAEMON_FLAG_PREFER_BULK_GET (1 << 3)
-#define CONFD_DAEMON_FLAG_BULK_GET_CONTAINER (1 << 4)
+#define CONFD_DAEMON_FLAG_REG_REPLACE_DISCONNECT (1 << 4)
+#define CONFD_DAEMON_FLAG_LEAF_LIST_AS_LEAF (1 << 5)
+#define CONFD_DAEMON_FLAG_PREFER_BULK_GET (1 << 6)
+#define CONFD_DAEMON_FLAG_BULK_GET_CONTAINER (1 << 7)
 
 /* One connected data-provider daemon. */
 struct confd_daemon_ctx {
@@ -93,10 +99,8 @@ struct confd_notification_ctx {
 
 /* A management target an SNMP inform went to. */
 struct confd_snmp_target {
-    struct confd_ip address;
+    confd_value_t address; /* C_IPV4 or C_IPV6 */
     uint16_t port;
-    int timeout;  /* milliseconds */
-    int retries;
 };
 
 /* Callbacks reporting where an SNMP inform went and whether it was answered;

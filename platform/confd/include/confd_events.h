@@ -2,8 +2,11 @@
 #ifndef LEISOBEK_CONFD_EVENTS_H
 #define LEISOBEK_CONFD_EVENTS_H
 
-#include "confd_lib.h"
-#include "confd_logsyms.h"
+/* Like the router's SDK, this header is not self-contained: it needs the
+ * common types of confd_lib.h, included first. */
+#ifndef LEISOBEK_CONFD_LIB_H
+#error "include <confd_lib.h> before <confd_events.h>"
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -109,10 +112,10 @@ enum confd_snmp_pdu_type {
 
 /* The generic and enterprise parts of an SNMPv1 trap. */
 struct confd_v1_trap_info {
+    struct confd_snmp_oid enterprise;
     int generic_trap;
     int specific_trap;
-    uint32_t time_stamp;
-    struct confd_snmp_oid enterprise;
+    int time_stamp;
 };
 
 /* A PDU the SNMP agent sent or received. */

@@ -50,10 +50,8 @@ extern int confd_maxkeylen;
 
 #if defined(__GNUC__) || defined(__clang__)
 #define CONFD_PRINTF_ATTR_(f, a) __attribute__((format(printf, f, a)))
-#define CONFD_NORETURN_ATTR_ __attribute__((noreturn))
 #else
 #define CONFD_PRINTF_ATTR_(f, a)
-#define CONFD_NORETURN_ATTR_
 #endif
 
 /* ------------------------------------------------------------------------ */
@@ -305,34 +303,17 @@ typedef struct confd_hkeypath {
 #define CONFD_SET_CDBBEGIN(v, index) \
     do { (v)->type = C_CDBBEGIN; (v)->val.i32 = (index); } while (0)
 
-#define CONFD_SET_STR(v, str) \
-    do { (v)->type = C_STR; (v)->val.c_s = (const char *)(str); } while (0)
-#define CONFD_SET_BUF(v, p, len) \
-    do { \
-        (v)->type = C_BUF; \
-        (v)->val.c_buf.ptr = (const unsigned char *)(p); \
-        (v)->val.c_buf.size = (unsigned int)(len); \
-    } while (0)
-#define CONFD_SET_CBUF(v, p, len) CONFD_SET_BUF(v, p, len)
-#define CONFD_SET_BINARY(v, p, len) \
-    do { \
-        (v)->type = C_BINARY; \
-        (v)->val.c_buf.ptr = (const unsigned char *)(p); \
-        (v)->val.c_buf.size = (unsigned int)(len); \
-    } while (0)
-#define CONFD_SET_CBINARY(v, p, len) CONFD_SET_BINARY(v, p, len)
-#define CONFD_SET_HEXSTR(v, p, len) \
-    do { \
-        (v)->type = C_HEXSTR; \
-        (v)->val.c_buf.ptr = (const unsigned char *)(p); \
-        (v)->val.c_buf.size = (unsigned int)(len); \
-    } while (0)
-#define CONFD_SET_BITBIG(v, p, len) \
-    do { \
-        (v)->type = C_BITBIG; \
-        (v)->val.c_buf.ptr = (const unsigned char *)(p); \
-        (v)->val.c_buf.size = (unsigned int)(len); \
-    } while (0)
+/* The pointer setters assign the pointer as given, so its type must match
+ * the member: const char * for C_STR, const unsigned char * for the byte
+ * strings. Only CONFD_SET_CBUF converts (from a char buffer). */
+#define CONFD_SET_STR(v, str) do { (v)->type = C_STR; (v)->val.c_s = (str); } while (0)
+#define CONFD_SET_BYTES_(v, t, p, len) \
+    do { (v)->type = (t); (v)->val.c_buf.ptr = (p); (v)->val.c_buf.size = (len); } while (0)
+#define CONFD_SET_BUF(v, p, len) CONFD_SET_BYTES_(v, C_BUF, p, len)
+#define CONFD_SET_CBUF(v, p, len) CONFD_SET_BYTES_(v, C_BUF, (unsigned const char *)(p), len)
+#define CONFD_SET_BINARY(v, p, len) CONFD_SET_BYTES_(v, C_BINARY, p, len)
+#define CONFD_SET_HEXSTR(v, p, len) CONFD_SET_BYTES_(v, C_HEXSTR, p, len)
+#define CONFD_SET_BITBIG(v, p, len) CONFD_SET_BYTES_(v, C_BITBIG, p, len)
 #define CONFD_SET_QNAME(v, pfx, pfxlen, nm, nmlen) \
     do { \
         (v)->type = C_QNAME; \
@@ -389,7 +370,6 @@ typedef struct confd_hkeypath {
 #define CONFD_GET_XMLEND_NS(v) (CONFD_ASSERT((v)->type == C_XMLEND), (v)->val.xmltag.ns)
 #define CONFD_GET_CDBBEGIN(v) (CONFD_ASSERT((v)->type == C_CDBBEGIN), (v)->val.i32)
 
-#define CONFD_GET_STR(v) (CONFD_ASSERT((v)->type == C_STR), (v)->val.s)
 #define CONFD_GET_BUFPTR(v) (CONFD_ASSERT((v)->type == C_BUF), (v)->val.buf.ptr)
 #define CONFD_GET_CBUFPTR(v) (CONFD_ASSERT((v)->type == C_BUF), (char *)(v)->val.buf.ptr)
 #define CONFD_GET_BUFSIZE(v) (CONFD_ASSERT((v)->type == C_BUF), (v)->val.buf.size)
@@ -652,9 +632,6 @@ struct confd_snmp_varbind {
 #define NCS_ERR_CONNECTION_CLOSED 64
 #define NCS_ERR_DEVICE 65
 #define NCS_ERR_TEMPLATE 66
-#define CONFD_ERR_NO_MOUNT_ID 67
-#define CONFD_ERR_STALE_INSTANCE 68
-#define CONFD_ERR_HA_BADCONFIG 69
 
 /* Error class attached to a failed callback (confd_trans_seterr_extended). */
 enum confd_errcode {
@@ -670,15 +647,12 @@ enum confd_errcode {
     CONFD_ERRCODE_INTERRUPT = 9
 };
 
-/* Length of the text kept in struct confd_error, NUL included. */
-#define CONFD_ERROR_STR_LEN 1024
-
-/* The error a callback set for its reply. */
+/* The error a callback set for its reply; the library owns str. */
 struct confd_error {
-    enum confd_errcode type;
-    int code;                 /* confd_errno-style detail, 0 if none */
-    struct xml_tag apptag;    /* error-app-tag, {0, 0} if none */
-    char str[CONFD_ERROR_STR_LEN]; /* "" if no text was set */
+    enum confd_errcode code;
+    struct xml_tag apptag; /* error-app-tag, {0, 0} if none */
+    char *str;             /* NULL if no text was set */
+    void *info;            /* library-internal */
 };
 
 /* Per-thread error number of the last failed library call. */
@@ -689,8 +663,23 @@ extern int *confd_errno_location(void);
 extern char *confd_strerror(int code);
 /* Returns extra text about the calling thread's last error ("" if none). */
 extern char *confd_lasterr(void);
-/* Prints the formatted message to stderr and exits with status 1. */
-extern void confd_fatal(const char *fmt, ...) CONFD_PRINTF_ATTR_(1, 2) CONFD_NORETURN_ATTR_;
+/* Prints the formatted message to stderr and exits with status 1. Not
+ * declared noreturn, as in the router's library: callers still need their
+ * own return after it to satisfy the compiler. */
+extern void confd_fatal(const char *fmt, ...) CONFD_PRINTF_ATTR_(1, 2);
+
+/* Symbolic name of each log number of confd_logsyms.h without the CONFD_
+ * prefix ("SNMP_AUTHENTICATION_FAILED") and a one-line description; NULL for
+ * numbers without a message. Numbers differ between releases, so match
+ * messages by name. */
+extern char *confd_log_symbols[];
+extern char *confd_log_descriptions[];
+
+/* Attributes of configuration nodes (get_attrs / set_attr). */
+#define CONFD_ATTR_TAGS 0x80000000
+#define CONFD_ATTR_ANNOTATION 0x80000001
+#define CONFD_ATTR_INACTIVE 0
+#define CONFD_ATTR_BACKPOINTER 0x80000003
 
 /* ------------------------------------------------------------------------ */
 /* Library set-up                                                            */
@@ -827,9 +816,7 @@ struct confd_user_info {
 union confd_request_data {
     struct {
         uint32_t request_id; /* SNMP PDU request-id */
-        int pdu_type;
     } snmp;
-    int reserved[8];
 };
 
 /* A transaction as seen by the transaction and data callbacks. */
@@ -928,7 +915,7 @@ struct confd_cs_node {
 /* Loads names, namespaces and schema trees from ConfD at srv; CONFD_OK or CONFD_ERR. */
 extern int confd_load_schemas(const struct sockaddr *srv, int srv_sz);
 /* Top node of a namespace's tree; NULL if unknown or not loaded. */
-extern struct confd_cs_node *confd_find_cs_root(uint32_t ns);
+extern struct confd_cs_node *confd_find_cs_root(int ns);
 /* Schema node of the first len elements (from the top) of a keypath; NULL if none. */
 extern struct confd_cs_node *confd_find_cs_node(const confd_hkeypath_t *hkeypath, int len);
 /* Child of parent with the given tag; NULL if none. */

@@ -2,7 +2,11 @@
 #ifndef LEISOBEK_CONFD_MAAPI_H
 #define LEISOBEK_CONFD_MAAPI_H
 
-#include "confd_lib.h"
+/* Like the router's SDK, this header is not self-contained: it needs the
+ * common types of confd_lib.h, included first. */
+#ifndef LEISOBEK_CONFD_LIB_H
+#error "include <confd_lib.h> before <confd_maapi.h>"
+#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -34,7 +38,6 @@ struct maapi_cursor {
     int thandle;
     int cursor_id;
     char *path;
-    struct maapi_cursor *next; /* free link for the application's own lists */
 };
 
 /* ---- connection and sessions; all return CONFD_OK, or CONFD_ERR with confd_errno set ---- */
@@ -142,17 +145,11 @@ extern int maapi_vdelete(int sock, int thandle, const char *fmt, va_list args);
  * failure). fmtpath is the context node, NULL for the current position. */
 extern int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
                                  void (*trace)(char *), const char *fmtpath, ...);
-extern int maapi_vxpath_eval_expr(int sock, int thandle, const char *expr, char **res,
-                                  void (*trace)(char *), const char *fmtpath, va_list args);
 /* Evaluates a node-set expression, calling result for every node until it
  * returns ITER_STOP. */
 extern int maapi_xpath_eval(int sock, int thandle, const char *expr,
                             int (*result)(confd_hkeypath_t *kp, confd_value_t *v, void *state),
                             void (*trace)(char *), void *initstate, const char *fmtpath, ...);
-extern int maapi_vxpath_eval(int sock, int thandle, const char *expr,
-                             int (*result)(confd_hkeypath_t *kp, confd_value_t *v, void *state),
-                             void (*trace)(char *), void *initstate, const char *fmtpath,
-                             va_list args);
 
 /* ---- diffs of an attached transaction ---- */
 

@@ -7,7 +7,9 @@
  * was never connected registers its callbacks locally, so a provider's own
  * registration function can be called as it is. */
 
+#include "confd_lib.h"
 #include "confd_dp.h"
+#include "lib_internal.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unordered_map>
 #include <unistd.h>
@@ -141,6 +143,11 @@ int connect_socket(int sock, const struct sockaddr *srv, int srv_sz)
     } while (r < 0 && errno == EINTR);
     if (r < 0)
         return confd_lib_fail(CONFD_ERR_OS, "cannot connect to ConfD: %s", strerror(errno));
+    // As the router's library does: requests and replies are small frames
+    // sent back to back, and Nagle's algorithm against the peer's delayed
+    // ACK would hold the second one for tens of milliseconds.
+    int one = 1;
+    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     return CONFD_OK;
 }
 
@@ -193,27 +200,36 @@ void (*confd_user_log_hook)(int syslogprio, const char *fmt, va_list ap) = nullp
 
 void confd_init_vsn_sz(const char *name, FILE *estream, const enum confd_debug_level debug,
                        int vsn, int maxdepth, int maxkeylen)
-{
+try {
     libconfd::set_name(name);
     libconfd::g_stream.store(estream);
     libconfd::g_debug.store(static_cast<int>(debug));
-    // A peer that goes away must show up as an error from send(), not kill
-    // the process.
+    // The router's library does exactly this: a peer that goes away shows up
+    // as an error from send() instead of killing the process. The setting is
+    // process-wide and inherited across exec, so the scripts the daemon runs
+    // start with SIGPIPE ignored on the router too; keep it that way here.
     signal(SIGPIPE, SIG_IGN);
-    if (maxdepth != MAXDEPTH || maxkeylen != MAXKEYLEN)
-        libconfd::logf(CONFD_DEBUG,
-                       "application built with MAXDEPTH %d / MAXKEYLEN %d, library with %d / %d",
-                       maxdepth, maxkeylen, MAXDEPTH, MAXKEYLEN);
+    // Keypaths are arrays sized by these two; with other sizes the library
+    // and the application would disagree on every keypath's layout.
+    if (maxdepth != MAXDEPTH || maxkeylen != MAXKEYLEN) {
+        confd_fatal("%s: application built with MAXDEPTH %d / MAXKEYLEN %d, library with %d / %d\n",
+                    name != nullptr ? name : "libconfd", maxdepth, maxkeylen, MAXDEPTH, MAXKEYLEN);
+        return;
+    }
     if (vsn > CONFD_LIB_API_VSN)
         libconfd::logf(CONFD_DEBUG, "application API version 0x%08x is newer than 0x%08x", vsn,
                        CONFD_LIB_API_VSN);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_set_debug(enum confd_debug_level debug, FILE *estream)
-{
+try {
     libconfd::g_stream.store(estream);
     libconfd::g_debug.store(static_cast<int>(debug));
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 } // extern "C"

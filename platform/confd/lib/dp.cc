@@ -506,7 +506,7 @@ using namespace libconfd;
 extern "C" {
 
 struct confd_daemon_ctx *confd_init_daemon(const char *name)
-{
+try {
     if (name == nullptr) {
         confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_init_daemon: no name");
         return nullptr;
@@ -515,18 +515,22 @@ struct confd_daemon_ctx *confd_init_daemon(const char *name)
     snprintf(dx->name, sizeof dx->name, "%s", name);
     dx->lib_internal = new DaemonState();
     return dx;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 int confd_set_daemon_flags(struct confd_daemon_ctx *dx, int flags)
-{
+try {
     if (daemon_state(dx) == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_set_daemon_flags: no daemon context");
     dx->flags = flags;
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void confd_release_daemon(struct confd_daemon_ctx *dx)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr)
         return;
@@ -536,11 +540,13 @@ void confd_release_daemon(struct confd_daemon_ctx *dx)
         free_notif_state(n.get());
     delete st;
     delete dx;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_connect(struct confd_daemon_ctx *dx, int sock, enum confd_sock_type type,
                   const struct sockaddr *srv, int addrsz)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_connect: no daemon context");
@@ -596,10 +602,12 @@ int confd_connect(struct confd_daemon_ctx *dx, int sock, enum confd_sock_type ty
     st->workers[sock] = id;
     logf(CONFD_TRACE, "worker socket %d connected, worker id %u", sock, id);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_register_trans_cb(struct confd_daemon_ctx *dx, const struct confd_trans_cbs *trans)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr || trans == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_register_trans_cb: missing argument");
@@ -610,10 +618,12 @@ int confd_register_trans_cb(struct confd_daemon_ctx *dx, const struct confd_tran
     if (st->ctl_fd >= 0)
         return send_reg_trans(st);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_register_data_cb(struct confd_daemon_ctx *dx, const struct confd_data_cbs *data)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr || data == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_register_data_cb: missing argument");
@@ -630,6 +640,8 @@ int confd_register_data_cb(struct confd_daemon_ctx *dx, const struct confd_data_
     logf(CONFD_TRACE, "registered callpoint %s%s", cp.c_str(),
          st->ctl_fd >= 0 ? "" : " (not connected: local only)");
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_register_range_data_cb(struct confd_daemon_ctx *dx, const struct confd_data_cbs *data,
@@ -652,7 +664,7 @@ int confd_register_range_data_cb(struct confd_daemon_ctx *dx, const struct confd
 }
 
 int confd_register_done(struct confd_daemon_ctx *dx)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_register_done: no daemon context");
@@ -666,10 +678,12 @@ int confd_register_done(struct confd_daemon_ctx *dx)
     }
     st->registration_done = true;
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_fd_ready(struct confd_daemon_ctx *dx, int fd)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_fd_ready: no daemon context");
@@ -693,6 +707,8 @@ int confd_fd_ready(struct confd_daemon_ctx *dx, int fd)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "unexpected %s frame on socket %d",
                               op_name(payload).c_str(), fd);
     }
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 } // extern "C"

@@ -7,16 +7,19 @@
 #include <string>
 #include <vector>
 
+#include "confd_lib.h"
 #include "confd_dp.h"
 #include "convert.h"
 #include "wire.h"
 
 namespace libconfd {
 
-// What the in-process test harness captured from a transaction's replies.
-struct Capture;
-struct CaptureDeleter {
-    void operator()(Capture *c) const;
+// Takes the replies of an in-process transaction in place of a socket. Only
+// the test-only in-process library (inproc.cc) makes one, so the library
+// itself never refers to that code.
+struct ReplySink {
+    virtual ~ReplySink() = default;
+    virtual void take(const std::string &payload) = 0;
 };
 
 // Which callback a pending request belongs to: data callbacks by their
@@ -38,7 +41,8 @@ struct TransState {
     Pending pending;
     bool free_after_reply = false; // finish() answered later: free after that reply
     bool error_set = false;        // confd_trans_seterr*() was called since the last error reply
-    std::unique_ptr<Capture, CaptureDeleter> capture; // set for in-process transactions
+    std::string error_text;        // what tctx->error.str points at while error_set
+    std::unique_ptr<ReplySink> capture; // set for in-process transactions
 };
 
 // Decodes a UserInfo (layout in wire.h) into u; rd.ok() tells whether it was whole.
@@ -79,9 +83,6 @@ TransState *trans_state(struct confd_trans_ctx *tctx);
 struct confd_trans_ctx *new_trans(struct confd_daemon_ctx *dx);
 // Frees a transaction context made by new_trans() (and removes it from dx's table).
 void free_trans(struct confd_trans_ctx *tctx);
-
-// Hands a finished Reply payload to the capture of an in-process transaction.
-void capture_reply(Capture &cap, const std::string &payload);
 
 // Name of a pending callback number ("get_elem", "init", ...).
 const char *cb_name(int cb);

@@ -2,6 +2,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <new>
 
 #include "lib_internal.h"
 
@@ -18,6 +20,19 @@ void set_lasterr_v(const char *fmt, va_list ap)
 }
 
 } // namespace
+
+void libconfd::note_exception(const char *fn) noexcept
+{
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        confd_lib_fail(CONFD_ERR_MALLOC, "%s: out of memory", fn);
+    } catch (const std::exception &e) {
+        confd_lib_fail(CONFD_ERR_INTERNAL, "%s: %s", fn, e.what());
+    } catch (...) {
+        confd_lib_fail(CONFD_ERR_INTERNAL, "%s: unexpected exception", fn);
+    }
+}
 
 extern "C" {
 

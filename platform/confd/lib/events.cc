@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "confd_lib.h"
 #include "confd_events.h"
 #include "dp_internal.h"
 #include "lib_core.h"
@@ -36,7 +37,7 @@ using namespace libconfd;
 extern "C" {
 
 int confd_notifications_connect(int sock, const struct sockaddr *srv, int srv_sz, int mask)
-{
+try {
     if (connect_socket(sock, srv, srv_sz) != CONFD_OK) return CONFD_ERR;
     Writer hello(Op::Hello);
     hello.u8(static_cast<uint8_t>(confd_wire::ConnKind::Events)).u32(static_cast<uint32_t>(mask));
@@ -45,10 +46,12 @@ int confd_notifications_connect(int sock, const struct sockaddr *srv, int srv_sz
         return CONFD_ERR;
     logf(CONFD_TRACE, "event socket %d subscribed with mask 0x%x", sock, mask);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_read_notification(int sock, struct confd_notification *n)
-{
+try {
     if (n == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_read_notification: NULL notification");
     std::string payload;
@@ -112,17 +115,21 @@ int confd_read_notification(int sock, struct confd_notification *n)
     }
     memset(n, 0, sizeof *n);
     return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_read_notification: malformed event");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void confd_free_notification(struct confd_notification *n)
-{
+try {
     // Audit and commit-diff events own no memory of their own; a commit-diff's transaction
     // context lives until confd_diff_notification_done().
     (void)n;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_diff_notification_done(int sock, struct confd_trans_ctx *tctx)
-{
+try {
     std::unique_ptr<EventTrans> et;
     {
         std::lock_guard<std::mutex> lock(g_mu);
@@ -140,15 +147,19 @@ int confd_diff_notification_done(int sock, struct confd_trans_ctx *tctx)
         return confd_lib_fail(CONFD_ERR_OS, "confd_diff_notification_done: send failed: %s",
                               strerror(errno));
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_sync_audit_notification(int sock, int usid)
-{
+try {
     (void)sock;
     (void)usid;
     // This ConfD never sends synchronous audit events, so there is never one to release.
     return confd_lib_fail(CONFD_ERR_NOT_IMPLEMENTED, "confd_sync_audit_notification: no "
                                                      "synchronous audit events are sent");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 } // extern "C"

@@ -15,14 +15,22 @@ using confd_wire::ReplyKind;
 
 namespace libconfd {
 
-struct Capture {
+void capture_reply(struct Capture &cap, const std::string &payload);
+
+// The replies of an in-process transaction, decoded for the test.
+struct Capture : ReplySink {
     struct confd_inproc_capture pub {};
     ValueStore store;
     std::vector<confd_value_t> values;
     std::vector<struct xml_tag> tags;
+    void take(const std::string &payload) override { capture_reply(*this, payload); }
 };
 
-void CaptureDeleter::operator()(Capture *c) const { delete c; }
+// The capture of an in-process transaction (only this file sets one), or nullptr.
+static Capture *capture_of(TransState *ts)
+{
+    return ts != nullptr ? static_cast<Capture *>(ts->capture.get()) : nullptr;
+}
 
 namespace {
 
@@ -203,23 +211,27 @@ extern "C" {
 
 const struct confd_data_cbs *confd_inproc_data_cbs(struct confd_daemon_ctx *dx,
                                                    const char *callpoint)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr || callpoint == nullptr)
         return nullptr;
     auto it = st->data_cbs.find(callpoint);
     return it != st->data_cbs.end() ? it->second.get() : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 const struct confd_trans_cbs *confd_inproc_trans_cbs(struct confd_daemon_ctx *dx)
-{
+try {
     DaemonState *st = daemon_state(dx);
     return st != nullptr && st->have_trans_cbs ? &st->trans_cbs : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 struct confd_trans_ctx *confd_inproc_trans(struct confd_daemon_ctx *dx, enum confd_trans_mode mode,
                                            enum confd_dbname dbname, int thandle)
-{
+try {
     if (daemon_state(dx) == nullptr)
         return nullptr;
     struct confd_trans_ctx *tctx = new_trans(dx);
@@ -236,39 +248,48 @@ struct confd_trans_ctx *confd_inproc_trans(struct confd_daemon_ctx *dx, enum con
     tctx->dbname = dbname;
     tctx->thandle = thandle;
     return tctx;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 const struct confd_inproc_capture *confd_inproc_captured(struct confd_trans_ctx *tctx)
-{
-    TransState *ts = trans_state(tctx);
-    return ts != nullptr && ts->capture ? &ts->capture->pub : nullptr;
+try {
+    Capture *cap = capture_of(trans_state(tctx));
+    return cap != nullptr ? &cap->pub : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 void confd_inproc_reset(struct confd_trans_ctx *tctx)
-{
-    TransState *ts = trans_state(tctx);
-    if (ts != nullptr && ts->capture)
-        reset(*ts->capture, false);
+try {
+    if (Capture *cap = capture_of(trans_state(tctx)))
+        reset(*cap, false);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 void confd_inproc_free_trans(struct confd_trans_ctx *tctx)
-{
+try {
     TransState *ts = trans_state(tctx);
     if (ts != nullptr && ts->capture)
         free_trans(tctx);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 struct confd_notification_ctx *confd_inproc_notification_ctx(struct confd_daemon_ctx *dx, int fd,
                                                              const char *notify_name,
                                                              const char *ctx_name)
-{
+try {
     if (daemon_state(dx) == nullptr)
         return nullptr;
     return make_notif_ctx(dx, fd, 0, notify_name, ctx_name);
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 int confd_inproc_recv_snmp_notif(int fd, int timeout_ms, struct confd_inproc_snmp_notif *n)
-{
+try {
     if (n == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "no notification buffer");
     memset(n, 0, sizeof *n);
@@ -287,10 +308,12 @@ int confd_inproc_recv_snmp_notif(int fd, int timeout_ms, struct confd_inproc_snm
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "malformed SnmpNotif frame");
     }
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void confd_inproc_free_snmp_notif(struct confd_inproc_snmp_notif *n)
-{
+try {
     if (n == nullptr || n->vb == nullptr)
         return;
     for (int i = 0; i < n->num_vars; i++)
@@ -298,6 +321,8 @@ void confd_inproc_free_snmp_notif(struct confd_inproc_snmp_notif *n)
     free(n->vb);
     n->vb = nullptr;
     n->num_vars = 0;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 } // extern "C"

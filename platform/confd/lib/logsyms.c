@@ -1,5 +1,6 @@
 /* Names and descriptions of the log and audit message numbers carried in event notifications. */
 #include "confd_logsyms.h"
+#include "lib_internal.h"
 
 char *confd_log_symbols[CONFD_MAXLOGSYMS] = {
     [CONFD_WEB_COMMIT] = "WEB_COMMIT",

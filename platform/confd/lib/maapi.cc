@@ -2,6 +2,7 @@
 #include <map>
 #include <unistd.h>
 
+#include "confd_lib.h"
 #include "confd_maapi.h"
 #include "lib_core.h"
 #include "maapi_internal.h"
@@ -73,7 +74,7 @@ using namespace libconfd;
 extern "C" {
 
 int maapi_connect(int sock, const struct sockaddr *srv, int srv_sz)
-{
+try {
     if (connect_socket(sock, srv, srv_sz) != CONFD_OK)
         return CONFD_ERR;
     Writer hello(Op::Hello);
@@ -87,19 +88,23 @@ int maapi_connect(int sock, const struct sockaddr *srv, int srv_sz)
     g_socks[sock] = ms;
     logf(CONFD_TRACE, "MAAPI socket %d connected", sock);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_load_schemas(int sock)
-{
+try {
     Writer w = maapi_op(MaapiOp::LoadSchemas);
     std::string answer;
     if (maapi_request(sock, w, answer, "maapi_load_schemas") != CONFD_OK)
         return CONFD_ERR;
     return install_schema_payload(answer);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_close(int sock)
-{
+try {
     std::shared_ptr<MaapiSocket> ms;
     {
         std::lock_guard<std::mutex> lock(g_socks_mu);
@@ -114,26 +119,34 @@ int maapi_close(int sock)
     std::lock_guard<std::mutex> lock(ms->mu);
     close(sock);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_attach(int sock, int hashed_ns, struct confd_trans_ctx *ctx)
-{
+try {
     if (ctx == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_attach: no transaction context");
     int usid = ctx->uinfo != nullptr ? ctx->uinfo->usid : 0;
     return attach(sock, hashed_ns, usid, ctx->thandle);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_attach2(int sock, int hashed_ns, int usid, int thandle)
-{
+try {
     return attach(sock, hashed_ns, usid, thandle);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_detach(int sock, struct confd_trans_ctx *ctx)
-{
+try {
     if (ctx == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_detach: no transaction context");
     return detach(sock, ctx->thandle);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_detach2(int sock, int thandle) { return detach(sock, thandle); }

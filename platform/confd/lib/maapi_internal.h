@@ -5,7 +5,20 @@
 #include <mutex>
 #include <string>
 
+#include <cstdarg>
+
+#include "confd_lib.h"
 #include "wire.h"
+
+// va_list forms of the XPath calls. The router's 6.x headers do not declare
+// them, so they stay internal here.
+extern "C" {
+int maapi_vxpath_eval_expr(int sock, int thandle, const char *expr, char **res,
+                           void (*trace)(char *), const char *fmtpath, va_list args);
+int maapi_vxpath_eval(int sock, int thandle, const char *expr,
+                      int (*result)(confd_hkeypath_t *kp, confd_value_t *v, void *state),
+                      void (*trace)(char *), void *initstate, const char *fmtpath, va_list args);
+}
 
 namespace libconfd {
 

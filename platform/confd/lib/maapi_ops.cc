@@ -1,4 +1,5 @@
 // MAAPI sessions, transactions, typed reads, writes, cursors, XPath and diff iteration over the server's datastore.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdarg>
 #include <cstdlib>
@@ -6,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "confd_lib.h"
 #include "confd_maapi.h"
 #include "convert.h"
 #include "lib_core.h"
@@ -207,12 +209,22 @@ int diff_common(int sock, int th,
         }
         store.clear();
         std::string err;
-        confd_value_t nv;
+        // A move carries the keys of the entry now before it and an attribute its number and
+        // value: both reach the iterator as an array, the keys ended by C_NOEXISTS.
+        bool as_array = (it.op == MOP_MOVED_AFTER || it.op == MOP_ATTR_SET) && it.v.type == C_LIST;
+        confd_value_t nv[MAXKEYLEN + 1];
         confd_value_t *newv = nullptr;
-        if (!keypath_from_wire(it.kp, *kp, &store, err) ||
-            (it.v.type != C_NOEXISTS && !from_wire(it.v, nv, &store, err)))
-            return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: %s", what, err.c_str());
-        if (it.v.type != C_NOEXISTS) newv = &nv;
+        bool ok = keypath_from_wire(it.kp, *kp, &store, err);
+        if (ok && as_array) {
+            size_t n = std::min(it.v.list.size(), static_cast<size_t>(MAXKEYLEN));
+            for (size_t i = 0; ok && i < n; i++)
+                ok = from_wire(it.v.list[i], nv[i], &store, err);
+            nv[n].type = C_NOEXISTS;
+        } else if (ok && it.v.type != C_NOEXISTS) {
+            ok = from_wire(it.v, nv[0], &store, err);
+        }
+        if (!ok) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: %s", what, err.c_str());
+        if (it.v.type != C_NOEXISTS) newv = nv;
         enum maapi_iter_ret ret =
             iter(kp.get(), static_cast<enum maapi_iter_op>(it.op), nullptr, newv, state);
         switch (ret) {
@@ -245,7 +257,7 @@ int maapi_start_user_session3(int sock, const char *username, const char *contex
                               const char **groups, int numgroups, const struct confd_ip *src_addr,
                               int src_port, enum confd_proto prot, const char *vendor,
                               const char *product, const char *version, const char *client_id)
-{
+try {
     Writer w = maapi_op(MaapiOp::StartUserSession);
     w.str(username ? username : "").str(context ? context : "");
     uint32_t n = groups != nullptr && numgroups > 0 ? static_cast<uint32_t>(numgroups) : 0;
@@ -269,18 +281,22 @@ int maapi_start_user_session3(int sock, const char *username, const char *contex
     logf(CONFD_TRACE, "MAAPI user session of '%s' (context %s) on socket %d",
          username ? username : "", context ? context : "", sock);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_end_user_session(int sock)
-{
+try {
     std::string answer;
     return call(sock, maapi_op(MaapiOp::EndUserSession), answer, "maapi_end_user_session");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_start_trans_flags2(int sock, enum confd_dbname dbname, enum confd_trans_mode readwrite,
                              int usid, int flags, const char *vendor, const char *product,
                              const char *version, const char *client_id)
-{
+try {
     Writer w = maapi_op(MaapiOp::StartTrans);
     w.u8(static_cast<uint8_t>(dbname)).u8(static_cast<uint8_t>(readwrite)).i32(usid).i32(flags);
     w.str(vendor ? vendor : "").str(product ? product : "").str(version ? version : "");
@@ -292,37 +308,47 @@ int maapi_start_trans_flags2(int sock, enum confd_dbname dbname, enum confd_tran
     if (!r.ok() || th > 0x7fffffffu) return malformed("maapi_start_trans");
     logf(CONFD_TRACE, "MAAPI transaction %u started on socket %d", th, sock);
     return static_cast<int>(th);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_finish_trans(int sock, int thandle)
-{
+try {
     Writer w = maapi_op(MaapiOp::FinishTrans);
     w.u32(static_cast<uint32_t>(thandle));
     std::string answer;
     return call(sock, w, answer, "maapi_finish_trans");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_apply_trans(int sock, int thandle, int keepopen)
-{
+try {
     Writer w = maapi_op(MaapiOp::ApplyTrans);
     w.u32(static_cast<uint32_t>(thandle)).u8(keepopen ? 1 : 0);
     std::string answer;
     return call(sock, w, answer, "maapi_apply_trans");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_set_namespace(int sock, int thandle, int hashed_ns)
-{
+try {
     Writer w = maapi_op(MaapiOp::SetNamespace);
     w.u32(static_cast<uint32_t>(thandle)).u32(static_cast<uint32_t>(hashed_ns));
     std::string answer;
     return call(sock, w, answer, "maapi_set_namespace");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 // ---- reads ----
 
 int maapi_vget_elem(int sock, int thandle, confd_value_t *v, const char *fmt, va_list args)
-{
+try {
     return get_value(sock, thandle, v, fmt, args, "maapi_get_elem");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_get_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...)
@@ -434,7 +460,7 @@ int maapi_get_identityref_elem(int sock, int thandle, struct confd_identityref *
 }
 
 int maapi_vexists(int sock, int thandle, const char *fmt, va_list args)
-{
+try {
     std::string path, answer;
     if (path_request(sock, MaapiOp::Exists, thandle, fmt, args, path, answer, "maapi_exists") !=
         CONFD_OK)
@@ -443,6 +469,8 @@ int maapi_vexists(int sock, int thandle, const char *fmt, va_list args)
     uint8_t e = r.u8();
     if (!r.ok()) return malformed("maapi_exists");
     return e ? 1 : 0;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_exists(int sock, int thandle, const char *fmt, ...)
@@ -455,7 +483,7 @@ int maapi_exists(int sock, int thandle, const char *fmt, ...)
 }
 
 int maapi_vnum_instances(int sock, int thandle, const char *fmt, va_list args)
-{
+try {
     std::string path, answer;
     if (path_request(sock, MaapiOp::NumInstances, thandle, fmt, args, path, answer,
                      "maapi_num_instances") != CONFD_OK)
@@ -464,6 +492,8 @@ int maapi_vnum_instances(int sock, int thandle, const char *fmt, va_list args)
     uint32_t n = r.u32();
     if (!r.ok() || n > 0x7fffffffu) return malformed("maapi_num_instances");
     return static_cast<int>(n);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_num_instances(int sock, int thandle, const char *fmt, ...)
@@ -479,7 +509,7 @@ int maapi_num_instances(int sock, int thandle, const char *fmt, ...)
 
 int maapi_vinit_cursor(int sock, int thandle, struct maapi_cursor *mc, const char *fmt,
                        va_list args)
-{
+try {
     if (mc == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_init_cursor: NULL");
     std::string path, answer;
     if (path_request(sock, MaapiOp::InitCursor, thandle, fmt, args, path, answer,
@@ -496,6 +526,8 @@ int maapi_vinit_cursor(int sock, int thandle, struct maapi_cursor *mc, const cha
     mc->cursor_id = kCursorFresh;
     mc->path = copy;
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char *fmt, ...)
@@ -508,7 +540,7 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
 }
 
 int maapi_get_next(struct maapi_cursor *mc)
-{
+try {
     if (mc == nullptr || mc->path == nullptr || mc->cursor_id == kCursorFree)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_get_next: cursor not initialised");
     if (mc->cursor_id == kCursorEnd) {
@@ -524,11 +556,13 @@ int maapi_get_next(struct maapi_cursor *mc)
     if (call(mc->sock, w, answer, "maapi_get_next") != CONFD_OK) return CONFD_ERR;
     Reader r = fields(answer);
     return take_keys(mc, r, "maapi_get_next");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_find_next(struct maapi_cursor *mc, enum confd_find_next_type type,
                     confd_value_t *inkeys, int n_inkeys)
-{
+try {
     if (mc == nullptr || mc->path == nullptr || mc->cursor_id == kCursorFree)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_find_next: cursor not initialised");
     if (n_inkeys < 0 || n_inkeys >= MAXKEYLEN || (n_inkeys > 0 && inkeys == nullptr))
@@ -542,22 +576,26 @@ int maapi_find_next(struct maapi_cursor *mc, enum confd_find_next_type type,
     if (call(mc->sock, w, answer, "maapi_find_next") != CONFD_OK) return CONFD_ERR;
     Reader r = fields(answer);
     return take_keys(mc, r, "maapi_find_next");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void maapi_destroy_cursor(struct maapi_cursor *mc)
-{
+try {
     if (mc == nullptr) return;
     if (mc->cursor_id != kCursorFree) free_keys(mc);
     free(mc->path);
     mc->path = nullptr;
     mc->n = 0;
     mc->cursor_id = kCursorFree;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 // ---- writes ----
 
 int maapi_vset_elem(int sock, int thandle, confd_value_t *v, const char *fmt, va_list args)
-{
+try {
     if (v == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_set_elem: no value");
     Value wv;
     std::string err, path, answer;
@@ -565,6 +603,8 @@ int maapi_vset_elem(int sock, int thandle, confd_value_t *v, const char *fmt, va
     return path_request(
         sock, MaapiOp::SetElem, thandle, fmt, args, path, answer, "maapi_set_elem",
         [](Writer &w, const void *arg) { w.value(*static_cast<const Value *>(arg)); }, &wv);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_set_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...)
@@ -577,12 +617,14 @@ int maapi_set_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...
 }
 
 int maapi_vset_elem2(int sock, int thandle, const char *strval, const char *fmt, va_list args)
-{
+try {
     if (strval == nullptr) return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_set_elem2: no value");
     std::string path, answer;
     return path_request(
         sock, MaapiOp::SetElemText, thandle, fmt, args, path, answer, "maapi_set_elem2",
         [](Writer &w, const void *arg) { w.str(static_cast<const char *>(arg)); }, strval);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_set_elem2(int sock, int thandle, const char *strval, const char *fmt, ...)
@@ -595,9 +637,11 @@ int maapi_set_elem2(int sock, int thandle, const char *strval, const char *fmt, 
 }
 
 int maapi_vcreate(int sock, int thandle, const char *fmt, va_list args)
-{
+try {
     std::string path, answer;
     return path_request(sock, MaapiOp::Create, thandle, fmt, args, path, answer, "maapi_create");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_create(int sock, int thandle, const char *fmt, ...)
@@ -610,9 +654,11 @@ int maapi_create(int sock, int thandle, const char *fmt, ...)
 }
 
 int maapi_vdelete(int sock, int thandle, const char *fmt, va_list args)
-{
+try {
     std::string path, answer;
     return path_request(sock, MaapiOp::Delete, thandle, fmt, args, path, answer, "maapi_delete");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_delete(int sock, int thandle, const char *fmt, ...)
@@ -628,7 +674,7 @@ int maapi_delete(int sock, int thandle, const char *fmt, ...)
 
 int maapi_vxpath_eval_expr(int sock, int thandle, const char *expr, char **res,
                            void (*trace)(char *), const char *fmtpath, va_list args)
-{
+try {
     if (res != nullptr) *res = nullptr;
     if (expr == nullptr || res == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_xpath_eval_expr: NULL argument");
@@ -659,6 +705,8 @@ int maapi_vxpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     trace_line(trace, "result: " + text);
     *res = copy;
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
@@ -674,7 +722,7 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
 int maapi_vxpath_eval(int sock, int thandle, const char *expr,
                       int (*result)(confd_hkeypath_t *, confd_value_t *, void *),
                       void (*trace)(char *), void *initstate, const char *fmtpath, va_list args)
-{
+try {
     if (expr == nullptr || result == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "maapi_xpath_eval: NULL argument");
     std::string ctx, answer;
@@ -708,6 +756,8 @@ int maapi_vxpath_eval(int sock, int thandle, const char *expr,
             break;
     }
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_xpath_eval(int sock, int thandle, const char *expr,
@@ -727,8 +777,10 @@ int maapi_diff_iterate(int sock, int thandle,
                        enum maapi_iter_ret (*iter)(confd_hkeypath_t *, enum maapi_iter_op,
                                                    confd_value_t *, confd_value_t *, void *),
                        int flags, void *initstate)
-{
+try {
     return diff_common(sock, thandle, iter, flags, initstate, std::string(), "maapi_diff_iterate");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int maapi_keypath_diff_iterate(int sock, int thandle,

@@ -130,7 +130,7 @@ extern "C" {
 
 int confd_register_snmp_notification(struct confd_daemon_ctx *dx, int fd, const char *notify_name,
                                      const char *ctx_name, struct confd_notification_ctx **nctx)
-{
+try {
     const char *fn = "confd_register_snmp_notification";
     DaemonState *st = daemon_state(dx);
     if (st == nullptr || nctx == nullptr)
@@ -155,42 +155,50 @@ int confd_register_snmp_notification(struct confd_daemon_ctx *dx, int fd, const 
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "%s: malformed answer", fn);
     *nctx = make_notif_ctx(dx, fd, id, notify_name, ctx_name);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_notification_send_snmp(struct confd_notification_ctx *nctx, const char *notification,
                                  struct confd_snmp_varbind *varbinds, int num_vars)
-{
+try {
     return send_notification(nctx, notification, varbinds, num_vars,
                              "confd_notification_send_snmp");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_notification_send_snmp_inform(struct confd_notification_ctx *nctx,
                                         const char *notification,
                                         struct confd_snmp_varbind *varbinds, int num_vars,
                                         const char *cb_id, int ref)
-{
+try {
     // The emulated agent keeps no inform state: the notification goes out as
     // a trap would, and the inform callbacks are never called.
     (void)cb_id;
     (void)ref;
     return send_notification(nctx, notification, varbinds, num_vars,
                              "confd_notification_send_snmp_inform");
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_register_notification_snmp_inform_cb(struct confd_daemon_ctx *dx,
                                                const struct confd_notification_snmp_inform_cbs *cb)
-{
+try {
     DaemonState *st = daemon_state(dx);
     if (st == nullptr || cb == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE,
                               "confd_register_notification_snmp_inform_cb: missing argument");
     st->inform_cbs.push_back(*cb);
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void confd_notification_set_snmp_src_addr(struct confd_notification_ctx *nctx,
                                           const struct confd_ip *src_addr)
-{
+try {
     NotifState *ns = notif_state(nctx);
     if (ns == nullptr)
         return;
@@ -198,11 +206,13 @@ void confd_notification_set_snmp_src_addr(struct confd_notification_ctx *nctx,
     ns->has_src_addr = src_addr != nullptr;
     if (src_addr != nullptr)
         ns->src_addr = *src_addr;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_notification_set_snmp_notify_name(struct confd_notification_ctx *nctx,
                                             const char *notify_name)
-{
+try {
     NotifState *ns = notif_state(nctx);
     if (ns == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE,
@@ -210,14 +220,18 @@ int confd_notification_set_snmp_notify_name(struct confd_notification_ctx *nctx,
     std::lock_guard<std::mutex> lock(ns->mu);
     ns->notify_name = notify_name != nullptr ? notify_name : "";
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_notification_flush(struct confd_notification_ctx *nctx)
-{
+try {
     // Every notification went out in one send() of its own: nothing is queued.
     if (notif_state(nctx) == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_notification_flush: not a notification context");
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 } // extern "C"

@@ -21,13 +21,16 @@ void append_name(std::string &out, uint32_t hash)
         out += "tag<" + std::to_string(hash) + ">";
 }
 
+// Whether confd-emu's keypath parser needs the key quoted to read back this
+// very text: empty, holding blanks, braces, quotes, backslashes or '/', or
+// in its "C_TYPE:text" form, which forces a value type.
 bool needs_quotes(const char *p, size_t n)
 {
-    if (n == 0)
+    if (n == 0 || (n > 2 && p[0] == 'C' && p[1] == '_' && memchr(p, ':', n) != nullptr))
         return true;
     for (size_t i = 0; i < n; i++)
         if (p[i] == ' ' || p[i] == '\t' || p[i] == '\n' || p[i] == '{' || p[i] == '}' ||
-            p[i] == '"' || p[i] == '\\')
+            p[i] == '"' || p[i] == '\\' || p[i] == '/')
             return true;
     return false;
 }

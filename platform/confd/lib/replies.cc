@@ -28,16 +28,18 @@ std::string error_reply(uint32_t rid, int result, struct confd_trans_ctx *tctx,
     int code = CONFD_ERRCODE_APPLICATION;
     text.clear();
     if (ts != nullptr && ts->error_set) {
-        code = tctx->error.type;
-        text.assign(tctx->error.str, strnlen(tctx->error.str, sizeof tctx->error.str));
+        code = tctx->error.code;
+        text = ts->error_text;
     }
     if (text.empty())
         text = fallback;
     if (tctx != nullptr) {
         // The text belongs to this error only.
-        memset(&tctx->error, 0, sizeof tctx->error);
-        if (ts != nullptr)
+        tctx->error = confd_error{};
+        if (ts != nullptr) {
             ts->error_set = false;
+            ts->error_text.clear();
+        }
     }
     Writer w = reply_frame(rid, ReplyKind::Error);
     w.i32(result).i32(code).str(text);
@@ -49,7 +51,7 @@ int deliver(struct confd_trans_ctx *tctx, const std::string &payload)
     TransState *ts = trans_state(tctx);
     ts->pending.active = false;
     if (ts->capture) {
-        capture_reply(*ts->capture, payload);
+        ts->capture->take(payload);
         return CONFD_OK;
     }
     if (!send_payload(ts->pending.fd, payload))
@@ -182,9 +184,10 @@ int delayed_reply(struct confd_trans_ctx *tctx, const char *fn, bool ok, const c
         payload = trans_ok_reply(tctx, ts->pending.rid, cb);
     } else {
         if (errstr != nullptr) {
-            snprintf(tctx->error.str, sizeof tctx->error.str, "%s", errstr);
+            ts->error_text.assign(errstr, strnlen(errstr, CONFD_ERROR_STR_LEN - 1));
+            tctx->error.str = &ts->error_text[0];
             if (!ts->error_set)
-                tctx->error.type = CONFD_ERRCODE_APPLICATION;
+                tctx->error.code = CONFD_ERRCODE_APPLICATION;
             ts->error_set = true;
         }
         std::string text;
@@ -204,14 +207,18 @@ int delayed_reply(struct confd_trans_ctx *tctx, const char *fn, bool ok, const c
 void set_trans_error(struct confd_trans_ctx *tctx, enum confd_errcode type, uint32_t apptag_ns,
                      uint32_t apptag_tag, const char *fmt, va_list ap)
 {
-    if (vsnprintf(tctx->error.str, sizeof tctx->error.str, fmt, ap) < 0)
-        tctx->error.str[0] = '\0';
-    tctx->error.type = type;
-    tctx->error.code = 0;
+    TransState *ts = trans_state(tctx);
+    if (ts == nullptr)
+        return;
+    char text[CONFD_ERROR_STR_LEN];
+    if (vsnprintf(text, sizeof text, fmt, ap) < 0)
+        text[0] = '\0';
+    ts->error_text = text;
+    tctx->error.str = &ts->error_text[0];
+    tctx->error.code = type;
     tctx->error.apptag.tag = apptag_tag;
     tctx->error.apptag.ns = apptag_ns;
-    if (TransState *ts = trans_state(tctx))
-        ts->error_set = true;
+    ts->error_set = true;
 }
 
 } // namespace
@@ -223,13 +230,15 @@ using namespace libconfd;
 extern "C" {
 
 void confd_trans_set_fd(struct confd_trans_ctx *tctx, int sock)
-{
+try {
     if (tctx != nullptr)
         tctx->fd = sock;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_data_reply_value(struct confd_trans_ctx *tctx, const confd_value_t *v)
-{
+try {
     const char *fn = "confd_data_reply_value";
     if (check_reply(tctx, fn, {DataCb::GetElem, DataCb::NumInstances, DataCb::GetCase}) != CONFD_OK)
         return CONFD_ERR;
@@ -239,24 +248,30 @@ int confd_data_reply_value(struct confd_trans_ctx *tctx, const confd_value_t *v)
     if (put_values(w, v, 1, fn) != CONFD_OK)
         return CONFD_ERR;
     return deliver(tctx, w.payload());
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_value_array(struct confd_trans_ctx *tctx, const confd_value_t *vs, int n)
-{
+try {
     return reply_array(tctx, "confd_data_reply_value_array", ReplyKind::ValueArray, vs, n,
                        put_values);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_tag_value_array(struct confd_trans_ctx *tctx, const confd_tag_value_t *tvs,
                                      int n)
-{
+try {
     return reply_array(tctx, "confd_data_reply_tag_value_array", ReplyKind::TagValueArray, tvs, n,
                        put_tag_values);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_next_key(struct confd_trans_ctx *tctx, const confd_value_t *v,
                               int num_vals_in_key, long next)
-{
+try {
     const char *fn = "confd_data_reply_next_key";
     if (check_reply(tctx, fn, {DataCb::GetNext, DataCb::FindNext}) != CONFD_OK)
         return CONFD_ERR;
@@ -272,44 +287,54 @@ int confd_data_reply_next_key(struct confd_trans_ctx *tctx, const confd_value_t 
         return CONFD_ERR;
     w.i64(next);
     return deliver(tctx, w.payload());
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_not_found(struct confd_trans_ctx *tctx)
-{
+try {
     return reply_simple(tctx, "confd_data_reply_not_found", ReplyKind::NotFound,
                         {DataCb::GetElem, DataCb::ExistsOptional, DataCb::GetObject,
                          DataCb::GetCase});
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_found(struct confd_trans_ctx *tctx)
-{
+try {
     return reply_simple(tctx, "confd_data_reply_found", ReplyKind::Found, {DataCb::ExistsOptional});
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_next_object_array(struct confd_trans_ctx *tctx, const confd_value_t *v, int n,
                                        long next)
-{
+try {
     const char *fn = "confd_data_reply_next_object_array";
     if (v == nullptr)
         return reply_simple(tctx, fn, ReplyKind::NextEnd, kObjectCbs);
     struct confd_next_object obj = {const_cast<confd_value_t *>(v), n, next};
     return reply_objects(tctx, fn, &obj, nullptr, 1, next);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_next_object_tag_value_array(struct confd_trans_ctx *tctx,
                                                  const confd_tag_value_t *tv, int n, long next)
-{
+try {
     const char *fn = "confd_data_reply_next_object_tag_value_array";
     if (tv == nullptr)
         return reply_simple(tctx, fn, ReplyKind::NextEnd, kObjectCbs);
     struct confd_next_object obj = {nullptr, n, next};
     return reply_objects(tctx, fn, &obj, tv, 1, next);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_reply_next_object_arrays(struct confd_trans_ctx *tctx,
                                         const struct confd_next_object *obj, int nobj,
                                         int timeout_millisecs)
-{
+try {
     (void)timeout_millisecs; // replies are not cached by the emulated server
     const char *fn = "confd_data_reply_next_object_arrays";
     // Entries up to the first one without values; none at all ends the list.
@@ -319,24 +344,32 @@ int confd_data_reply_next_object_arrays(struct confd_trans_ctx *tctx,
     if (k == 0)
         return reply_simple(tctx, fn, ReplyKind::NextEnd, kObjectCbs);
     return reply_objects(tctx, fn, obj, nullptr, k, 0);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_delayed_reply_ok(struct confd_trans_ctx *tctx)
-{
+try {
     return delayed_reply(tctx, "confd_delayed_reply_ok", true, nullptr);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_delayed_reply_error(struct confd_trans_ctx *tctx, const char *errstr)
-{
+try {
     return delayed_reply(tctx, "confd_delayed_reply_error", false, errstr);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_data_set_timeout(struct confd_trans_ctx *tctx, int secs)
-{
+try {
     (void)secs; // the emulated server applies its own fixed time-out
     if (trans_state(tctx) == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_data_set_timeout: no transaction");
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 void confd_trans_seterr(struct confd_trans_ctx *tctx, const char *fmt, ...)

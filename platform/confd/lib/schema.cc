@@ -569,16 +569,18 @@ using namespace libconfd;
 extern "C" {
 
 const char *confd_lib_tag_name(uint32_t hash)
-{
+try {
     SchemaStore *st = current();
     if (st == nullptr)
         return nullptr;
     auto it = st->names.find(hash);
     return it != st->names.end() ? it->second.c_str() : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 int confd_load_schemas(const struct sockaddr *srv, int srv_sz)
-{
+try {
     if (srv == nullptr || srv_sz <= 0)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "no server address given");
     int fd = socket(srv->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -593,30 +595,36 @@ int confd_load_schemas(const struct sockaddr *srv, int srv_sz)
     if (request(fd, hello.payload(), answer, "schema connection") != CONFD_OK)
         return CONFD_ERR;
     return load_schemas_over(fd);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
-struct confd_cs_node *confd_find_cs_root(uint32_t ns)
-{
+struct confd_cs_node *confd_find_cs_root(int ns)
+try {
     SchemaStore *st = current();
     if (st == nullptr)
         return nullptr;
-    auto it = st->roots.find(ns);
+    auto it = st->roots.find(static_cast<uint32_t>(ns));
     return it != st->roots.end() ? it->second : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 struct confd_cs_node *confd_find_cs_node_child(const struct confd_cs_node *parent,
                                                struct xml_tag xmltag)
-{
+try {
     if (parent == nullptr)
         return nullptr;
     for (struct confd_cs_node *c = parent->children; c != nullptr; c = c->next)
         if (c->tag == xmltag.tag && (xmltag.ns == 0 || c->ns == xmltag.ns))
             return c;
     return nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 struct confd_cs_node *confd_find_cs_node(const confd_hkeypath_t *hkp, int len)
-{
+try {
     SchemaStore *st = current();
     if (st == nullptr || hkp == nullptr || hkp->len <= 0 || hkp->len > MAXDEPTH || len <= 0 ||
         len > hkp->len)
@@ -637,6 +645,8 @@ struct confd_cs_node *confd_find_cs_node(const confd_hkeypath_t *hkp, int len)
         node = confd_find_cs_node_child(node, e.val.xmltag);
     }
     return node;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 struct confd_cs_node *confd_cs_node_cd(const struct confd_cs_node *start, const char *fmt, ...)
@@ -694,7 +704,7 @@ struct confd_cs_node *confd_cs_node_cd(const struct confd_cs_node *start, const 
 }
 
 int confd_get_nslist(struct confd_nsinfo **listp)
-{
+try {
     SchemaStore *st = current();
     if (listp == nullptr)
         return 0;
@@ -704,30 +714,36 @@ int confd_get_nslist(struct confd_nsinfo **listp)
     }
     *listp = st->nslist.data();
     return static_cast<int>(st->nslist.size());
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 char *confd_hash2str(uint32_t hash) { return const_cast<char *>(confd_lib_tag_name(hash)); }
 
 uint32_t confd_str2hash(const char *str)
-{
+try {
     SchemaStore *st = current();
     if (st == nullptr || str == nullptr)
         return 0;
     auto it = st->hash_of.find(str);
     return it != st->hash_of.end() ? it->second : 0;
+} catch (...) {
+    return libconfd::caught(__func__, 0u);
 }
 
 char *confd_ns2prefix(uint32_t ns)
-{
+try {
     SchemaStore *st = current();
     if (st == nullptr)
         return nullptr;
     const NsRec *rec = find_ns(st, ns);
     return rec != nullptr ? const_cast<char *>(rec->prefix.c_str()) : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 struct confd_type *confd_find_ns_type(uint32_t nshash, const char *name)
-{
+try {
     if (name == nullptr)
         return nullptr;
     if (nshash == 0)
@@ -737,24 +753,30 @@ struct confd_type *confd_find_ns_type(uint32_t nshash, const char *name)
         return nullptr;
     auto it = st->ns_types.find(std::make_pair(nshash, std::string(name)));
     return it != st->ns_types.end() ? it->second : nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 int confd_pp_kpath(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath)
-{
+try {
     if (hkeypath == nullptr)
         return copy_out("", buf, bufsiz);
     return copy_out(kpath_text(*hkeypath, hkeypath->len), buf, bufsiz);
+} catch (...) {
+    return libconfd::caught(__func__, 0);
 }
 
 int confd_pp_kpath_len(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath, int len)
-{
+try {
     if (hkeypath == nullptr || len < 0)
         return copy_out("", buf, bufsiz);
     return copy_out(kpath_text(*hkeypath, len), buf, bufsiz);
+} catch (...) {
+    return libconfd::caught(__func__, 0);
 }
 
 int confd_xpath_pp_kpath(char *buf, int bufsiz, uint32_t ns, const confd_hkeypath_t *hkp)
-{
+try {
     if (hkp == nullptr)
         return copy_out("", buf, bufsiz);
     SchemaStore *st = current();
@@ -802,10 +824,12 @@ int confd_xpath_pp_kpath(char *buf, int bufsiz, uint32_t ns, const confd_hkeypat
         }
     }
     return copy_out(out, buf, bufsiz);
+} catch (...) {
+    return libconfd::caught(__func__, 0);
 }
 
 int confd_val2str(struct confd_type *type, const confd_value_t *val, char *buf, int bufsiz)
-{
+try {
     if (type == nullptr || val == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_val2str: no type or value");
     if (val->type == C_ENUM_VALUE && !type->enums.empty()) {
@@ -814,10 +838,12 @@ int confd_val2str(struct confd_type *type, const confd_value_t *val, char *buf, 
             return copy_out(name, buf, bufsiz);
     }
     return copy_out(pp_text(val), buf, bufsiz);
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 int confd_str2val(struct confd_type *type, const char *str, confd_value_t *val)
-{
+try {
     if (type == nullptr || str == nullptr || val == nullptr)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "confd_str2val: no type, text or value");
     if (!str_to_value(type, str, *val)) {
@@ -826,16 +852,20 @@ int confd_str2val(struct confd_type *type, const char *str, confd_value_t *val)
                               type->name.empty() ? "value" : type->name.c_str());
     }
     return CONFD_OK;
+} catch (...) {
+    return libconfd::caught(__func__, CONFD_ERR);
 }
 
 char *confd_val2str_ptr(struct confd_type *type, const confd_value_t *val)
-{
+try {
     if (type == nullptr || val == nullptr || val->type != C_ENUM_VALUE)
         return nullptr;
     for (auto &e : type->enums)
         if (e.second == val->val.enumvalue)
             return const_cast<char *>(e.first.c_str());
     return nullptr;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 } // extern "C"

@@ -12,7 +12,7 @@
 extern "C" {
 int confd_maxdepth = MAXDEPTH;
 int confd_maxkeylen = MAXKEYLEN;
-}
+} // extern "C"
 
 namespace {
 
@@ -265,7 +265,7 @@ void print_value(Printer &out, const confd_value_t *v)
 extern "C" {
 
 void confd_free_value(confd_value_t *v)
-{
+try {
     if (v == nullptr)
         return;
     switch (v->type) {
@@ -288,10 +288,12 @@ void confd_free_value(confd_value_t *v)
     }
     // Leave a harmless value behind so that a second free is a no-op.
     v->type = C_NOEXISTS;
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 confd_value_t *confd_value_dup_to(const confd_value_t *v, confd_value_t *newv)
-{
+try {
     if (v == nullptr || newv == nullptr)
         return nullptr;
     confd_value_t out = *v;
@@ -370,10 +372,12 @@ confd_value_t *confd_value_dup_to(const confd_value_t *v, confd_value_t *newv)
     }
     *newv = out;
     return newv;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 confd_value_t *confd_value_dup(const confd_value_t *v)
-{
+try {
     auto *copy = static_cast<confd_value_t *>(malloc(sizeof(confd_value_t)));
     if (copy == nullptr)
         return nullptr;
@@ -382,18 +386,22 @@ confd_value_t *confd_value_dup(const confd_value_t *v)
         return nullptr;
     }
     return copy;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 void confd_free_dup_value(confd_value_t *v)
-{
+try {
     if (v == nullptr)
         return;
     confd_free_value(v);
     free(v);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 confd_hkeypath_t *confd_hkeypath_dup(const confd_hkeypath_t *src)
-{
+try {
     if (src == nullptr)
         return nullptr;
     auto *hkp = static_cast<confd_hkeypath_t *>(malloc(sizeof(confd_hkeypath_t)));
@@ -417,22 +425,28 @@ confd_hkeypath_t *confd_hkeypath_dup(const confd_hkeypath_t *src)
         }
     }
     return hkp;
+} catch (...) {
+    return libconfd::caught(__func__, nullptr);
 }
 
 void confd_free_hkeypath(confd_hkeypath_t *hkp)
-{
+try {
     if (hkp == nullptr)
         return;
     int len = hkp->len < 0 ? 0 : (hkp->len > MAXDEPTH ? MAXDEPTH : hkp->len);
     free_hkeypath_rows(hkp, len);
+} catch (...) {
+    libconfd::caught(__func__);
 }
 
 int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v)
-{
+try {
     Printer out(buf, bufsiz);
     if (v != nullptr)
         print_value(out, v);
     return out.result();
+} catch (...) {
+    return libconfd::caught(__func__, 0);
 }
 
 } // extern "C"

@@ -169,6 +169,15 @@ bool Reader::need(size_t n)
     return true;
 }
 
+bool Reader::need_items(uint32_t count, size_t size)
+{
+    if (!ok_ || count > static_cast<size_t>(end_ - p_) / size) {
+        ok_ = false;
+        return false;
+    }
+    return true;
+}
+
 Op Reader::op() { return static_cast<Op>(u8()); }
 
 uint8_t Reader::u8()
@@ -253,7 +262,7 @@ Value Reader::value()
         break;
     case T_OID: {
         uint32_t n = u32();
-        if (n > 128 || !need(size_t(n) * 4)) {
+        if (n > 128 || !need_items(n, 4)) {
             ok_ = false;
             break;
         }
@@ -287,7 +296,8 @@ KeyPath Reader::keypath()
 {
     KeyPath kp;
     uint32_t rows = u32();
-    if (!need(rows * size_t(4)))
+    // Each row starts with its 4-byte count.
+    if (!need_items(rows, 4))
         return kp;
     kp.resize(rows);
     for (uint32_t r = 0; r < rows && ok_; r++) {
@@ -313,8 +323,9 @@ bool send_frame(int fd, const std::string &payload)
     for (int s = 24; s >= 0; s -= 8)
         frame.push_back(static_cast<char>(n >> s));
     frame += payload;
-    // One send() for the whole frame: a blocking stream socket returns only
-    // when all of it is queued, so concurrent senders cannot interleave.
+    // The loop resumes after a partial send (socket buffer full, or a
+    // signal); it is the caller's per-socket lock, not this loop, that keeps
+    // another thread's frame from landing in the gap.
     size_t off = 0;
     while (off < frame.size()) {
         ssize_t r = send(fd, frame.data() + off, frame.size() - off, MSG_NOSIGNAL);
@@ -349,11 +360,17 @@ int recv_frame(int fd, std::string &payload, int timeout_ms)
         errno = EMSGSIZE;
         return -1;
     }
-    payload.resize(n);
-    if (n == 0)
-        return 1;
-    r = read_full(fd, &payload[0], n, deadline, false);
-    return r == 1 ? 1 : -1;
+    // Grow with what has arrived (doubling from 4 KiB), so a peer that
+    // announces a large frame and sends little costs little memory.
+    payload.clear();
+    while (payload.size() < n) {
+        size_t have = payload.size();
+        size_t chunk = std::min<size_t>(n - have, std::max<size_t>(have, 4096));
+        payload.resize(have + chunk);
+        if (read_full(fd, &payload[have], chunk, deadline, false) != 1)
+            return -1;
+    }
+    return 1;
 }
 
 } // namespace confd_wire

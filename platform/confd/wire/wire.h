@@ -301,17 +301,27 @@ public:
 
 private:
     bool need(size_t n);
+    // need(count * size) without the product: a 32-bit count times an item
+    // size overflows size_t on a 32-bit target.
+    bool need_items(uint32_t count, size_t size);
     const char *p_;
     const char *end_;
     bool ok_ = true;
     int depth_ = 0; // nesting guard for LIST values
 };
 
-// Writes one frame (length prefix + payload) with a single send().
+// Writes one frame (length prefix + payload), looping until all of it is
+// queued. Frames stay whole only when one sender at a time writes to a
+// socket: a send() may queue part of a frame when the socket buffer is full
+// and another thread's frame would then land in the middle. Callers that
+// share a socket between threads therefore hold a per-socket lock around
+// the call (the client library's send lock, confd-emu's Conn::send).
 // Returns true when the whole frame went out.
 bool send_frame(int fd, const std::string &payload);
 
-// Reads one frame into payload. timeout_ms < 0 waits forever; otherwise it
+// Reads one frame into payload, which grows as the bytes arrive (a length
+// announced by the peer is never allocated up front). timeout_ms < 0 waits
+// forever; otherwise it
 // bounds the wait for a frame to begin, and a frame that has begun gets at
 // least 5 s more to arrive completely (so a time-out never splits a frame).
 // Returns 1 on a frame, 0 when the peer closed the connection, -1 on an

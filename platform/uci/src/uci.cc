@@ -4,6 +4,7 @@
 #include <uci.h>
 #include <uci_host.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -88,11 +89,19 @@ int read_package_file(const std::string &path, std::string &text, std::string &d
         detail = path + ": not a regular file";
         return UCI_ERR_IO;
     }
-    // Read one byte past the limit to tell "exactly at the limit" from "over".
+    // The buffer starts at the file's size plus one byte (to see the end, or a
+    // file that grew since fstat) and doubles only if more arrives, never past
+    // one byte over the limit, which tells "exactly at the limit" from "over".
     constexpr size_t kLimit = LEISOBEK_UCI_MAX_FILE_BYTES;
-    text.resize(kLimit + 1);
+    size_t size = static_cast<size_t>(st.st_size);
+    text.resize(std::min(size, kLimit) + 1);
     size_t got = 0;
-    while (got < text.size()) {
+    for (;;) {
+        if (got == text.size()) {
+            if (got > kLimit)
+                break;
+            text.resize(std::min(2 * got, kLimit + 1));
+        }
         ssize_t n = ::read(fd.get(), &text[got], text.size() - got);
         if (n < 0 && errno == EINTR)
             continue;

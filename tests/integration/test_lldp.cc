@@ -1,0 +1,105 @@
+// LLDP-MIB end to end: the leisobek binary, a fixture neighbour script and file, confd-emu-cli.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cli_json.h"
+#include "daemon_env.h"
+
+namespace
+{
+
+using daemon_env::Emu;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+
+const char kTable[] = "/LLDP-MIB/lldpRemTable/lldpRemEntry";
+const char kFile[] = "/tmp/stats/snmp_lldpneighstats";
+const char kRuns[] = "/tmp/lldp-script-runs";
+
+// Keys, then the leaves in model order, of every row of a walk.
+std::vector<std::vector<std::string>> walk(const Emu &emu)
+{
+    std::string answer = emu.cli({"walk", kTable});
+    std::vector<cli_json::row> rows;
+    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer;
+    std::vector<std::vector<std::string>> out;
+    for (cli_json::row &r : rows) {
+        std::vector<std::string> cells = r.keys;
+        for (const char *leaf :
+             {"lldpRemChassisIdSubtype", "lldpRemChassisId", "lldpRemPortIdSubtype",
+              "lldpRemPortId", "lldpRemPortDesc", "lldpRemSysName", "lldpRemSysDesc",
+              "lldpRemSysCapSupported", "lldpRemSysCapEnabled"})
+            cells.push_back(r.leaves[leaf]);
+        out.push_back(cells);
+    }
+    return out;
+}
+
+// Starts confd-emu and the daemon with a neighbour script that only notes
+// that it ran: the test writes the neighbour file itself.
+std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
+{
+    daemon_env::overlay_dir("/usr/bin");
+    daemon_env::write_file("/usr/bin/snmp_lldp_neighinfo.sh",
+                           std::string("#!/bin/sh\necho ran >> ") + kRuns + "\n", 0755);
+    return emu.start_with_daemon();
+}
+
+using table = std::vector<std::vector<std::string>>;
+
+// Verifies walks of lldpRemTable: each line of the file and one row past it,
+// all three keys equal to the line number, identifiers as six bytes, subtype
+// 4 for "mac", the capability numbers OR-ed; after a shorter file the extra
+// row is the earlier second neighbour and capabilities keep the old bits; with
+// no file the walk ends at once. The script runs before every walk.
+TEST(LldpTest, WalksKeepTheTableQuirks)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        EXPECT_THAT(emu.status(), ContainsRegex("\"callpoints\":\\[[^]]*\"snmp_lldp_stats\"\\]"));
+
+        daemon_env::write_file(kFile, "1?eth0.2?mac?0:1a:2b:3c:4d:5e?mac?a4:b1:c2:d3:e4:f5?x?"
+                                      "Bridge,Router?Router?core-sw?Switch 100%% up?9\n"
+                                      "2?lan1?local?host-7?ifname?gi0/1?x?Wlan?Bridge?ap-1?AP\n");
+        EXPECT_EQ(walk(emu), (table{{"0", "0", "0", "4", "001a2b3c4d5e", "4", "a4b1c2d3e4f5",
+                                     "eth0.2", "core-sw", "Switch 100% up", "6", "4"},
+                                    {"1", "1", "1", "1", "000000000000", "1", "000000000000",
+                                     "lan1", "ap-1", "AP", "3", "2"},
+                                    {"0", "0", "0", "4", "001a2b3c4d5e", "4", "a4b1c2d3e4f5",
+                                     "eth0.2", "core-sw", "Switch 100% up", "6", "4"}}));
+
+        daemon_env::write_file(kFile, "1?wan?mac?0:0:0:0:0:1?mac?0:0:0:0:0:2?x?Wlan?Wlan?gw?GW\n");
+        EXPECT_EQ(walk(emu), (table{{"0", "0", "0", "4", "000000000001", "4", "000000000002",
+                                     "wan", "gw", "GW", "7", "7"},
+                                    {"1", "1", "1", "1", "000000000000", "1", "000000000000",
+                                     "lan1", "ap-1", "AP", "3", "2"}}));
+
+        ASSERT_EQ(remove(kFile), 0);
+        EXPECT_EQ(emu.cli({"walk", kTable}), "[]");
+        EXPECT_EQ(harness::read_file(kRuns), "ran\nran\nran\n");
+        EXPECT_TRUE(d->running()) << d->err();
+    });
+}
+
+// Verifies that a key of the wrong type ends the daemon through the key type
+// check, naming the key and the provider's source.
+TEST(LldpTest, WrongKeyTypeAborts)
+{
+    RUN_ISOLATED([] {
+        Emu emu;
+        auto d = start(emu);
+        ASSERT_TRUE(d);
+        emu.cli({"get", std::string(kTable) + "{0 0 C_UINT32:0}/lldpRemSysName"});
+        EXPECT_EQ(d->wait_exit(), 128 + 6);
+        EXPECT_THAT(d->err(), HasSubstr("lldpmib"));
+        EXPECT_THAT(d->err(), HasSubstr("Assertion `(key3)->type == C_INT32' failed."));
+    });
+}
+
+} // namespace

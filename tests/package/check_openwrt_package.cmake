@@ -1,0 +1,83 @@
+# Checks the shape of the OpenWrt package in openwrt/leisobek (no SDK here to build it): the
+# fields and calls OpenWrt's package build requires in the Makefile, and a procd init script
+# that starts the installed daemon with respawn.
+# cmake -DPACKAGE_DIR=<openwrt/leisobek> -DSOURCE_DIR=<project root> -P check_openwrt_package.cmake
+set(failures "")
+function(require text regex what)
+  if(NOT text MATCHES "${regex}")
+    set(failures "${failures}  ${what}\n" PARENT_SCOPE)
+  endif()
+endfunction()
+
+file(READ ${PACKAGE_DIR}/Makefile mk)
+# The package Makefile: rules.mk first, package.mk and cmake.mk after the PKG_ variables, the
+# package definition, its install recipe and the BuildPackage call last.
+string(FIND "${mk}" "include $(TOPDIR)/rules.mk" at_rules)
+string(FIND "${mk}" "include $(INCLUDE_DIR)/package.mk" at_package)
+string(FIND "${mk}" "include $(INCLUDE_DIR)/cmake.mk" at_cmake)
+string(FIND "${mk}" "PKG_NAME:=" at_name)
+if(at_rules LESS 0 OR at_package LESS 0 OR at_cmake LESS 0 OR NOT at_rules LESS at_name
+   OR NOT at_name LESS at_package OR NOT at_package LESS at_cmake)
+  string(APPEND failures "  rules.mk, PKG_NAME, package.mk, cmake.mk in this order\n")
+endif()
+foreach(field PKG_NAME PKG_VERSION PKG_RELEASE PKG_LICENSE PKG_MAINTAINER)
+  require("${mk}" "\n${field}:=[^\n]+" "${field} set")
+endforeach()
+require("${mk}" "\nPKG_NAME:=leisobek\n" "PKG_NAME is leisobek")
+require("${mk}" "\nPKG_INSTALL:=1\n" "PKG_INSTALL:=1 (the install recipe takes the CMake install)")
+string(REGEX MATCH "\ndefine Package/leisobek\n(.*)\nendef\n\ndefine Package/leisobek/description" m "${mk}")
+set(pkg "${CMAKE_MATCH_1}")
+foreach(field SECTION CATEGORY TITLE DEPENDS)
+  require("${pkg}" "\n?[ \t]*${field}:=[^\n]+" "Package/leisobek has ${field}")
+endforeach()
+require("${pkg}" "DEPENDS:=[^\n]*\\+libuci" "DEPENDS has +libuci")
+require("${pkg}" "DEPENDS:=[^\n]*\\+libstdcpp" "DEPENDS has +libstdcpp")
+require("${mk}" "\ndefine Package/leisobek/description\n[^\n]" "a description")
+require("${mk}" "\tconfig LEISOBEK_CONFD_SDK\n\t\tstring " "the ConfD SDK location as a string option")
+require("${mk}" [[-DLEISOBEK_CONFD_DIR=\$\(LEISOBEK_CONFD_SDK\)]] "the SDK option reaches CMake")
+require("${mk}" [[-DLEISOBEK_NS_HEADERS=\$\(LEISOBEK_NS_HEADERS\)]] "the namespace headers reach CMake")
+require("${mk}" "-DLEISOBEK_WITH_LIBUCI=ON" "the system libuci")
+string(REGEX MATCH "\ndefine Package/leisobek/install\n(.*)\nendef\n" m "${mk}")
+set(install "${CMAKE_MATCH_1}")
+require("${install}" "^\t" "install recipe lines start with a tab")
+require("${install}" [[\$\(INSTALL_BIN\) \$\(PKG_INSTALL_DIR\)/usr/sbin/leisobek \$\(1\)/usr/sbin/]]
+        "the daemon installed to /usr/sbin")
+require("${install}" [[\$\(INSTALL_BIN\) \./files/leisobek\.init \$\(1\)/etc/init\.d/leisobek]]
+        "the init script installed to /etc/init.d/leisobek")
+require("${mk}" [[\$\(eval \$\(call BuildPackage,leisobek\)\)]] "the BuildPackage call")
+# Every file Build/Prepare copies exists in the tree.
+string(REGEX MATCH "define Build/Prepare\n(.*)\nendef\n\ndefine Package/leisobek/install" m "${mk}")
+string(REGEX MATCHALL [[\$\(LEISOBEK_SOURCE_TREE\)/[A-Za-z.]+]] copied "${CMAKE_MATCH_1}")
+foreach(entry ${copied})
+  string(REPLACE "$(LEISOBEK_SOURCE_TREE)" "${SOURCE_DIR}" path "${entry}")
+  if(NOT EXISTS ${path})
+    string(APPEND failures "  Build/Prepare copies ${entry}, which does not exist\n")
+  endif()
+endforeach()
+# CMake installs the daemon where the recipe takes it (prefix /usr in OpenWrt's cmake.mk).
+file(READ ${SOURCE_DIR}/src/CMakeLists.txt src_cmake)
+require("${src_cmake}" [[install\(TARGETS leisobek RUNTIME DESTINATION sbin\)]] "CMake installs to sbin")
+
+set(init_file ${PACKAGE_DIR}/files/leisobek.init)
+file(READ ${init_file} init)
+require("${init}" "^#!/bin/sh /etc/rc.common\n" "init script runs under /etc/rc.common")
+require("${init}" "\nSTART=[0-9][0-9]?\n" "START=<number>")
+require("${init}" "\nUSE_PROCD=1\n" "USE_PROCD=1")
+string(REGEX MATCH "\nstart_service\\(\\) {\n(.*)\n}\n" m "${init}")
+set(start "${CMAKE_MATCH_1}")
+require("${start}" [[procd_open_instance.*procd_set_param command "?(\$PROG|/usr/sbin/leisobek)"?.*procd_set_param respawn.*procd_close_instance]]
+        "start_service opens an instance with the daemon's command and respawn")
+require("${init}" "\nPROG=/usr/sbin/leisobek\n" "PROG is the installed daemon")
+execute_process(COMMAND sh -n ${init_file} RESULT_VARIABLE sh_result ERROR_VARIABLE sh_error)
+if(NOT sh_result EQUAL 0)
+  string(APPEND failures "  init script is not valid sh: ${sh_error}\n")
+endif()
+execute_process(COMMAND test -x ${init_file} RESULT_VARIABLE exec_result)
+if(NOT exec_result EQUAL 0)
+  string(APPEND failures "  init script is not executable\n")
+endif()
+
+if(failures)
+  message(FATAL_ERROR "OpenWrt package ${PACKAGE_DIR} is missing:\n${failures}")
+endif()
+message(STATUS "OpenWrt package shape ok")
