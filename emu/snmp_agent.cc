@@ -34,6 +34,10 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 #include <net-snmp/agent/agent_callbacks.h>
 
+// The agent library's authenticationFailure switch (snmpEnableAuthenTraps: 1 enabled, 2 disabled),
+// exported by libnetsnmpagent without a declaration in its headers.
+extern "C" int snmp_enableauthentraps;
+
 namespace emu
 {
 
@@ -822,7 +826,11 @@ void SnmpAgent::Impl::handle_set(const Subtree &st, int mode, netsnmp_agent_requ
             writes.push_back(std::move(w));
         } else if (mode == MODE_SET_ACTION) {
             if (!set_th) {
-                set_th = reg.open_trans(0, CONFD_READ_WRITE);
+                set_th = reg.open_trans(0, CONFD_READ_WRITE, err);
+                if (!set_th) {
+                    netsnmp_set_request_error(ri, r, SNMP_ERR_RESOURCEUNAVAILABLE);
+                    continue;
+                }
                 UserInfo u;
                 u.user = "snmp";
                 u.context = "snmp";
@@ -981,7 +989,12 @@ void SnmpAgent::Impl::send_trap(const Notification &n)
         snmp_varlist_add_variable(&vars, name.data(), name.size(), sv.type,
                                   static_cast<const u_char *>(sv.data()), sv.size());
     }
+    // The library drops authenticationFailure while its own switch is off (it stays off, so the
+    // library raises none itself); the daemon's is forwarded like any other.
+    int authen = snmp_enableauthentraps;
+    snmp_enableauthentraps = 1;
     send_v2trap(vars);
+    snmp_enableauthentraps = authen;
     snmp_free_varbind(vars);
 }
 
