@@ -232,6 +232,17 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         r = tool("snmpset", {".1.3.6.1.6.3.18.1.1.1.7.112.114.105.118.97.116.101", "s", "x"});
         EXPECT_NE(r.err.find("wrongType"), std::string::npos) << r.out << r.err;
 
+        // The unknown community's audit event made the daemon raise authenticationFailure,
+        // forwarded as a trap like start-up's coldStart.
+        EXPECT_TRUE(daemon_env::eventually(
+            [&] {
+                return harness::read_file(traps).find(
+                           ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.5") !=
+                       std::string::npos;
+            },
+            5000))
+            << harness::read_file(traps);
+
         // Start-up's coldStart reached snmptrapd as an SNMPv2c trap, sysUpTime first.
         EXPECT_TRUE(daemon_env::eventually(
             [&] {
