@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -11,13 +12,15 @@
 #include "datastore.h"
 #include "schema.h"
 #include "server.h"
+#include "snmp_agent.h"
 
 namespace
 {
 
 const char kUsage[] =
     "usage: confd-emu [--port N] [--models DIR] [--init FILE] [--timeout-ms MS]\n"
-    "                 [--diff-timeout-ms MS] [--walk-limit ROWS] [--port-file FILE] [--help]\n"
+    "                 [--diff-timeout-ms MS] [--walk-limit ROWS] [--port-file FILE]\n"
+    "                 [--snmp TRANSPORT [--trap-sink TRANSPORT]...] [--help]\n"
     "Serves the YANG models on 127.0.0.1 to data-provider daemons, MAAPI clients and\n"
     "confd-emu-cli.\n"
     "  --port N          TCP port (default 4565; 0 picks a free one)\n"
@@ -29,6 +32,10 @@ const char kUsage[] =
     "                    (default: the --timeout-ms value)\n"
     "  --walk-limit ROWS most rows one walk may return (default 100000)\n"
     "  --port-file FILE  write the bound port to FILE once serving\n"
+    "  --snmp TRANSPORT  answer SNMP (v1/v2c) on a net-snmp transport such as\n"
+    "                    udp:127.0.0.1:1161 (off by default)\n"
+    "  --trap-sink TRANSPORT  send the daemons' notifications there as SNMPv2c traps\n"
+    "                    (community public); may be repeated\n"
     "The bound port is also printed on stdout when the server is ready.\n";
 
 // Directory of the running executable, or "." when it cannot be found.
@@ -67,6 +74,7 @@ bool write_port_file(const std::string &path, int port)
 int main(int argc, char **argv)
 {
     emu::ServerOptions opt;
+    emu::SnmpOptions snmp;
     std::string models, port_file, init_file;
     bool init_given = false;
     for (int i = 1; i < argc; i++) {
@@ -95,6 +103,10 @@ int main(int argc, char **argv)
         } else if (a == "--init") {
             init_file = val;
             init_given = true;
+        } else if (a == "--snmp") {
+            snmp.listen = val;
+        } else if (a == "--trap-sink") {
+            snmp.trap_sinks.push_back(val);
         } else if (a == "--port-file") {
             port_file = val;
         } else {
@@ -116,8 +128,7 @@ int main(int argc, char **argv)
         init_file = models + "/demo-init.xml";
     emu::Datastore ds(schema);
     if (!ds.load(init_file, err)) {
-        std::fprintf(stderr, "confd-emu: cannot load the initial configuration: %s\n",
-                     err.c_str());
+        std::fprintf(stderr, "confd-emu: cannot load the initial configuration: %s\n", err.c_str());
         return 1;
     }
 
@@ -140,6 +151,20 @@ int main(int argc, char **argv)
     if (!server.listen(err)) {
         std::fprintf(stderr, "confd-emu: cannot listen on %s\n", err.c_str());
         return 1;
+    }
+    std::unique_ptr<emu::SnmpAgent> agent;
+    if (!snmp.listen.empty()) {
+        snmp.diff_timeout_ms = opt.diff_timeout_ms ? opt.diff_timeout_ms : opt.timeout_ms;
+        agent = std::make_unique<emu::SnmpAgent>(server.registry(), schema, &ds, snmp);
+        if (!agent->start(err)) {
+            std::fprintf(stderr, "confd-emu: %s\n", err.c_str());
+            return 1;
+        }
+        emu::SnmpAgent *a = agent.get();
+        server.registry().on_notification([a](const emu::Notification &n) { a->notify(n); });
+    } else if (!snmp.trap_sinks.empty()) {
+        std::fprintf(stderr, "confd-emu: --trap-sink needs --snmp\n");
+        return 2;
     }
     if (!port_file.empty() && !write_port_file(port_file, server.port())) {
         std::fprintf(stderr, "confd-emu: cannot write %s: %s\n", port_file.c_str(),

@@ -508,9 +508,15 @@ bool Registry::take_failure(const std::string &op)
 
 void Registry::add_notification(Notification n)
 {
+    if (notif_hook_) notif_hook_(n);
     std::lock_guard<std::mutex> lk(mu_);
     notifs_.push_back(std::move(n));
     notifs_total_++;
+}
+
+void Registry::on_notification(std::function<void(const Notification &)> hook)
+{
+    notif_hook_ = std::move(hook);
 }
 
 std::string Registry::notifications_json(bool clear)

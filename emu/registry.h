@@ -161,6 +161,9 @@ class Registry
 
     // --- notifications and reports ---
     void add_notification(Notification n);
+    // Called with every notification added from now on (outside the registry's lock); set once,
+    // before any daemon connects.
+    void on_notification(std::function<void(const Notification &)> hook);
     // JSON list of the notifications received, in arrival order; clear empties the log afterwards.
     std::string notifications_json(bool clear);
     // JSON object describing the connected daemons, sessions and counters.
@@ -216,6 +219,7 @@ class Registry
     std::map<uint32_t, std::set<uint32_t>> diff_waits_; // thandle -> subscribers not yet done
     std::function<void(uint32_t)> trans_closed_;
     std::vector<Notification> notifs_;
+    std::function<void(const Notification &)> notif_hook_;
     uint32_t next_daemon_ = 1, next_worker_ = 1, next_nctx_ = 1, next_rid_ = 1, next_thandle_ = 1;
     int32_t next_usid_ = 1;
     uint64_t maapi_attaches_ = 0, notifs_total_ = 0, killed_ = 0;

@@ -36,6 +36,8 @@ class Server
     bool listen(std::string &err);
     // The bound port (after listen).
     int port() const { return port_; }
+    // The daemons' registry (front ends beside the CLI run their requests through it).
+    Registry &registry() { return reg_; }
     // Serves until stop_fd becomes readable; then shuts every connection down and joins every
     // thread.
     void run(int stop_fd);

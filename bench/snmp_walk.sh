@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# snmpbulkwalk of tcpConnectionState at N loopback connections: wall time and CPU per varbind of
+# confd-emu's SNMP front end plus the daemon, beside net-snmp's snmpd walking the same table in the
+# same namespace. Run as root: bench/snmp_walk.sh [N ...] (PRESET=release by default; build the
+# leisobek and confd-emu targets first). Everything runs in private network, mount and pid
+# namespaces and dies with them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+if [ -z "${SNMP_BENCH_INSIDE:-}" ]; then
+    exec env SNMP_BENCH_INSIDE=1 unshare -n -m -p -f --mount-proc "$0" "$@"
+fi
+bin=build/${PRESET:-release}
+ulimit -n 65536 2>/dev/null || true
+ip link set lo up
+mount -t tmpfs none /tmp
+mkdir -p /tmp/snmp
+export MIBS= MIBDIRS=/tmp/snmp SNMPCONFPATH=/tmp/snmp SNMP_PERSISTENT_DIR=/tmp/snmp
+column=.1.3.6.1.2.1.6.19.1.7
+ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+now() { date +%s.%N; }
+
+"$bin/emu/confd-emu" --snmp udp:127.0.0.1:1161 >/dev/null 2>/tmp/snmp/emu.err &
+emu=$!
+sleep 0.5
+"$bin/src/leisobek" 2>/dev/null &
+daemon=$!
+printf 'rocommunity public\n' >/tmp/snmp/snmpd.conf
+/usr/sbin/snmpd -f -Lf /dev/null -C -c /tmp/snmp/snmpd.conf udp:127.0.0.1:1163 &
+snmpd=$!
+holder=
+trap 'kill $emu $daemon $snmpd $holder 2>/dev/null; wait 2>/dev/null || true' EXIT
+sleep 1
+
+hz=$(getconf CLK_TCK)
+printf '%-7s %9s %8s %15s %15s %9s %8s %15s\n' conns varbinds wall_s emu_us_per_vb \
+    daemon_us_per_vb snmpd_vb wall_s snmpd_us_per_vb
+port=7000
+for n in "${@:-1000}"; do
+    [ -n "$holder" ] && kill "$holder" && wait "$holder" 2>/dev/null || true
+    rm -f /tmp/snmp/ready
+    port=$((port + 1))
+    python3 - "$n" "$port" <<'PY' &
+import os, socket, sys, time
+# (Each round listens on a port of its own; what a round leaves dies with the namespace.)
+# Connections in processes of at most 4 000 pairs each, under any open-file limit of 8 000 or more.
+n, port = int(sys.argv[1]), int(sys.argv[2])
+l = socket.socket()
+l.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+l.bind(('127.0.0.1', port))
+l.listen(4096)
+left, kids = n // 2, []
+while left > 0:
+    share = min(left, 4000)
+    left -= share
+    r, w = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        keep = []
+        for _ in range(share):
+            c = socket.create_connection(('127.0.0.1', port))
+            a, _ = l.accept()
+            keep += [c, a]
+        os.write(w, b'x')
+        time.sleep(3600)
+        os._exit(0)
+    os.read(r, 1)
+    kids.append(pid)
+open('/tmp/snmp/ready', 'w').close()
+try:
+    time.sleep(3600)
+finally:
+    for k in kids:
+        os.kill(k, 9)
+PY
+    holder=$!
+    while [ ! -e /tmp/snmp/ready ]; do
+        kill -0 "$holder" 2>/dev/null || { echo "cannot open $n connections" >&2; exit 1; }
+        sleep 0.1
+    done
+    e0=$(ticks $emu) d0=$(ticks $daemon) t0=$(now)
+    vb=$(snmpbulkwalk -v2c -c public -On -Cr25 -t 10 127.0.0.1:1161 $column | wc -l)
+    t1=$(now) e1=$(ticks $emu) d1=$(ticks $daemon)
+    s0=$(ticks $snmpd) u0=$(now)
+    svb=$(snmpbulkwalk -v2c -c public -On -Cr25 -t 10 127.0.0.1:1163 $column | wc -l)
+    u1=$(now) s1=$(ticks $snmpd)
+    awk -v n="$n" -v vb="$vb" -v w="$(echo "$t1 - $t0" | bc)" -v e=$((e1 - e0)) -v d=$((d1 - d0)) \
+        -v svb="$svb" -v sw="$(echo "$u1 - $u0" | bc)" -v sc=$((s1 - s0)) -v hz="$hz" \
+        'BEGIN { k = 1e6 / hz
+                 printf "%-7d %9d %8.3f %15.1f %15.1f %9d %8.3f %15.1f\n", n, vb, w,
+                 e * k / (vb ? vb : 1), d * k / (vb ? vb : 1), svb, sw, sc * k / (svb ? svb : 1) }'
+done

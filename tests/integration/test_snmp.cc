@@ -1,0 +1,264 @@
+// confd-emu's SNMP front end end to end: net-snmp's own command-line tools against confd-emu and
+// the leisobek binary in a private namespace, compared with what confd-emu-cli walks.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "cli_json.h"
+#include "daemon_env.h"
+#include "sockets.h"
+
+namespace
+{
+
+const char kAgent[] = "127.0.0.1:1161";
+const char kTcpState[] = ".1.3.6.1.2.1.6.19.1.7";  // tcpConnectionState
+const char kUdpProcess[] = ".1.3.6.1.2.1.7.7.1.8"; // udpEndpointProcess
+
+// The tools read nothing of the host: no configuration, no MIB files, state under /tmp.
+void private_snmp_env()
+{
+    mkdir("/tmp/snmp", 0700);
+    setenv("SNMPCONFPATH", "/tmp/snmp", 1);
+    setenv("SNMP_PERSISTENT_DIR", "/tmp/snmp", 1);
+    setenv("MIBDIRS", "/tmp/snmp", 1);
+    setenv("MIBS", "", 1);
+}
+
+harness::CmdResult tool(const std::string &name, std::vector<std::string> args,
+                        const std::string &community = "public")
+{
+    std::vector<std::string> argv = {"/usr/bin/" + name,
+                                     "-v2c",
+                                     "-c",
+                                     community,
+                                     "-On",
+                                     "-OQ",
+                                     "-Oe",
+                                     "-t",
+                                     "1",
+                                     "-r",
+                                     "0",
+                                     kAgent};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return harness::run(argv, 20000);
+}
+
+// "OID = value" lines of a tool's output.
+std::vector<std::pair<std::string, std::string>> varbinds(const std::string &out)
+{
+    std::vector<std::pair<std::string, std::string>> vbs;
+    std::istringstream in(out);
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t eq = line.find(" = ");
+        if (eq != std::string::npos) vbs.emplace_back(line.substr(0, eq), line.substr(eq + 3));
+    }
+    return vbs;
+}
+
+// The SMIv2 index of a row from the CLI's key texts; kinds gives each key's form: 'n' a number,
+// 'a' an address in hex (length-prefixed).
+std::string index_of(const std::vector<std::string> &keys, const std::string &kinds)
+{
+    std::string idx;
+    for (size_t i = 0; i < keys.size() && i < kinds.size(); i++) {
+        if (kinds[i] == 'n') {
+            idx += "." + keys[i];
+            continue;
+        }
+        idx += "." + std::to_string(keys[i].size() / 2);
+        for (size_t b = 0; b + 1 < keys[i].size(); b += 2)
+            idx += "." + std::to_string(std::stoi(keys[i].substr(b, 2), nullptr, 16));
+    }
+    return idx;
+}
+
+// Numeric OIDs compared as SNMP orders them.
+bool oid_less(const std::string &a, const std::string &b)
+{
+    auto parts = [](const std::string &s) {
+        std::vector<unsigned long> v;
+        std::istringstream in(s);
+        std::string p;
+        while (std::getline(in, p, '.'))
+            if (!p.empty()) v.push_back(std::stoul(p));
+        return v;
+    };
+    return parts(a) < parts(b);
+}
+
+// A table column as confd-emu-cli walks it: (column OID + index, value), in SNMP order, the rows
+// that keep holds only.
+std::vector<std::pair<std::string, std::string>>
+cli_column(const daemon_env::Emu &emu, const std::string &table, const std::string &leaf,
+           const std::string &column, const std::string &kinds,
+           const std::function<bool(const std::vector<std::string> &)> &keep)
+{
+    std::vector<cli_json::row> rows;
+    std::string answer = emu.cli({"walk", table, "--leaves", leaf});
+    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 300);
+    std::vector<std::pair<std::string, std::string>> out;
+    for (const cli_json::row &r : rows)
+        if (keep(r.keys)) out.emplace_back(column + index_of(r.keys, kinds), r.leaves.at(leaf));
+    std::sort(out.begin(), out.end(),
+              [](const auto &a, const auto &b) { return oid_less(a.first, b.first); });
+    return out;
+}
+
+std::vector<std::pair<std::string, std::string>>
+snmp_column(const std::string &column, const std::function<bool(const std::string &)> &keep)
+{
+    harness::CmdResult r = tool("snmpbulkwalk", {column});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    std::vector<std::pair<std::string, std::string>> out;
+    for (auto &vb : varbinds(r.out))
+        if (keep(vb.first)) out.push_back(vb);
+    return out;
+}
+
+TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
+{
+    RUN_ISOLATED([] {
+        private_snmp_env();
+        // What the chassis row needs: a bulk walk's last repetitions run on into ENTITY-MIB.
+        daemon_env::overlay_dir("/etc");
+        daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
+                                                         "\toption pid 'KX100'\n");
+        daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
+        // snmptrapd first, so start-up's notifications reach it.
+        std::string traps = "/tmp/snmp/traps.log";
+        int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        pid_t trapd = harness::spawn({"/usr/sbin/snmptrapd", "-f", "-On", "-Lf", traps,
+                                      "--disableAuthorization=yes", "udp:127.0.0.1:1162"},
+                                     devnull, devnull);
+        ASSERT_GT(trapd, 0);
+        daemon_env::Emu emu(
+            {"--snmp", std::string("udp:") + kAgent, "--trap-sink", "udp:127.0.0.1:1162"});
+        auto daemon = emu.start_with_daemon();
+        ASSERT_TRUE(daemon);
+
+        // Sockets of the test's own, so both walks hold rows that stay put between them.
+        sockets::unique_fd lis = sockets::listen_on("127.0.0.1", 7000);
+        std::vector<sockets::unique_fd> conns;
+        for (int i = 0; i < 3; i++) {
+            conns.push_back(sockets::connect_to("127.0.0.1", 7000));
+            conns.push_back(sockets::accept_one(lis.get()));
+        }
+        int udp1 = sockets::open_udp("127.0.0.1", 7001);
+        int udp2 = sockets::open_udp("127.0.0.1", 7002, false, "127.0.0.1", 7001);
+        ASSERT_TRUE(udp1 >= 0 && udp2 >= 0);
+
+        // TCP-MIB and UDP-MIB: the same rows, values and order as the CLI's walk.
+        auto tcp_cli =
+            cli_column(emu, "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry", "tcpConnectionState",
+                       kTcpState, "nannan", [](const std::vector<std::string> &k) {
+                           return k.size() == 6 && (k[2] == "7000" || k[5] == "7000");
+                       });
+        auto tcp_snmp = snmp_column(kTcpState, [](const std::string &oid) {
+            return oid.find(".7000.") != std::string::npos ||
+                   (oid.size() > 5 && oid.compare(oid.size() - 5, 5, ".7000") == 0);
+        });
+        EXPECT_EQ(tcp_cli.size(), 6u);
+        EXPECT_EQ(tcp_snmp, tcp_cli);
+
+        auto udp_cli =
+            cli_column(emu, "/UDP-MIB/udpEndpointTable/udpEndpointEntry", "udpEndpointProcess",
+                       kUdpProcess, "nannann", [](const std::vector<std::string> &k) {
+                           return k.size() == 7 && (k[2] == "7001" || k[2] == "7002");
+                       });
+        auto udp_snmp = snmp_column(kUdpProcess, [](const std::string &oid) {
+            return oid.find(".127.0.0.1.7001.") != std::string::npos ||
+                   oid.find(".127.0.0.1.7002.") != std::string::npos;
+        });
+        EXPECT_EQ(udp_cli.size(), 2u);
+        EXPECT_EQ(udp_snmp, udp_cli);
+
+        // GETNEXT from a row in the middle of the table gives the row after it; from past the
+        // last column of one table the first object of the next; past TCP-MIB into UDP-MIB.
+        auto all = snmp_column(kTcpState, [](const std::string &) { return true; });
+        ASSERT_GE(all.size(), 3u);
+        harness::CmdResult r =
+            tool("snmpgetnext", {all[1].first, ".1.3.6.1.2.1.6.19.1.9", ".1.3.6.1.2.1.6.99"});
+        auto vbs = varbinds(r.out);
+        ASSERT_EQ(vbs.size(), 3u) << r.out << r.err;
+        EXPECT_EQ(vbs[0], all[2]);
+        EXPECT_EQ(vbs[1].first.rfind(".1.3.6.1.2.1.6.20.1.1.", 0), 0u) << vbs[1].first;
+        EXPECT_EQ(vbs[2].first.rfind(".1.3.6.1.2.1.7.", 0), 0u) << vbs[2].first;
+
+        // GET: a row that exists, a port out of range, an unknown address type, a scalar's
+        // instance other than .0, an object the models do not have.
+        std::string bad_port = std::string(kTcpState) + ".1.4.127.0.0.1.7000.1.4.127.0.0.1.70000";
+        std::string bad_type = std::string(kTcpState) + ".9.4.127.0.0.1.7000.1.4.127.0.0.1.1";
+        r = tool("snmpget", {tcp_cli[0].first, bad_port, bad_type, ".1.3.6.1.2.1.6.5.1",
+                             ".1.3.6.1.2.1.6.99.0"});
+        vbs = varbinds(r.out);
+        ASSERT_EQ(vbs.size(), 5u) << r.out << r.err;
+        EXPECT_EQ(vbs[0], tcp_cli[0]);
+        for (int i = 1; i < 4; i++)
+            EXPECT_NE(vbs[i].second.find("No Such Instance"), std::string::npos) << vbs[i].second;
+        EXPECT_NE(vbs[4].second.find("No Such Object"), std::string::npos) << vbs[4].second;
+
+        // The modules generated from the models name what the agent serves.
+        r = harness::run({"/usr/bin/snmpbulkwalk", "-v2c", "-c", "public", "-M", MIBS_DIR, "-m",
+                          "TCP-MIB", "-Oeb", kAgent, "TCP-MIB::tcpConnectionState"});
+        EXPECT_NE(r.out.find("TCP-MIB::tcpConnectionState.1.4.127.0.0.1.7000.1.4.127.0.0.1."),
+                  std::string::npos)
+            << r.out << r.err;
+
+        // A community the running configuration does not know gets no answer.
+        r = tool("snmpget", {".1.3.6.1.2.1.6.5.0"}, "not-a-community");
+        EXPECT_NE(r.exit_code, 0);
+        EXPECT_NE(r.err.find("Timeout"), std::string::npos) << r.out << r.err;
+
+        // SET on stored configuration: renaming community "private" (an IMPLIED string index)
+        // lets the new name in; a status object is notWritable, a string for an integer
+        // wrongType.
+        const std::string name = ".1.3.6.1.6.3.18.1.1.1.2.112.114.105.118.97.116.101";
+        r = tool("snmpset", {name, "s", "renamed"});
+        EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
+        EXPECT_EQ(tool("snmpget", {name}, "renamed").out, name + " = \"renamed\"\n");
+        r = tool("snmpset", {".1.3.6.1.2.1.6.5.0", "u", "1"});
+        EXPECT_NE(r.err.find("notWritable"), std::string::npos) << r.out << r.err;
+        r = tool("snmpset", {".1.3.6.1.6.3.18.1.1.1.7.112.114.105.118.97.116.101", "s", "x"});
+        EXPECT_NE(r.err.find("wrongType"), std::string::npos) << r.out << r.err;
+
+        // The unknown community's audit event made the daemon raise authenticationFailure,
+        // forwarded as a trap like start-up's coldStart.
+        EXPECT_TRUE(daemon_env::eventually(
+            [&] {
+                return harness::read_file(traps).find(
+                           ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.5") !=
+                       std::string::npos;
+            },
+            5000))
+            << harness::read_file(traps);
+
+        // Start-up's coldStart reached snmptrapd as an SNMPv2c trap, sysUpTime first.
+        EXPECT_TRUE(daemon_env::eventually(
+            [&] {
+                return harness::read_file(traps).find(
+                           ".1.3.6.1.6.3.1.1.4.1.0 = OID: .1.3.6.1.6.3.1.1.5.1") !=
+                       std::string::npos;
+            },
+            5000))
+            << harness::read_file(traps);
+        EXPECT_NE(harness::read_file(traps).find(".1.3.6.1.2.1.1.3.0 = Timeticks"),
+                  std::string::npos);
+        kill(trapd, SIGTERM);
+        harness::wait_code(trapd);
+        close(udp1);
+        close(udp2);
+    });
+}
+
+} // namespace
