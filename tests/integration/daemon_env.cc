@@ -81,20 +81,6 @@ bool eventually(const std::function<bool()> &cond, int timeout_ms)
     return true;
 }
 
-std::map<std::string, std::string> snmp_counters(const std::string &section)
-{
-    std::istringstream in(harness::read_file("/proc/net/snmp"));
-    std::string names, values, prefix = section + ": ";
-    while (std::getline(in, names) && names.rfind(prefix, 0) != 0) {
-    }
-    if (!std::getline(in, values) || values.rfind(prefix, 0) != 0) return {};
-    std::istringstream n(names.substr(prefix.size())), v(values.substr(prefix.size()));
-    std::map<std::string, std::string> out;
-    for (std::string name, value; n >> name && v >> value;)
-        out[name] = value;
-    return out;
-}
-
 Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra)
 {
     char tmpl[] = "/tmp/leisobek-run.XXXXXX";

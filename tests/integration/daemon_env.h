@@ -43,9 +43,6 @@ void bind_text(const std::string &target, const std::string &text);
 // Polls cond every 20 ms until it holds (true) or timeout_ms pass (false).
 bool eventually(const std::function<bool()> &cond, int timeout_ms = 10000);
 
-// The values of a section of /proc/net/snmp ("Tcp", "Udp") by name; empty when it is missing.
-std::map<std::string, std::string> snmp_counters(const std::string &section);
-
 // One run of the leisobek binary with stdin from /dev/null and stdout and
 // stderr kept in files; killed when the object goes away if still running.
 class Daemon
