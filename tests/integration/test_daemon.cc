@@ -47,7 +47,9 @@ std::string notification_log(std::initializer_list<const char *> names)
 }
 
 // Verifies that a plain start announces the agent, then a cold start, and
-// keeps serving with its transaction callbacks and notification sender in place.
+// keeps serving with its transaction callbacks and notification sender in
+// place; and that a transaction is attached on init and detached on finish,
+// so that none is left open after a walk.
 TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
 {
     RUN_ISOLATED([] {
@@ -58,8 +60,14 @@ TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
         std::string st = emu.status();
         EXPECT_THAT(st, HasSubstr("\"trans_callbacks\":true"));
         EXPECT_THAT(st, HasSubstr("\"workers\":1,\"notification_contexts\":1"));
-        EXPECT_TRUE(d->running()) << d->err();
         EXPECT_FALSE(exists(kMarker));
+
+        emu.cli({"walk", "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry"});
+        emu.cli({"get", kTcpScalar});
+        st = emu.status();
+        EXPECT_THAT(st, HasSubstr("\"open_transactions\":0,"));
+        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"maapi_detaches\":2"));
+        EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
@@ -133,21 +141,15 @@ TEST(DaemonStartTest, LastLevelSwitchSetsLibraryTrace)
 }
 
 // Verifies that with nothing listening on 127.0.0.1:4565 the schema load
-// fails first and ends the daemon with status 1.
-TEST(DaemonStartTest, NoConfdMeansSchemaLoadFailure)
+// fails first and ends the daemon with status 1, and that a management plane
+// whose models lack a callpoint the daemon registers ends the daemon with
+// that provider's own text.
+TEST(DaemonStartTest, NoConfdOrMissingCallpointIsFatal)
 {
     RUN_ISOLATED([] {
-        Daemon d({});
-        EXPECT_EQ(d.wait_exit(), 1);
-        EXPECT_EQ(d.err(), "Failed to load schemas from confd\n");
-    });
-}
-
-// Verifies that a management plane whose models lack a callpoint the daemon
-// registers ends the daemon with that provider's own text.
-TEST(DaemonStartTest, MissingCallpointIsFatal)
-{
-    RUN_ISOLATED([] {
+        Daemon no_confd({});
+        EXPECT_EQ(no_confd.wait_exit(), 1);
+        EXPECT_EQ(no_confd.err(), "Failed to load schemas from confd\n");
         const std::string dir = "/tmp/models-without-tcp";
         std::filesystem::create_directories(dir);
         for (const auto &e : std::filesystem::directory_iterator(LEISOBEK_MODELS_DIR))
@@ -216,23 +218,6 @@ TEST(DaemonLoopTest, ClosedSocketIsFatal)
             EXPECT_THAT(d.err(), EndsWith(text));
             ASSERT_TRUE(emu.wait_no_daemons());
         }
-    });
-}
-
-// Verifies that a transaction is attached on init and detached on finish, so
-// that none is left open after a walk.
-TEST(DaemonTransactionTest, WalkLeavesNoOpenTransaction)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        emu.cli({"walk", "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry"});
-        emu.cli({"get", kTcpScalar});
-        std::string st = emu.status();
-        EXPECT_THAT(st, HasSubstr("\"open_transactions\":0,"));
-        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"maapi_detaches\":2"));
-        EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
