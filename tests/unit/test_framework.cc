@@ -33,9 +33,10 @@ TEST(CheckConfdOkTest, FailurePrintsExactLineAndExitsOne)
     const struct {
         int ret, err, line, status;
         const char *text;
-    } cases[] = {{CONFD_OK, 0, 110, 0, ""},
-                 {CONFD_ERR, CONFD_ERR_NOEXISTS, 110, 1, "leisobek.h:110: error not CONFD_OK: 1 :  \n"},
-                 {CONFD_EOF, CONFD_ERR_BADSTATE, 129, 1, "leisobek.h:129: error not CONFD_OK: 17 :  \n"}};
+    } cases[] = {
+        {CONFD_OK, 0, 110, 0, ""},
+        {CONFD_ERR, CONFD_ERR_NOEXISTS, 110, 1, "leisobek.h:110: error not CONFD_OK: 1 :  \n"},
+        {CONFD_EOF, CONFD_ERR_BADSTATE, 129, 1, "leisobek.h:129: error not CONFD_OK: 17 :  \n"}};
     for (const auto &c : cases) {
         child_outcome r = run_in_child([&c] {
             confd_errno = c.err;
@@ -122,9 +123,9 @@ TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
     EXPECT_STREQ(answer, "TX630W");
 
     EXPECT_NE(sys_system("sh /usr/bin/system-reboot firmware-state active option none"), 0);
-    EXPECT_EQ(env.commands(),
-              (std::vector<std::string>{"uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
-                                        "sh /usr/bin/system-reboot firmware-state active option none"}));
+    EXPECT_EQ(env.commands(), (std::vector<std::string>{
+                                  "uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
+                                  "sh /usr/bin/system-reboot firmware-state active option none"}));
 }
 
 // Verifies that a script field is copied as printf would print it as its own
@@ -137,10 +138,17 @@ TEST(CopyFieldAsFormatTest, OnlyDoubledPercentIsInterpreted)
         size_t size;
         const char *want;
     } cases[] = {
-        {"plain", 16, "plain"},     {"100%% up", 16, "100% up"}, {"%s%n%x", 16, "%s%n%x"},
-        {"%%%s", 16, "%%s"},        {"%%%%", 16, "%%"},          {"end%", 16, "end%"},
-        {"truncated", 5, "trun"},   {"ab%%", 3, "ab"},           {"%%", 2, "%"},
-        {nullptr, 4, ""},           {"x", 1, ""},
+        {"plain", 16, "plain"},
+        {"100%% up", 16, "100% up"},
+        {"%s%n%x", 16, "%s%n%x"},
+        {"%%%s", 16, "%%s"},
+        {"%%%%", 16, "%%"},
+        {"end%", 16, "end%"},
+        {"truncated", 5, "trun"},
+        {"ab%%", 3, "ab"},
+        {"%%", 2, "%"},
+        {nullptr, 4, ""},
+        {"x", 1, ""},
     };
     for (const auto &c : cases) {
         char out[16];
