@@ -14,7 +14,6 @@ namespace
 
 using daemon_env::Emu;
 using ::testing::ContainsRegex;
-using ::testing::HasSubstr;
 
 const char kTable[] = "/LLDP-MIB/lldpRemTable/lldpRemEntry";
 const char kFile[] = "/tmp/stats/snmp_lldpneighstats";
@@ -84,21 +83,6 @@ TEST(LldpTest, WalksKeepTheTableQuirks)
         EXPECT_EQ(emu.cli({"walk", kTable}), "[]");
         EXPECT_EQ(harness::read_file(kRuns), "ran\nran\nran\n");
         EXPECT_TRUE(d->running()) << d->err();
-    });
-}
-
-// Verifies that a key of the wrong type ends the daemon through the key type
-// check, naming the key and the provider's source.
-TEST(LldpTest, WrongKeyTypeAborts)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
-        emu.cli({"get", std::string(kTable) + "{0 0 C_UINT32:0}/lldpRemSysName"});
-        EXPECT_EQ(d->wait_exit(), 128 + 6);
-        EXPECT_THAT(d->err(), HasSubstr("lldpmib"));
-        EXPECT_THAT(d->err(), HasSubstr("Assertion `(key3)->type == C_INT32' failed."));
     });
 }
 
