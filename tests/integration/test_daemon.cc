@@ -185,9 +185,7 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         setsockopt(log, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 
         // A uci that answers like the router and notes how it was asked.
-        daemon_env::overlay_dir("/usr/bin");
-        daemon_env::write_file("/usr/bin/uci",
-                               "#!/bin/sh\necho \"$@\" > /tmp/uci-args\necho TX410W-0001\n", 0755);
+        daemon_env::install_recorders({{"uci", "echo TX410W-0001"}});
 
         Emu emu;
         ASSERT_TRUE(emu.start());
@@ -198,7 +196,8 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         std::string line(msg, static_cast<size_t>(n));
         EXPECT_THAT(line, testing::StartsWith("<14>"));
         EXPECT_THAT(line, HasSubstr("leisobek: PRODUCT_ID is ''"));
-        EXPECT_EQ(harness::read_file("/tmp/uci-args"), "get systeminfo.sysinfo.pid\n");
+        EXPECT_EQ(daemon_env::recorded(),
+                  std::vector<std::string>{"sh /usr/bin/uci get systeminfo.sysinfo.pid"});
         close(log);
     });
 }

@@ -22,17 +22,12 @@ namespace
 
 using daemon_env::Emu;
 
-const char kRuns[] = "/tmp/snmpgetcurrent-runs";
-
 // A statistics script that copies the fixture files below /tmp/fixture into
 // /tmp/stats and notes each run.
 void install_stats_script(const std::string &iface, const std::string &wan, const std::string &lan)
 {
-    daemon_env::overlay_dir("/usr/bin");
-    daemon_env::write_file("/usr/bin/snmpgetcurrent",
-                           "#!/bin/sh\necho run >> /tmp/snmpgetcurrent-runs\nmkdir -p /tmp/stats\n"
-                           "cp /tmp/fixture/* /tmp/stats/\n",
-                           0755);
+    daemon_env::install_recorders(
+        {{"snmpgetcurrent", "mkdir -p /tmp/stats\ncp /tmp/fixture/* /tmp/stats/"}});
     daemon_env::write_file("/tmp/fixture/snmp_iface_stats", iface);
     daemon_env::write_file("/tmp/fixture/snmp_wanport_stats", wan);
     daemon_env::write_file("/tmp/fixture/snmp_lanport_stats", lan);
@@ -40,8 +35,7 @@ void install_stats_script(const std::string &iface, const std::string &wan, cons
 
 size_t script_runs()
 {
-    std::string runs = harness::read_file(kRuns);
-    return static_cast<size_t>(std::count(runs.begin(), runs.end(), '\n'));
+    return daemon_env::recorded().size();
 }
 
 std::string v4(const std::string &name, int index, const std::string &in_octets = "1000")

@@ -17,7 +17,6 @@ using ::testing::ContainsRegex;
 
 const char kTable[] = "/LLDP-MIB/lldpRemTable/lldpRemEntry";
 const char kFile[] = "/tmp/stats/snmp_lldpneighstats";
-const char kRuns[] = "/tmp/lldp-script-runs";
 
 // Keys, then the leaves in model order, of every row of a walk.
 std::vector<std::vector<std::string>> walk(const Emu &emu)
@@ -42,9 +41,7 @@ std::vector<std::vector<std::string>> walk(const Emu &emu)
 // that it ran: the test writes the neighbour file itself.
 std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 {
-    daemon_env::overlay_dir("/usr/bin");
-    daemon_env::write_file("/usr/bin/snmp_lldp_neighinfo.sh",
-                           std::string("#!/bin/sh\necho ran >> ") + kRuns + "\n", 0755);
+    daemon_env::install_recorders({{"snmp_lldp_neighinfo.sh", ":"}});
     return emu.start_with_daemon();
 }
 
@@ -81,7 +78,7 @@ TEST(LldpTest, WalksKeepTheTableQuirks)
 
         ASSERT_EQ(remove(kFile), 0);
         EXPECT_EQ(emu.cli({"walk", kTable}), "[]");
-        EXPECT_EQ(harness::read_file(kRuns), "ran\nran\nran\n");
+        EXPECT_EQ(daemon_env::recorded().size(), 3u);
         EXPECT_TRUE(d->running()) << d->err();
     });
 }
