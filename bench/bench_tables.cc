@@ -148,8 +148,6 @@ cpu_time cpu_of(pid_t pid)
         t.stat_ms = 1000.0 * static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
     }
     t.sched_ms = bench::main_thread_ms(pid);
-    long long run_ns = 0;
-    if (sched >> run_ns) t.sched_ms = static_cast<double>(run_ns) / 1e6;
     return t;
 }
 
