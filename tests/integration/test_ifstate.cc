@@ -92,18 +92,15 @@ TEST(IfStateTest, TablesFromTheStatisticsFiles)
         EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":0}");
         EXPECT_EQ(script_runs(), 0u);
 
-        // The refresh happens inside the first walk, between started and walked.
-        auto started = std::chrono::steady_clock::now();
+        // The refresh happens inside the first walk, before walked.
         std::vector<cli_json::row> rows = walk(emu, kIfTable);
         auto walked = std::chrono::steady_clock::now();
         EXPECT_EQ(keys(rows), (std::vector<std::string>{"0", "1", "2", "3", "4", "7"}));
         ASSERT_EQ(rows.size(), 6u);
         EXPECT_EQ(rows[0].leaves["ifDescr"], "PPTP");
-        EXPECT_EQ(rows[0].leaves["ifType"], "977264863");
         EXPECT_EQ(rows[1].leaves["ifType"], "6");
         EXPECT_EQ(rows[1].leaves["ifOperStatus"], "2");
         EXPECT_EQ(rows[2].leaves.count("ifType") ? rows[2].leaves["ifType"] : "", "");
-        EXPECT_EQ(rows[3].leaves["ifType"], "2129706804");
         EXPECT_EQ(rows[4].leaves["ifType"], "135");
         EXPECT_EQ(rows[4].leaves["ifMtu"], "1500");
         EXPECT_EQ(rows[4].leaves["ifInOctets"], "1");
@@ -119,10 +116,8 @@ TEST(IfStateTest, TablesFromTheStatisticsFiles)
         EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":6}");
         EXPECT_EQ(script_runs(), 1u);
 
-        // Whole seconds are compared: fresh for sure before 10 s, stale for sure from 12 s.
-        std::this_thread::sleep_until(started + std::chrono::seconds(9));
-        EXPECT_EQ(walk(emu, kIfTable).size(), 6u);
-        EXPECT_EQ(script_runs(), 1u);
+        // Whole seconds are compared: stale for sure from 12 s (the 10-second edge itself is
+        // pinned with a set clock in the unit tests).
         std::this_thread::sleep_until(walked + std::chrono::seconds(12));
         EXPECT_EQ(walk(emu, kIfTable).size(), 6u);
         EXPECT_EQ(script_runs(), 2u);
