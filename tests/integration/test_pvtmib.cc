@@ -397,8 +397,9 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
         };
         for (const auto &w : want)
             EXPECT_EQ(wan[0].leaves[w.first], w.second) << w.first;
-        EXPECT_EQ(daemon_env::recorded(), (std::vector<std::string>{"sh /usr/bin/getwandns.sh",
-                                                    "sh /usr/bin/getiface.sh wan"}));
+        EXPECT_EQ(
+            daemon_env::recorded(),
+            (std::vector<std::string>{"sh /usr/bin/getwandns.sh", "sh /usr/bin/getiface.sh wan"}));
 
         // L2TP names only the mode: the type stays PPPoE's and the PPP settings
         // now come from the L2TP session (its authentication left automatic).
