@@ -9,16 +9,13 @@
 // thread's run time (/proc/<pid>/schedstat) per request: it must stay flat as
 // N grows, since each answer is one lookup in the sorted records.
 //   bench_ifstate [--sizes 8,16,32,64] [--walks N]
-#include "harness.h"
+#include "bench_util.h"
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -78,30 +75,15 @@ size_t script_runs()
     return static_cast<size_t>(std::count(runs.begin(), runs.end(), '\n'));
 }
 
-double main_thread_ms(pid_t pid)
-{
-    std::istringstream sched(harness::read_file("/proc/" + std::to_string(pid) + "/schedstat"));
-    long long run_ns = 0;
-    sched >> run_ns;
-    return static_cast<double>(run_ns) / 1e6;
-}
-
 // Walks a table; returns the number of requests it made (one get_next per row and the end, one
 // get_elem per leaf printed), or -1.
 long walk(const char *table)
 {
-    harness::CmdResult r =
-        harness::run({harness::confd_emu_cli_path(), "--port", "4565", "walk", table}, 60000);
+    harness::CmdResult r = bench::cli({"walk", table}, 60000);
     if (r.exit_code != 0 || r.out.compare(0, 1, "[") != 0) return -1;
-    // Every value printed, key or leaf, carries a type; each row has one key.
-    long rows = 0, values = 0;
-    for (size_t at = r.out.find("\"keys\":"); at != std::string::npos;
-         at = r.out.find("\"keys\":", at + 1))
-        rows++;
-    for (size_t at = r.out.find("\"type\":"); at != std::string::npos;
-         at = r.out.find("\"type\":", at + 1))
-        values++;
-    return rows + 1 + (values - rows);
+    // Every value printed, key or leaf, carries a type; each row has one key: the get_next
+    // requests and the get_elem ones together are one more than the values.
+    return long(bench::count_of(r.out, "\"type\":")) + 1;
 }
 
 int run(const std::vector<int> &sizes, int walks)
@@ -118,14 +100,9 @@ int run(const std::vector<int> &sizes, int walks)
     for (int n : sizes) {
         write_fixture(n);
         unlink("/tmp/runs");
-        int log = open("/tmp/leisobek.err", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        pid_t pid = harness::spawn({LEISOBEK_BIN}, log, log);
-        close(log);
-        bool ok = false;
-        for (int i = 0; i < 250 && !ok; i++) {
-            usleep(20000);
-            ok = emu.cli({"status"}).out.find("\"registered\":true") != std::string::npos;
-        }
+        bench::daemon_process daemon;
+        pid_t pid = daemon.pid();
+        bool ok = daemon.registered();
         // The first walk of both tables refreshes the cache; the measured ones are answered from
         // it, all within the 10 seconds it stays fresh.
         long first = ok ? walk(tables[0]) + walk(tables[1]) : -1;
@@ -136,9 +113,9 @@ int run(const std::vector<int> &sizes, int walks)
         double spent = 0, best = 1e9;
         for (int i = 0; i < walks && first > 0; i++) {
             for (const char *table : tables) {
-                double before = main_thread_ms(pid);
+                double before = bench::main_thread_ms(pid);
                 long asked = walk(table);
-                double ms = main_thread_ms(pid) - before;
+                double ms = bench::main_thread_ms(pid) - before;
                 requests += asked;
                 spent += ms;
                 best = std::min(best, 1000.0 * ms / static_cast<double>(asked));
@@ -151,8 +128,7 @@ int run(const std::vector<int> &sizes, int walks)
             printf("%6d %12zu %10ld %14.1f %14.2f (%5.2f)\n", n, runs, requests, spent,
                    1000.0 * spent / static_cast<double>(requests), best);
         fflush(stdout);
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        daemon.stop();
         for (int i = 0;
              i < 250 && emu.cli({"status"}).out.find("\"leisobek\"") != std::string::npos; i++)
             usleep(20000);

@@ -18,17 +18,15 @@
 // --smoke makes one quick round at a small size and judges no bound (the
 // figures of a few hundred rows are noise): a check that the whole chain
 // still runs, which ctest runs under the label "bench".
-#include "harness.h"
+#include "bench_util.h"
 #include "sockets.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -149,9 +147,7 @@ cpu_time cpu_of(pid_t pid)
         }
         t.stat_ms = 1000.0 * static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
     }
-    std::istringstream sched(harness::read_file("/proc/" + std::to_string(pid) + "/schedstat"));
-    long long run_ns = 0;
-    if (sched >> run_ns) t.sched_ms = static_cast<double>(run_ns) / 1e6;
+    t.sched_ms = bench::main_thread_ms(pid);
     return t;
 }
 
@@ -230,46 +226,7 @@ class floor_reader
     std::vector<std::pair<uint32_t, uint32_t>> owners_;
 };
 
-// The leisobek process, its stderr in /tmp, killed when the object goes away.
-class daemon_process
-{
-  public:
-    daemon_process()
-    {
-        int err = open("/tmp/leisobek.err", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        pid_ = harness::spawn({LEISOBEK_BIN}, err, err);
-        close(err);
-    }
-    ~daemon_process()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    daemon_process(const daemon_process &) = delete;
-    daemon_process &operator=(const daemon_process &) = delete;
-    pid_t pid() const { return pid_; }
-
-  private:
-    pid_t pid_ = -1;
-};
-
-harness::CmdResult cli(const std::vector<std::string> &args, int timeout_ms = 600000)
-{
-    std::vector<std::string> argv = {harness::confd_emu_cli_path(), "--port", "4565"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return harness::run(argv, timeout_ms);
-}
-
-size_t count_rows(const std::string &walk)
-{
-    size_t rows = 0;
-    for (size_t at = walk.find("{\"keys\":"); at != std::string::npos;
-         at = walk.find("{\"keys\":", at + 1))
-        rows++;
-    return rows;
-}
+using bench::cli;
 
 // Sleeps until a get_next starting a walk is sure to refresh: the daemon
 // keeps the whole second of its last refresh, which was at most refreshed_at.
@@ -357,7 +314,7 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
         }
         walk_stat.push_back(after.stat_ms - before.stat_ms - (fresh ? 0 : refresh_stat.back()));
         walk_sched.push_back(after.sched_ms - before.sched_ms - (fresh ? 0 : refresh_sched.back()));
-        rows.push_back(static_cast<double>(count_rows(w.out)));
+        rows.push_back(static_cast<double>(bench::count_of(w.out, "{\"keys\":")));
 
         // What (a) costs besides the refresh itself: the same request
         // answered from the cache, asked with the cookie of the first row
@@ -402,13 +359,8 @@ int run_benchmark(const options &opt)
         fprintf(stderr, "bench_tables: confd-emu: %s\n", why.c_str());
         return 2;
     }
-    daemon_process daemon;
-    bool registered = false;
-    for (int i = 0; i < 500 && !registered; i++) {
-        registered = cli({"status"}).out.find("\"registered\":true") != std::string::npos;
-        if (!registered) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (daemon.pid() <= 0 || !registered) {
+    bench::daemon_process daemon;
+    if (!daemon.registered()) {
         fprintf(stderr, "bench_tables: leisobek did not register: %s\n",
                 harness::read_file("/tmp/leisobek.err").c_str());
         return 2;

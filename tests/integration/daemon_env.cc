@@ -71,6 +71,29 @@ void bind_text(const std::string &target, const std::string &text)
         ADD_FAILURE() << "bind mount over " << target << ": " << strerror(errno);
 }
 
+void install_recorders(const std::vector<std::pair<std::string, std::string>> &scripts)
+{
+    overlay_dir("/usr/bin");
+    write_file(kRecorded, "");
+    for (const auto &[name, body] : scripts)
+        write_file(
+            "/usr/bin/" + name,
+            "#!/bin/sh\nline=\"sh $0\"\n[ $# -gt 0 ] && line=\"$line $*\"\necho \"$line\" >> " +
+                std::string(kRecorded) + "\n" +
+                (body.empty() ? "cat \"/tmp/recorded/$(basename \"$0\")$1\" 2>/dev/null" : body) +
+                "\n",
+            0755);
+}
+
+std::vector<std::string> recorded()
+{
+    std::vector<std::string> out;
+    std::istringstream in(harness::read_file(kRecorded));
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
 bool eventually(const std::function<bool()> &cond, int timeout_ms)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -79,20 +102,6 @@ bool eventually(const std::function<bool()> &cond, int timeout_ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
-}
-
-std::map<std::string, std::string> snmp_counters(const std::string &section)
-{
-    std::istringstream in(harness::read_file("/proc/net/snmp"));
-    std::string names, values, prefix = section + ": ";
-    while (std::getline(in, names) && names.rfind(prefix, 0) != 0) {
-    }
-    if (!std::getline(in, values) || values.rfind(prefix, 0) != 0) return {};
-    std::istringstream n(names.substr(prefix.size())), v(values.substr(prefix.size()));
-    std::map<std::string, std::string> out;
-    for (std::string name, value; n >> name && v >> value;)
-        out[name] = value;
-    return out;
 }
 
 Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra)

@@ -40,11 +40,19 @@ void write_file(const std::string &path, const std::string &text, mode_t mode = 
 // reads as text in this namespace. A test failure when it cannot.
 void bind_text(const std::string &target, const std::string &text);
 
+// Inside a RUN_ISOLATED body only: overlays /usr/bin and puts a recording script in place of each
+// /usr/bin/<name> given. It appends its command line ("sh /usr/bin/<name> <args>") to kRecorded,
+// then runs the shell text given with the name or, without any, prints the file
+// /tmp/recorded/<name><first argument> when the test wrote one. The router's script (a reboot, a
+// factory reset) can never run: the overlay is this namespace's alone, and a test fails when
+// recorded() lacks the line it expects.
+constexpr char kRecorded[] = "/tmp/recorded/runs";
+void install_recorders(const std::vector<std::pair<std::string, std::string>> &scripts);
+// The command lines the recording scripts noted, in order.
+std::vector<std::string> recorded();
+
 // Polls cond every 20 ms until it holds (true) or timeout_ms pass (false).
 bool eventually(const std::function<bool()> &cond, int timeout_ms = 10000);
-
-// The values of a section of /proc/net/snmp ("Tcp", "Udp") by name; empty when it is missing.
-std::map<std::string, std::string> snmp_counters(const std::string &section);
 
 // One run of the leisobek binary with stdin from /dev/null and stdout and
 // stderr kept in files; killed when the object goes away if still running.

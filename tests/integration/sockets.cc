@@ -30,18 +30,13 @@ bool make_address(const std::string &text, uint16_t port, sockaddr_storage &addr
     auto *v4 = reinterpret_cast<sockaddr_in *>(&addr);
     auto *v6 = reinterpret_cast<sockaddr_in6 *>(&addr);
     if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
+        *v4 = {AF_INET, htons(port), v4->sin_addr, {}};
         len = sizeof *v4;
-        return true;
-    }
-    if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
+    } else if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
+        *v6 = {AF_INET6, htons(port), 0, v6->sin6_addr, 0};
         len = sizeof *v6;
-        return true;
     }
-    return false;
+    return addr.ss_family != AF_UNSPEC;
 }
 
 std::string hex(const void *bytes, size_t n)
@@ -63,6 +58,15 @@ end_point end_of(const sockaddr_storage &addr)
     }
     const auto &v6 = reinterpret_cast<const sockaddr_in6 &>(addr);
     return {"2", hex(&v6.sin6_addr, 16), std::to_string(ntohs(v6.sin6_port))};
+}
+
+// The end of fd that name (getsockname or getpeername) reports.
+end_point end_by(int (*name)(int, sockaddr *, socklen_t *), int fd)
+{
+    sockaddr_storage addr = {};
+    socklen_t len = sizeof addr;
+    name(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    return end_of(addr);
 }
 
 // Body of a holder process: a listener on 127.0.0.1:port and count
@@ -162,18 +166,12 @@ unique_fd accept_one(int listener)
 
 end_point local_end(int fd)
 {
-    sockaddr_storage addr = {};
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    return end_of(addr);
+    return end_by(getsockname, fd);
 }
 
 end_point remote_end(int fd)
 {
-    sockaddr_storage addr = {};
-    socklen_t len = sizeof addr;
-    getpeername(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    return end_of(addr);
+    return end_by(getpeername, fd);
 }
 
 bool connection_holders::start(int total, uint16_t first_port, std::string &why)

@@ -110,7 +110,8 @@ TEST(AuditListenerTest, CommitRewritesAnExistingAuditLine)
 // Verifies that commits which change, create and delete list entries and set
 // and remove attributes, with values longer than the diff printer's buffers,
 // are iterated on the daemon's own MAAPI connection and answered: each commit
-// completes with the daemon's done, and the daemon serves on.
+// completes with the daemon's done, and the daemon serves on; and that ConfD
+// closing the listener's notification socket then ends the whole daemon with 1.
 TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
 {
     RUN_ISOLATED([] {
@@ -132,17 +133,7 @@ TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
                   "{\"type\":\"C_BUF\",\"value\":\"lab\"}");
         EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{2}/name"}), "{\"reply\":\"not-found\"}");
         EXPECT_TRUE(d->running()) << d->err();
-    });
-}
 
-// Verifies that ConfD closing the listener's notification socket ends the
-// whole daemon with status 1.
-TEST(AuditListenerTest, ClosedNotificationSocketEndsTheDaemon)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
         EXPECT_EQ(emu.cli({"drop", "notifications"}), kOk);
         EXPECT_EQ(d->wait_exit(), 1) << d->err();
     });

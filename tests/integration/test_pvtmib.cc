@@ -22,7 +22,6 @@ using daemon_env::write_file;
 const char kOk[] = "{\"result\":\"ok\"}";
 const char kNoExists[] = "{\"type\":\"C_NOEXISTS\"}";
 const char kMib[] = "/ZAMREL-MODEL-MIB";
-const char kRuns[] = "/tmp/pvtmib/runs";
 const char kInitFile[] = "/tmp/pvtmib/init.xml";
 
 // A small router: no SNMP version or UPnP switch, no community, a DHCP pool
@@ -56,45 +55,29 @@ const char kInit[] = R"(<system xmlns="urn:leisobek:params:xml:ns:yang:router-sy
 <confdConfig xmlns="urn:leisobek:params:xml:ns:yang:router-agent"><snmpAgent/></confdConfig>
 )";
 
-// Puts a recording script in place of every script the provider runs: each
-// notes its command line in kRuns and prints /tmp/pvtmib/<name><first argument>,
-// which the test writes. A real script (a reboot!) cannot run: /usr/bin is an
-// overlay of this namespace, and a missing line in kRuns fails the test.
+// Recording scripts in place of every script the provider runs (see daemon_env::install_recorders:
+// a reboot can never run); each prints what the test wrote for it with script_prints.
 void install_scripts()
 {
-    daemon_env::overlay_dir("/usr/bin");
-    for (const char *name : {"keltopvtmib_common.sh", "getiface.sh", "gettrapsconf.sh",
-                             "getwandns.sh", "system-reboot"})
-        write_file(std::string("/usr/bin/") + name,
-                   "#!/bin/sh\nline=\"sh $0\"\n[ $# -gt 0 ] && line=\"$line $*\"\n"
-                   "echo \"$line\" >> /tmp/pvtmib/runs\n"
-                   "cat \"/tmp/pvtmib/$(basename \"$0\")$1\" 2>/dev/null\n",
-                   0755);
+    daemon_env::install_recorders({{"keltopvtmib_common.sh", ""},
+                                   {"getiface.sh", ""},
+                                   {"gettrapsconf.sh", ""},
+                                   {"getwandns.sh", ""},
+                                   {"system-reboot", ""}});
     // The start-up process snapshot, silent, so the daemon's stderr holds only its own lines.
     write_file("/usr/bin/procdata.sh", "#!/bin/sh\n", 0755);
-    write_file(kRuns, "");
     write_file(kInitFile, kInit);
 }
 
 // What the script "name" (with its first argument) prints from now on.
 void script_prints(const std::string &name, const std::string &text)
 {
-    write_file("/tmp/pvtmib/" + name, text);
-}
-
-// The command lines the scripts recorded, in order.
-std::vector<std::string> runs()
-{
-    std::vector<std::string> out;
-    std::istringstream in(harness::read_file(kRuns));
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
+    write_file("/tmp/recorded/" + name, text);
 }
 
 size_t runs_of(const std::string &command)
 {
-    std::vector<std::string> all = runs();
+    std::vector<std::string> all = daemon_env::recorded();
     return static_cast<size_t>(std::count(all.begin(), all.end(), command));
 }
 
@@ -165,7 +148,7 @@ TEST(PvtMibTest, CommonGroupFromItsScript)
                                          num("C_ENUM_VALUE", 3)};
         for (int i = 0; i < 5; i++)
             EXPECT_EQ(get(emu, std::string("/common/") + leaves[i]), want[i]) << leaves[i];
-        EXPECT_EQ(runs(), std::vector<std::string>{run});
+        EXPECT_EQ(daemon_env::recorded(), std::vector<std::string>{run});
 
         script_prints("keltopvtmib_common.sh", "100%% up,%s%n%x,%%%%,%n%n%n%n%s%s%s%s,4\n");
         want = {str("100% up"), str("%s%n%x"), str("%%"), str("%n%n%n%n%s%s%s%s"),
@@ -298,7 +281,7 @@ TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
         for (const auto &s : sets) {
             EXPECT_EQ(emu.cli({"set", std::string(kMib) + "/basicMgt/" + s.leaf, s.value}), kOk)
                 << s.leaf;
-            EXPECT_EQ(runs(), s.ran) << s.leaf << " " << s.value;
+            EXPECT_EQ(daemon_env::recorded(), s.ran) << s.leaf << " " << s.value;
         }
         EXPECT_EQ(emu.cli({"get", "/system/hostname"}),
                   "{\"type\":\"C_BUF\",\"value\":\"router-b\"}");
@@ -414,8 +397,9 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
         };
         for (const auto &w : want)
             EXPECT_EQ(wan[0].leaves[w.first], w.second) << w.first;
-        EXPECT_EQ(runs(), (std::vector<std::string>{"sh /usr/bin/getwandns.sh",
-                                                    "sh /usr/bin/getiface.sh wan"}));
+        EXPECT_EQ(
+            daemon_env::recorded(),
+            (std::vector<std::string>{"sh /usr/bin/getwandns.sh", "sh /usr/bin/getiface.sh wan"}));
 
         // L2TP names only the mode: the type stays PPPoE's and the PPP settings
         // now come from the L2TP session (its authentication left automatic).

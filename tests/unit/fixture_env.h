@@ -66,7 +66,6 @@ class FixtureEnv
 
     // The commands the daemon ran, as it wrote them, in order.
     const std::vector<std::string> &commands() const { return commands_; }
-    void clear_commands() { commands_.clear(); }
 
   private:
     static FixtureEnv *&current()

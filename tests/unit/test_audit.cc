@@ -40,36 +40,22 @@ TEST(AuditTest, AttributeNames)
     EXPECT_DEATH(attr_str(&wrong), "\\(v\\)->type == C_UINT32");
 }
 
-// Verifies that the printer takes every kind of change and asks to recurse:
-// a move names a copy of the keypath with the new keys (the keypath handed
-// in stays as it was), attributes with and without a value, values far
-// longer than its buffers, and the operations it only prints the path of.
-TEST(AuditTest, DiffPrinterTakesEveryChange)
+// Verifies that the printer takes a move and asks to recurse: it names a copy of the keypath with
+// the new keys, the keypath handed in staying as it was. (Creations, deletions, values and
+// attributes longer than its buffers are committed through the daemon end to end.)
+TEST(AuditTest, DiffPrinterTakesAMove)
 {
-    std::string key = "eth0", after = "eth1", huge(20000, 'v');
+    std::string key = "eth0", after = "eth1";
     confd_hkeypath_t kp;
     memset(&kp, 0, sizeof kp);
     kp.len = 2;
     CONFD_SET_XMLTAG(&kp.v[1][0], 11, 1);
     kp.v[0][0] = text_value(key);
     kp.v[0][1].type = C_NOEXISTS;
-
     confd_value_t moved_after[2] = {text_value(after), {}};
     moved_after[1].type = C_NOEXISTS;
-    confd_value_t tags[2], annotation[2], value = text_value(huge);
-    CONFD_SET_UINT32(&tags[0], 0x80000000u);
-    tags[1].type = C_NOEXISTS;
-    CONFD_SET_UINT32(&annotation[0], 0x80000001u);
-    annotation[1] = text_value(huge);
-
-    const struct {
-        enum maapi_iter_op op;
-        confd_value_t *newv;
-    } changes[] = {{MOP_CREATED, nullptr},   {MOP_DELETED, nullptr},      {MOP_MODIFIED, nullptr},
-                   {MOP_VALUE_SET, &value},  {MOP_MOVED_AFTER, moved_after},
-                   {MOP_MOVED_AFTER, nullptr}, {MOP_ATTR_SET, tags},     {MOP_ATTR_SET, annotation}};
-    for (const auto &c : changes)
-        EXPECT_EQ(diff_printer(&kp, c.op, nullptr, c.newv, nullptr), ITER_RECURSE) << c.op;
+    for (confd_value_t *newv : {moved_after, static_cast<confd_value_t *>(nullptr)})
+        EXPECT_EQ(diff_printer(&kp, MOP_MOVED_AFTER, nullptr, newv, nullptr), ITER_RECURSE);
     ASSERT_EQ(kp.v[0][0].type, C_BUF);
     EXPECT_EQ(reinterpret_cast<const char *>(kp.v[0][0].val.buf.ptr), key.c_str());
 }

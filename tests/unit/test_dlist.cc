@@ -47,16 +47,12 @@ TEST_F(DlistTest, InsertAndRemoveKeepBothDirectionsInStep)
 {
     ASSERT_NE(head_, nullptr);
     EXPECT_TRUE(dlist_is_empty(head_));
-    EXPECT_EQ(head_->next, head_);
-    EXPECT_EQ(head_->prev, head_);
 
     struct dlist *n20 = dlist_insert_before(head_, &v_[1]);
     struct dlist *n40 = dlist_insert_before(head_, &v_[3]);
     struct dlist *n10 = dlist_insert_after(head_, &v_[0]);
     struct dlist *n30 = dlist_insert_after(n20, &v_[2]);
     ASSERT_NE(n30, nullptr);
-    EXPECT_EQ(dlist_data(n30), &v_[2]);
-    EXPECT_EQ(n30->prev, n20);
     EXPECT_FALSE(dlist_is_empty(head_));
     EXPECT_EQ(both_ways(), (std::vector<int>{10, 20, 30, 40, -1, 40, 30, 20, 10}));
 
@@ -68,7 +64,6 @@ TEST_F(DlistTest, InsertAndRemoveKeepBothDirectionsInStep)
     EXPECT_EQ(v_[1], 20);
     dlist_remove(n30);
     EXPECT_TRUE(dlist_is_empty(head_));
-    EXPECT_EQ(head_->prev, head_);
 }
 
 // Verifies that find returns the first matching node from the front, null when nothing matches,

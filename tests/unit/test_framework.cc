@@ -25,32 +25,26 @@ namespace
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// Verifies that CONFD_OK passes through without a word or an exit.
-TEST(CheckConfdOkTest, OkIsSilent)
-{
-    child_outcome r = run_in_child([] { check_confd_ok(CONFD_OK, 110); });
-    EXPECT_TRUE(r.exited_with(0));
-    EXPECT_EQ(r.err, "");
-}
-
-// Verifies the failure line: always the shared header's name, the caller's
-// line, confd_errno and the last error text, then exit status 1.
+// Verifies the CONFD_OK check: CONFD_OK passes without a word; anything else prints the shared
+// header's name, the caller's line, confd_errno and the last error text, then exits with 1.
 TEST(CheckConfdOkTest, FailurePrintsExactLineAndExitsOne)
 {
     ASSERT_STREQ(confd_lasterr(), "");
-    child_outcome r = run_in_child([] {
-        confd_errno = CONFD_ERR_NOEXISTS;
-        check_confd_ok(CONFD_ERR, 110);
-    });
-    EXPECT_TRUE(r.exited_with(1));
-    EXPECT_EQ(r.err, "leisobek.h:110: error not CONFD_OK: 1 :  \n");
-
-    r = run_in_child([] {
-        confd_errno = CONFD_ERR_BADSTATE;
-        check_confd_ok(CONFD_EOF, 129);
-    });
-    EXPECT_TRUE(r.exited_with(1));
-    EXPECT_EQ(r.err, "leisobek.h:129: error not CONFD_OK: 17 :  \n");
+    const struct {
+        int ret, err, line, status;
+        const char *text;
+    } cases[] = {
+        {CONFD_OK, 0, 110, 0, ""},
+        {CONFD_ERR, CONFD_ERR_NOEXISTS, 110, 1, "leisobek.h:110: error not CONFD_OK: 1 :  \n"},
+        {CONFD_EOF, CONFD_ERR_BADSTATE, 129, 1, "leisobek.h:129: error not CONFD_OK: 17 :  \n"}};
+    for (const auto &c : cases) {
+        child_outcome r = run_in_child([&c] {
+            confd_errno = c.err;
+            check_confd_ok(c.ret, c.line);
+        });
+        EXPECT_TRUE(r.exited_with(c.status)) << c.line;
+        EXPECT_EQ(r.err, c.text);
+    }
 }
 
 int guard_line = 0;
@@ -129,9 +123,9 @@ TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
     EXPECT_STREQ(answer, "TX630W");
 
     EXPECT_NE(sys_system("sh /usr/bin/system-reboot firmware-state active option none"), 0);
-    EXPECT_EQ(env.commands(),
-              (std::vector<std::string>{"uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
-                                        "sh /usr/bin/system-reboot firmware-state active option none"}));
+    EXPECT_EQ(env.commands(), (std::vector<std::string>{
+                                  "uci get systeminfo.sysinfo.pid | cut -d'-' -f1",
+                                  "sh /usr/bin/system-reboot firmware-state active option none"}));
 }
 
 // Verifies that a script field is copied as printf would print it as its own
@@ -144,10 +138,17 @@ TEST(CopyFieldAsFormatTest, OnlyDoubledPercentIsInterpreted)
         size_t size;
         const char *want;
     } cases[] = {
-        {"plain", 16, "plain"},     {"100%% up", 16, "100% up"}, {"%s%n%x", 16, "%s%n%x"},
-        {"%%%s", 16, "%%s"},        {"%%%%", 16, "%%"},          {"end%", 16, "end%"},
-        {"truncated", 5, "trun"},   {"ab%%", 3, "ab"},           {"%%", 2, "%"},
-        {nullptr, 4, ""},           {"x", 1, ""},
+        {"plain", 16, "plain"},
+        {"100%% up", 16, "100% up"},
+        {"%s%n%x", 16, "%s%n%x"},
+        {"%%%s", 16, "%%s"},
+        {"%%%%", 16, "%%"},
+        {"end%", 16, "end%"},
+        {"truncated", 5, "trun"},
+        {"ab%%", 3, "ab"},
+        {"%%", 2, "%"},
+        {nullptr, 4, ""},
+        {"x", 1, ""},
     };
     for (const auto &c : cases) {
         char out[16];

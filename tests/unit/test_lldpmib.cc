@@ -74,7 +74,8 @@ TEST_F(LldpProviderTest, OtherListAndWrongKeyType)
 {
     EXPECT_EQ(next(lldp({LLDP_MIB_lldpRemTimeMark}), -1), "end");
     EXPECT_TRUE(env_.commands().empty());
-    EXPECT_DEATH(get(lldp({LLDP_MIB_lldpRemSysName}, "0 i0 0")), "\\(key3\\)->type == C_INT32");
+    EXPECT_DEATH(get(lldp({LLDP_MIB_lldpRemSysName}, "0 i0 0")),
+                 "lldpmib.*Assertion `\\(key3\\)->type == C_INT32' failed\\.");
     EXPECT_DEATH(get(lldp({LLDP_MIB_lldpRemSysName}, "i0 i0 i0")), "\\(key1\\)->type == C_UINT32");
 }
 
