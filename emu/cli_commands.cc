@@ -639,12 +639,12 @@ const char kCommitUsage[] =
 // One command-line change in Change form; false with err.
 bool parse_change(CliEnv &env, const std::string &arg, Change &c, std::string &err)
 {
-    std::string spec = arg;
-    bool negate = spec.compare(0, 1, "!") == 0;
-    if (negate) spec = spec.substr(1);
+    std::string item = arg;
+    bool negate = item.compare(0, 1, "!") == 0;
+    if (negate) item = item.substr(1);
     // The marks count in the path only, before a value.
     std::string head, text;
-    bool has_value = split_change(spec, head, text);
+    bool has_value = split_change(item, head, text);
     size_t at = outside_braces(head, '@', true), move = outside_braces(head, '^', true);
     bool ok = true;
     if (at != std::string::npos) {
