@@ -232,22 +232,6 @@ int if_state_get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, long n
     return CONFD_OK;
 }
 
-// The tables are read-only: writes are accepted and dropped.
-int if_state_set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
-{
-    return CONFD_OK;
-}
-
-int if_state_create(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-
-int if_state_remove(struct confd_trans_ctx *, confd_hkeypath_t *)
-{
-    return CONFD_OK;
-}
-
 int if_state_find_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *, enum confd_find_next_type,
                        confd_value_t *, int)
 {
@@ -277,9 +261,10 @@ void register_transform(struct confd_daemon_ctx *dctx, const char *callpoint, bo
     cbs.get_next = if_state_get_next;
     if (table) {
         cbs.get_elem = if_state_get_elem;
-        cbs.set_elem = if_state_set_elem;
-        cbs.create = if_state_create;
-        cbs.remove = if_state_remove;
+        // The tables are read-only: writes are accepted and dropped.
+        cbs.set_elem = ignore_set_elem;
+        cbs.create = ignore_create;
+        cbs.remove = ignore_remove;
         cbs.find_next = if_state_find_next;
         cbs.get_next_object = if_state_get_next_object;
         cbs.get_object = if_state_get_object;
