@@ -135,7 +135,7 @@ void unique_fd::reset()
 unique_fd listen_on(const std::string &address, uint16_t port, int backlog)
 {
     sockaddr_storage addr;
-    socklen_t len;
+    socklen_t len = 0;
     if (!make_address(address, port, addr, len)) return unique_fd();
     unique_fd s(socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!s) return s;
@@ -151,7 +151,7 @@ unique_fd listen_on(const std::string &address, uint16_t port, int backlog)
 unique_fd connect_to(const std::string &address, uint16_t port)
 {
     sockaddr_storage addr;
-    socklen_t len;
+    socklen_t len = 0;
     if (!make_address(address, port, addr, len)) return unique_fd();
     unique_fd s(socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!s) return s;
@@ -241,7 +241,7 @@ bool udp_index_less(const udp_row &a, const udp_row &b)
 int open_udp(const char *address, int port, bool reuse, const char *peer, int peer_port)
 {
     sockaddr_storage addr;
-    socklen_t len;
+    socklen_t len = 0;
     if (!make_address(address, static_cast<uint16_t>(port), addr, len)) return -1;
     unique_fd s(socket(addr.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int one = 1;
