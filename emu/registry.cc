@@ -2,7 +2,9 @@
 #include "registry.h"
 
 #include <chrono>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,9 +27,14 @@ Conn::~Conn()
 bool Conn::send(const std::string &payload)
 {
     std::lock_guard<std::mutex> lk(send_mu_);
+    if (broken_) return false;
     if (confd_wire::send_frame(fd_, payload))
         return true;
-    // Part of the frame may have gone out: the stream is out of step for good.
+    // Part of the frame may have gone out: the stream is out of step for good. A peer that has
+    // not read its replies for the send time-out ends here too (EAGAIN).
+    std::fprintf(stderr, "confd-emu: closing connection %u from %s:%u: send: %s\n", id_,
+                 peer_.c_str(), peer_port_, std::strerror(errno));
+    broken_ = true;
     shut();
     return false;
 }

@@ -47,6 +47,7 @@ class Conn
     const std::string peer_;
     const uint16_t peer_port_;
     std::mutex send_mu_;
+    bool broken_ = false; // a send failed; guarded by send_mu_
 };
 using ConnPtr = std::shared_ptr<Conn>;
 

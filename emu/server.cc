@@ -29,6 +29,15 @@ namespace
 {
 
 constexpr uint32_t kMaxCliArgs = 4096;
+// Connections served at once (one thread each): past it, new ones are closed at once, so a
+// client opening connections in a loop cannot exhaust the emulator's threads and memory.
+constexpr size_t kMaxConns = 1000;
+
+void log_close(const Conn &c, const std::string &why)
+{
+    std::fprintf(stderr, "confd-emu: closing connection %u from %s:%u: %s\n", c.id(),
+                 c.peer().c_str(), c.peer_port(), why.c_str());
+}
 
 std::string ok_frame()
 {
@@ -134,7 +143,21 @@ void Server::run(int stop_fd)
         socklen_t len = sizeof peer;
         int fd =
             ::accept4(listen_fd_, reinterpret_cast<struct sockaddr *>(&peer), &len, SOCK_CLOEXEC);
-        if (fd < 0) continue;
+        if (fd < 0) {
+            // Out of descriptors: the pending connection stays queued and the listening socket
+            // readable, so pause instead of spinning until a connection ends.
+            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+                std::fprintf(stderr, "confd-emu: accept: %s\n", std::strerror(errno));
+                ::poll(nullptr, 0, 100);
+            }
+            continue;
+        }
+        if (threads_.size() >= kMaxConns) {
+            std::fprintf(stderr, "confd-emu: refusing a connection: %zu connections open\n",
+                         threads_.size());
+            ::close(fd);
+            continue;
+        }
         // A peer that stops reading must not block a sender for longer than a daemon may take
         // to answer.
         struct timeval tv = {opt_.timeout_ms / 1000, (opt_.timeout_ms % 1000) * 1000};
@@ -163,12 +186,14 @@ void Server::serve(const ConnPtr &c)
     std::string hello;
     // A client that connects must say who it is promptly; one that does not is dropped (and
     // forgotten, as any other connection is when it ends).
-    if (confd_wire::recv_frame(c->fd(), hello, opt_.timeout_ms) != 1) {
+    if (int rc = confd_wire::recv_frame(c->fd(), hello, opt_.timeout_ms); rc != 1) {
+        if (rc < 0) log_close(*c, std::string("no hello: ") + std::strerror(errno));
         reg_.conn_closed(c, ConnKind{});
         return;
     }
     Reader r(hello);
     if (r.op() != Op::Hello) {
+        log_close(*c, "it did not open with a hello");
         c->send(err_frame(CONFD_ERR_PROTOUSAGE, "a connection must open with a hello"));
         reg_.conn_closed(c, ConnKind{});
         return;
@@ -197,6 +222,13 @@ void Server::serve(const ConnPtr &c)
     reg_.conn_closed(c, kind);
 }
 
+bool Server::next_frame(const ConnPtr &c, std::string &payload)
+{
+    int rc = confd_wire::recv_frame(c->fd(), payload, -1);
+    if (rc < 0) log_close(*c, std::strerror(errno));
+    return rc == 1;
+}
+
 void Server::serve_control(const ConnPtr &c, Reader &hello)
 {
     std::string name = hello.str();
@@ -221,7 +253,7 @@ void Server::serve_control(const ConnPtr &c, Reader &hello)
     if (!c->send(Writer(Op::Ok).u32(id).payload())) return;
 
     std::string payload;
-    while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+    while (next_frame(c, payload)) {
         Reader r(payload);
         Op op = r.op();
         std::string err;
@@ -290,7 +322,7 @@ void Server::serve_worker(const ConnPtr &c, Reader &hello)
     }
     if (!c->send(Writer(Op::Ok).u32(worker_id).payload())) return;
     std::string payload;
-    while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+    while (next_frame(c, payload)) {
         Reader r(payload);
         Op op = r.op();
         read_daemon_frame(c, true, op, r, payload);
@@ -358,7 +390,7 @@ void Server::serve_maapi(const ConnPtr &c)
     reg_.add_maapi(c);
     MaapiService svc(reg_, ds_, schema_, c, diff_timeout(opt_));
     std::string payload;
-    while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+    while (next_frame(c, payload)) {
         Reader r(payload);
         std::string answer;
         if (r.op() != Op::Maapi) {
@@ -390,7 +422,7 @@ void Server::serve_events(const ConnPtr &c, Reader &hello)
     // Events flow to the subscriber; what comes back are the done messages of commit-diff
     // events, which need no answer.
     std::string payload;
-    while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+    while (next_frame(c, payload)) {
         Reader r(payload);
         if (r.op() != Op::Event) continue;
         uint32_t type = r.u32();
@@ -403,7 +435,7 @@ void Server::serve_cli(const ConnPtr &c)
 {
     if (!c->send(ok_frame())) return;
     std::string payload;
-    while (confd_wire::recv_frame(c->fd(), payload, -1) == 1) {
+    while (next_frame(c, payload)) {
         Reader r(payload);
         std::string answer;
         if (r.op() != Op::Cli) {

@@ -54,6 +54,9 @@ class Server
     void serve_maapi(const ConnPtr &c);
     void serve_events(const ConnPtr &c, confd_wire::Reader &hello);
     void serve_cli(const ConnPtr &c);
+    // The next frame from an established connection: true on a frame; false when the peer
+    // closed it or broke the protocol (oversized, half a frame then silence), logged then.
+    bool next_frame(const ConnPtr &c, std::string &payload);
     // Handles one frame from a daemon after its registrations: a Reply, or an SNMP notification.
     // worker tells whether c is a worker socket (the only place SNMP notifications may come from).
     void read_daemon_frame(const ConnPtr &c, bool worker, confd_wire::Op op, confd_wire::Reader &r,

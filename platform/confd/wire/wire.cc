@@ -349,8 +349,9 @@ int recv_frame(int fd, std::string &payload, int timeout_ms)
     int r = read_full(fd, hdr, 1, deadline, true);
     if (r <= 0)
         return r;
-    if (deadline >= 0)
-        deadline = std::max(deadline, now_ms() + kFrameGraceMs);
+    // Even with no time-out, a frame that has begun must complete within the grace period: a
+    // peer that sends half a frame and falls silent is an error, not a reason to wait for ever.
+    deadline = std::max(deadline, now_ms() + kFrameGraceMs);
     r = read_full(fd, hdr + 1, 3, deadline, false);
     if (r <= 0)
         return -1;

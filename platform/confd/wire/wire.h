@@ -320,10 +320,10 @@ private:
 bool send_frame(int fd, const std::string &payload);
 
 // Reads one frame into payload, which grows as the bytes arrive (a length
-// announced by the peer is never allocated up front). timeout_ms < 0 waits
-// forever; otherwise it
-// bounds the wait for a frame to begin, and a frame that has begun gets at
-// least 5 s more to arrive completely (so a time-out never splits a frame).
+// announced by the peer is never allocated up front). timeout_ms bounds the
+// wait for a frame to begin (< 0: for ever); a frame that has begun gets at
+// least 5 s more to arrive completely, so a time-out never splits a frame and
+// half a frame followed by silence fails (ETIMEDOUT) instead of hanging.
 // Returns 1 on a frame, 0 when the peer closed the connection, -1 on an
 // error, a time-out (errno ETIMEDOUT) or an oversized frame.
 int recv_frame(int fd, std::string &payload, int timeout_ms = -1);
