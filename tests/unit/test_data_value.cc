@@ -23,15 +23,11 @@ const char kModule[] = R"(module dv {
   identity kind;
   identity one { base kind; }
   container c {
-    leaf dec { type decimal64 { fraction-digits 2; } }
-    leaf flags { type bits { bit a { position 0; } bit c { position 2; } } }
     leaf bin { type binary; }
     leaf mac { type yang:phys-address; }
     leaf host { type inet:host; }
     leaf id { type identityref { base kind; } }
     leaf e { type enumeration { enum x { value -3; } enum y; } }
-    leaf pfx { type inet:ipv4-prefix; }
-    leaf flag { type empty; }
   }
 })";
 
@@ -82,8 +78,9 @@ class DataValue : public ::testing::Test
 ModelDir *DataValue::dir_ = nullptr;
 emu::Schema *DataValue::schema_ = nullptr;
 
-// Verifies each YANG type's ConfD form and that writing that form back gives the same data (an
-// identityref's hashes are read through MAAPI in the end-to-end tests).
+// Verifies the ConfD form of each YANG type the router's configuration uses beyond integers and
+// strings, and that writing that form back gives the same data (an identityref's hashes are read
+// through MAAPI in the end-to-end tests).
 TEST_F(DataValue, TypesRoundTrip)
 {
     struct Case {
@@ -91,10 +88,7 @@ TEST_F(DataValue, TypesRoundTrip)
         int type;
         const char *back; // the text written back (null: the same)
     };
-    for (const Case &c : std::vector<Case>{{"dec", "-1.05", emu::vt::DECIMAL64, nullptr},
-                                           {"dec", "0.5", emu::vt::DECIMAL64, "0.50"},
-                                           {"flags", "a c", emu::vt::BIT32, nullptr},
-                                           {"bin", "AAEC/w==", emu::vt::BINARY, nullptr},
+    for (const Case &c : std::vector<Case>{{"bin", "AAEC/w==", emu::vt::BINARY, nullptr},
                                            {"bin", "AQ==", emu::vt::BINARY, nullptr},
                                            {"bin", "AQI=", emu::vt::BINARY, nullptr},
                                            {"bin", "AQID", emu::vt::BINARY, nullptr},
@@ -103,22 +97,15 @@ TEST_F(DataValue, TypesRoundTrip)
                                            {"host", "::1", emu::vt::IPV6, nullptr},
                                            {"host", "example.org", emu::vt::BUF, nullptr},
                                            {"id", "dv:one", emu::vt::IDENTITYREF, nullptr},
-                                           {"e", "x", emu::vt::ENUM_VALUE, nullptr},
-                                           {"pfx", "10.0.0.0/8", emu::vt::IPV4PREFIX, nullptr},
-                                           {"flag", nullptr, emu::vt::XMLTAG, ""}}) {
+                                           {"e", "x", emu::vt::ENUM_VALUE, nullptr}}) {
         std::string back;
         EXPECT_EQ(round_trip(c.leaf, c.text, back).type, c.type) << c.leaf << "=" << c.text;
         EXPECT_EQ(back, c.back ? c.back : c.text) << c.leaf;
     }
     std::string back;
-    Value v = round_trip("dec", "-1.05", back);
-    EXPECT_EQ(v.i, -105);
-    EXPECT_EQ(v.u, 2u);
-    EXPECT_EQ(round_trip("flags", "a c", back).u, 5u);
     EXPECT_EQ(round_trip("bin", "AAEC/w==", back).bytes, std::string("\x00\x01\x02\xff", 4));
     EXPECT_EQ(round_trip("mac", "00:1a:2B", back).bytes, std::string("\x00\x1a\x2b", 3));
     EXPECT_EQ(round_trip("e", "x", back).i, -3);
-    EXPECT_EQ(round_trip("pfx", "10.0.0.0/8", back).bytes, std::string("\x0a\x00\x00\x00\x08", 5));
 }
 
 // Verifies that values a leaf cannot hold are refused rather than stored as something else.
@@ -127,14 +114,10 @@ TEST_F(DataValue, MisfitValuesAreRefused)
     std::string out, err;
     Value v;
     v.type = emu::vt::INT32;
-    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("dec"), v, out, err));
+    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("bin"), v, out, err));
     v.type = emu::vt::ENUM_VALUE;
     v.i = 99;
     EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("e"), v, out, err));
-    v = Value();
-    v.type = emu::vt::BIT32;
-    v.u = 2; // position 1: no such bit
-    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("flags"), v, out, err));
     v = Value();
     v.type = emu::vt::IDENTITYREF;
     v.a = confd_wire::ns_hash("urn:dv");
