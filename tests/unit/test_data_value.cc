@@ -31,57 +31,47 @@ const char kModule[] = R"(module dv {
   }
 })";
 
-// The module above loaded through emu::Schema from a directory of its own.
-class DataValue : public ::testing::Test
+// The module above loaded through emu::Schema from a directory of its own, on first use.
+const emu::Schema &schema()
 {
-  protected:
-    static void SetUpTestSuite()
-    {
-        dir_ = new ModelDir;
-        dir_->add("dv.yang", kModule);
-        schema_ = new emu::Schema;
+    static ModelDir dir;
+    static const emu::Schema *s = [] {
+        dir.add("dv.yang", kModule);
+        auto *sc = new emu::Schema;
         std::string err;
-        ASSERT_TRUE(schema_->load(dir_->path, err)) << err;
-    }
-    static void TearDownTestSuite()
-    {
-        delete schema_;
-        delete dir_;
-    }
+        EXPECT_TRUE(sc->load(dir.path, err)) << err;
+        return sc;
+    }();
+    return *s;
+}
 
-    const emu::SchemaNode *leaf(const char *name)
-    {
-        return schema_->child(schema_->top("c"), name);
-    }
+const emu::SchemaNode *leaf(const char *name)
+{
+    return schema().child(schema().top("c"), name);
+}
 
-    // Stores text in leaf `name` with libyang and reads it back as a ConfD value, then converts
-    // that value back to the text libyang takes (in `back`).
-    Value round_trip(const char *name, const char *text, std::string &back)
-    {
-        lyd_node *tree = nullptr;
-        std::string path = std::string("/dv:c/") + name;
-        EXPECT_EQ(lyd_new_path(nullptr, schema_->ctx(), path.c_str(), text, 0, &tree), LY_SUCCESS)
-            << name << "=" << text;
-        lyd_node *node = nullptr;
-        EXPECT_EQ(lyd_find_path(tree, path.c_str(), 0, &node), LY_SUCCESS);
-        Value v;
-        std::string err;
-        EXPECT_TRUE(emu::value_from_data(leaf(name), node, v, err)) << err;
-        EXPECT_TRUE(emu::value_to_data_text(*schema_, leaf(name), v, back, err)) << err;
-        lyd_free_all(tree);
-        return v;
-    }
-
-    static ModelDir *dir_;
-    static emu::Schema *schema_;
-};
-ModelDir *DataValue::dir_ = nullptr;
-emu::Schema *DataValue::schema_ = nullptr;
+// Stores text in leaf `name` with libyang and reads it back as a ConfD value, then converts that
+// value back to the text libyang takes (in `back`).
+Value round_trip(const char *name, const char *text, std::string &back)
+{
+    lyd_node *tree = nullptr;
+    std::string path = std::string("/dv:c/") + name;
+    EXPECT_EQ(lyd_new_path(nullptr, schema().ctx(), path.c_str(), text, 0, &tree), LY_SUCCESS)
+        << name << "=" << text;
+    lyd_node *node = nullptr;
+    EXPECT_EQ(lyd_find_path(tree, path.c_str(), 0, &node), LY_SUCCESS);
+    Value v;
+    std::string err;
+    EXPECT_TRUE(emu::value_from_data(leaf(name), node, v, err)) << err;
+    EXPECT_TRUE(emu::value_to_data_text(schema(), leaf(name), v, back, err)) << err;
+    lyd_free_all(tree);
+    return v;
+}
 
 // Verifies the ConfD form of each YANG type the router's configuration uses beyond integers and
 // strings, and that writing that form back gives the same data (an identityref's hashes are read
 // through MAAPI in the end-to-end tests).
-TEST_F(DataValue, TypesRoundTrip)
+TEST(DataValue, TypesRoundTrip)
 {
     struct Case {
         const char *leaf, *text;
@@ -109,29 +99,29 @@ TEST_F(DataValue, TypesRoundTrip)
 }
 
 // Verifies that values a leaf cannot hold are refused rather than stored as something else.
-TEST_F(DataValue, MisfitValuesAreRefused)
+TEST(DataValue, MisfitValuesAreRefused)
 {
     std::string out, err;
     Value v;
     v.type = emu::vt::INT32;
-    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("bin"), v, out, err));
+    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("bin"), v, out, err));
     v.type = emu::vt::ENUM_VALUE;
     v.i = 99;
-    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("e"), v, out, err));
+    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("e"), v, out, err));
     v = Value();
     v.type = emu::vt::IDENTITYREF;
     v.a = confd_wire::ns_hash("urn:dv");
     v.b = 12345;
-    EXPECT_FALSE(emu::value_to_data_text(*schema_, leaf("id"), v, out, err));
+    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("id"), v, out, err));
 }
 
 // Verifies that prefixes become module names only where they are prefixes of known modules.
-TEST_F(DataValue, XPathPrefixesBecomeModuleNames)
+TEST(DataValue, XPathPrefixesBecomeModuleNames)
 {
-    EXPECT_EQ(emu::xpath_module_names(*schema_, "/d:c/d:dec"), "/dv:c/dv:dec");
-    EXPECT_EQ(emu::xpath_module_names(*schema_, "/dv:c/e = 'd:c'"), "/dv:c/e = 'd:c'");
-    EXPECT_EQ(emu::xpath_module_names(*schema_, "child::d:c | /x:y"), "child::dv:c | /x:y");
-    EXPECT_EQ(emu::xpath_module_names(*schema_, "count(/d:c/*) > 1.5"), "count(/dv:c/*) > 1.5");
+    EXPECT_EQ(emu::xpath_module_names(schema(), "/d:c/d:dec"), "/dv:c/dv:dec");
+    EXPECT_EQ(emu::xpath_module_names(schema(), "/dv:c/e = 'd:c'"), "/dv:c/e = 'd:c'");
+    EXPECT_EQ(emu::xpath_module_names(schema(), "child::d:c | /x:y"), "child::dv:c | /x:y");
+    EXPECT_EQ(emu::xpath_module_names(schema(), "count(/d:c/*) > 1.5"), "count(/dv:c/*) > 1.5");
 }
 
 } // namespace

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-extern "C" int uci_c_walk(struct uci_package *p, int *sections, int *options, int *items);
+extern "C" void uci_c_walk(struct uci_package *p, int *sections, int *options, int *items);
 
 namespace
 {
@@ -124,7 +124,7 @@ TEST_F(UciTest, NetworkFileWalksInFileOrder)
     EXPECT_EQ(expected, dump(p));
 
     int sections, options, items;
-    EXPECT_EQ(1, uci_c_walk(p, &sections, &options, &items));
+    uci_c_walk(p, &sections, &options, &items);
     EXPECT_EQ(3, sections);
     EXPECT_EQ(8, options);
     EXPECT_EQ(2, items);
@@ -271,10 +271,6 @@ TEST_F(UciTest, LoadAndUnloadFailures)
     ASSERT_EQ(UCI_OK, uci_unload(ctx_, p));
     EXPECT_EQ(UCI_ERR_INVAL, uci_unload(ctx_, p));
     EXPECT_EQ(UCI_ERR_INVAL, uci_unload(ctx_, nullptr));
-
-    // A path names a file outside the configuration directory.
-    ASSERT_EQ(UCI_OK, uci_load(ctx_, (dir_ + "/network").c_str(), &p));
-    EXPECT_STREQ("network", p->e.name);
 }
 
 #ifdef LEISOBEK_UCI_IN_TREE
