@@ -98,13 +98,12 @@ TEST(DataValue, TypesRoundTrip)
     EXPECT_EQ(round_trip("e", "x", back).i, -3);
 }
 
-// Verifies that values a leaf cannot hold are refused rather than stored as something else.
+// Verifies that values a leaf cannot hold are refused rather than stored as something else (a value
+// of another type is refused in the MAAPI integration tests).
 TEST(DataValue, MisfitValuesAreRefused)
 {
     std::string out, err;
     Value v;
-    v.type = emu::vt::INT32;
-    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("bin"), v, out, err));
     v.type = emu::vt::ENUM_VALUE;
     v.i = 99;
     EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("e"), v, out, err));

@@ -48,26 +48,22 @@ confd_wire::Value wv(int t, int64_t n, const std::string &bytes = "")
 
 } // namespace
 
-// Verifies that the value types the daemon sends or reads, where the end-to-end walks do not pin
-// them, survive the codec, in the store and, separately, on the heap for confd_free_value().
+// Verifies that the value types the daemon sends or reads, where the end-to-end tests do not pin
+// them (forced C_INT64 keys and MAAPI leaf-lists are there), survive the codec, in the store and,
+// separately, on the heap for confd_free_value().
 TEST(LibconfdConvert, ValuesRoundTripInStoreAndOnHeap)
 {
     struct confd_snmp_oid oid = {{1, 3, 6, 1, 4, 4294967295u}, 6};
-    confd_value_t items[2];
-    CONFD_SET_INT32(&items[0], -5);
-    CONFD_SET_STR(&items[1], "x y");
     struct in6_addr a6;
     inet_pton(AF_INET6, "2001:db8::1", &a6);
 
-    std::vector<confd_value_t> vals(8);
+    std::vector<confd_value_t> vals(6);
     CONFD_SET_STR(&vals[0], "eth0");
     CONFD_SET_CBUF(&vals[1], "lan", 3);
     CONFD_SET_BIT32(&vals[2], 0x80000001u);
     CONFD_SET_OID(&vals[3], &oid);
-    CONFD_SET_INT64(&vals[4], INT64_MIN);
-    CONFD_SET_UINT16(&vals[5], 65535);
-    CONFD_SET_IPV6(&vals[6], a6);
-    CONFD_SET_LIST(&vals[7], items, 2);
+    CONFD_SET_UINT16(&vals[4], 65535);
+    CONFD_SET_IPV6(&vals[5], a6);
 
     ValueStore store;
     for (const confd_value_t &v : vals) {

@@ -194,21 +194,26 @@ TEST_F(LibconfdDispatch, MisplacedRequestsAndReplies)
     EXPECT_EQ(g.gets, 1);
 }
 
-// Verifies that nothing registers after register_done and that only the daemon's own sockets are
+// Verifies that no data callback registers after register_done, that an SNMP notification context
+// takes only a connected worker socket of the daemon, and that only the daemon's own sockets are
 // served (an unknown callpoint is EmuTest.UnknownCallpointIsRefused, a closed socket
 // EmuTest.DropClosesTheDaemonSockets, against confd-emu).
-TEST_F(LibconfdDispatch, NoRegistrationAfterDoneNorForeignSockets)
+TEST_F(LibconfdDispatch, RegistrationsAndForeignSockets)
 {
     confd_data_cbs late = make_cbs("late");
     EXPECT_EQ(confd_register_data_cb(dx, &late), CONFD_ERR);
     EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+    confd_notification_ctx *nctx = nullptr;
+    for (int fd : {ctl, 12345})
+        EXPECT_EQ(confd_register_snmp_notification(dx, fd, "", "", &nctx), CONFD_ERR) << fd;
+    ASSERT_EQ(confd_register_snmp_notification(dx, wrk, "", "", &nctx), CONFD_OK);
+    EXPECT_EQ(nctx->fd, wrk);
     EXPECT_EQ(confd_fd_ready(dx, 12345), CONFD_ERR);
     EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
 }
 
-// Verifies that a MAAPI answer without the expected fields fails the call cleanly (no result handed
-// out), and that a closed socket is refused (refusals by confd-emu reach confd_errno and lasterr in
-// the MAAPI integration tests).
+// Verifies that a MAAPI answer without the expected fields fails the call cleanly, no result handed
+// out (refusals by confd-emu reach confd_errno and lasterr in the MAAPI integration tests).
 TEST_F(LibconfdDispatch, MaapiAnswers)
 {
     int ms = socket(AF_INET, SOCK_STREAM, 0);
@@ -219,29 +224,4 @@ TEST_F(LibconfdDispatch, MaapiAnswers)
     EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
     EXPECT_STREQ(confd_lasterr(), "maapi_xpath_eval_expr: malformed answer from ConfD");
     EXPECT_EQ(maapi_close(ms), CONFD_OK);
-    EXPECT_EQ(maapi_attach2(ms, 0, 0, 6), CONFD_ERR) << "closed socket";
-    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
-}
-
-// Verifies the preconditions of registration: a connected control socket and a worker fd of the
-// daemon (what a registered context sends reaches confd-emu in the end-to-end tests).
-TEST(LibconfdNotif, RegistrationNeedsConnectedSockets)
-{
-    FakeConfd srv;
-    confd_daemon_ctx *dx = confd_init_daemon("notifier");
-    confd_notification_ctx *nctx = nullptr;
-    int ctl = socket(AF_INET, SOCK_STREAM, 0);
-    int wrk = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(confd_register_snmp_notification(dx, wrk, "", "", &nctx), CONFD_ERR);
-    EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
-    ASSERT_EQ(confd_connect(dx, ctl, CONTROL_SOCKET, srv.addr(), srv.addrlen()), CONFD_OK);
-    EXPECT_EQ(confd_register_snmp_notification(dx, wrk, "", "", &nctx), CONFD_ERR)
-        << "not a connected worker yet";
-    EXPECT_EQ(confd_register_snmp_notification(dx, ctl, "", "", &nctx), CONFD_ERR);
-    ASSERT_EQ(confd_connect(dx, wrk, WORKER_SOCKET, srv.addr(), srv.addrlen()), CONFD_OK);
-    ASSERT_EQ(confd_register_snmp_notification(dx, wrk, "traps", "", &nctx), CONFD_OK);
-    EXPECT_EQ(nctx->fd, wrk);
-    confd_release_daemon(dx);
-    close(ctl);
-    close(wrk);
 }

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -55,41 +54,27 @@ TEST(WireCodec, HostilePayloads)
     EXPECT_FALSE(r1.ok() || r2.ok() || r3.ok());
 }
 
-// Verifies frame I/O: whole frames (one larger than the socket buffer, so it arrives in pieces),
-// clean EOF, time-out, refusal of an oversized length prefix, and that a frame announced large
-// but cut short costs what arrived, not what was announced.
-TEST(WireFrames, SendReceiveEofTimeout)
+// Verifies frame I/O where the end-to-end traffic does not reach (it covers plain frames, EOF and
+// time-outs): a frame larger than the socket buffer arrives whole, an oversized length prefix is
+// refused, and a frame announced large but cut short costs what arrived, not what was announced.
+TEST(WireFrames, LargeOversizedAndCutShortFrames)
 {
     SocketPair sp;
-    Writer w(Op::Hello);
-    w.u8(static_cast<uint8_t>(ConnKind::Cli));
-    ASSERT_TRUE(send_frame(sp.fd[0], w.payload()));
-    std::string got;
-    ASSERT_EQ(1, recv_frame(sp.fd[1], got, 1000));
-    EXPECT_EQ(w.payload(), got);
-
-    EXPECT_EQ(-1, recv_frame(sp.fd[1], got, 50));
-    EXPECT_EQ(ETIMEDOUT, errno);
-
+    std::string got, large(3u << 20, 'x');
+    std::thread sender([&] { EXPECT_TRUE(send_frame(sp.fd[0], large)); });
+    EXPECT_EQ(1, recv_frame(sp.fd[1], got, 1000));
+    sender.join();
+    EXPECT_EQ(got, large);
     const unsigned char huge[4] = {0xff, 0xff, 0xff, 0xff};
     ASSERT_EQ(4, write(sp.fd[0], huge, 4));
     EXPECT_EQ(-1, recv_frame(sp.fd[1], got, 1000));
 
-    SocketPair sp2;
-    shutdown(sp2.fd[0], SHUT_WR);
-    EXPECT_EQ(0, recv_frame(sp2.fd[1], got, 1000));
-
-    SocketPair sp3;
-    std::string large(3u << 20, 'x');
-    std::thread sender([&] { EXPECT_TRUE(send_frame(sp3.fd[0], large)); });
-    EXPECT_EQ(1, recv_frame(sp3.fd[1], got, 1000));
-    sender.join();
-    EXPECT_EQ(got, large);
+    SocketPair cut_short;
     const unsigned char announced[6] = {0x03, 0xff, 0xff, 0xff, 'a', 'b'};
-    ASSERT_EQ(6, write(sp3.fd[0], announced, 6));
-    shutdown(sp3.fd[0], SHUT_WR);
+    ASSERT_EQ(6, write(cut_short.fd[0], announced, 6));
+    shutdown(cut_short.fd[0], SHUT_WR);
     std::string cut;
-    EXPECT_EQ(-1, recv_frame(sp3.fd[1], cut, 1000));
+    EXPECT_EQ(-1, recv_frame(cut_short.fd[1], cut, 1000));
     EXPECT_LT(cut.capacity(), size_t(1) << 16);
 }
 
