@@ -26,14 +26,8 @@ void *operator new(size_t n)
     if (p == nullptr) throw std::bad_alloc();
     return p;
 }
-void operator delete(void *p) noexcept
-{
-    free(p);
-}
-void operator delete(void *p, size_t) noexcept
-{
-    free(p);
-}
+void operator delete(void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
 
 namespace
 {

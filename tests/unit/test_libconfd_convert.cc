@@ -11,8 +11,7 @@
 using libconfd::ValueStore;
 using namespace confd_wire;
 
-namespace
-{
+namespace {
 
 // Encodes v, sends it through the frame codec and decodes it again.
 bool round_trip(const confd_value_t &v, confd_value_t &out, ValueStore *store)
@@ -96,8 +95,7 @@ TEST(LibconfdConvert, RefusesBadValues)
     v.val.c_buf.ptr = nullptr;
     v.val.c_buf.size = 4;
     EXPECT_FALSE(libconfd::to_wire(v, w, err));
-    struct confd_snmp_oid long_oid {
-    };
+    struct confd_snmp_oid long_oid{};
     long_oid.len = 129;
     CONFD_SET_OID(&v, &long_oid);
     EXPECT_FALSE(libconfd::to_wire(v, w, err));

@@ -7,7 +7,6 @@
 
 #include "confd_lib.h"
 #include "confd_dp.h"
-#include "confd_events.h"
 #include "confd_maapi.h"
 #include "fake_confd.h"
 

@@ -16,8 +16,7 @@
 
 extern "C" void uci_c_walk(struct uci_package *p, int *sections, int *options, int *items);
 
-namespace
-{
+namespace {
 
 const char kNetwork[] = R"(
 config device
