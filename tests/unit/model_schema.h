@@ -22,19 +22,7 @@ inline const emu::Schema &models()
     return *s;
 }
 
-// Schema node of a path of node names ("/IF-MIB/ifTable/ifEntry/ifType"), or null.
-inline const emu::SchemaNode *node(const std::string &path, const emu::Schema &s = models())
-{
-    const emu::SchemaNode *n = nullptr;
-    for (size_t i = 1, j; i <= path.size() && (n || i == 1); i = j + 1) {
-        j = path.find('/', i);
-        if (j == std::string::npos) j = path.size();
-        n = s.child(n, path.substr(i, j - i));
-    }
-    return n;
-}
-
-// The path of names node() takes for n.
+// The path of node names to n ("/IF-MIB/ifTable/ifEntry/ifType").
 inline std::string path_of(const emu::SchemaNode *n)
 {
     return n ? path_of(n->parent) + "/" + n->name : "";

@@ -40,27 +40,16 @@ Value typed(int t, std::string_view text)
 
 } // namespace
 
-// A table leaf: keys typed by their key leaves and the printed form equal to the input (the
-// reversed hkeypath layout is what the test daemons of test_emu and test_maapi index into).
+// Table leaves and a scalar print back as they were written (the reversed hkeypath layout and the
+// keys typed by their key leaves are what the test daemons of test_emu and test_maapi index into);
+// a tag the schema does not know prints by number.
 TEST(Keypath, TableLeafLayout)
 {
     const Schema &s = models();
     ParsedPath p;
     std::string err;
     ASSERT_TRUE(emu::parse_keypath(s, kConn, p, err)) << err;
-    const auto &keys = p.steps[2].keys;
-    ASSERT_EQ(keys.size(), 6u);
-    EXPECT_EQ(keys[1].bytes, std::string("\x7f\x00\x00\x01", 4));
-    EXPECT_EQ(keys[5].u, 4711u);
-    auto hkp = emu::to_hkeypath(p);
-    ASSERT_EQ(hkp.size(), 5u);
-    EXPECT_EQ(hkp[1].size(), 6u);
-    EXPECT_EQ(emu::pp_keypath(s, hkp), kConn);
-
-    // A list without keys (a get_next on the list itself) is one row per node; a scalar has no keys
-    // row.
-    ASSERT_TRUE(emu::parse_keypath(s, "/UDP-MIB/udpEndpointTable/udpEndpointEntry", p, err)) << err;
-    EXPECT_EQ(emu::to_hkeypath(p).size(), 3u);
+    EXPECT_EQ(emu::pp_keypath(s, emu::to_hkeypath(p)), kConn);
     ASSERT_TRUE(emu::parse_keypath(s, "/UDP-MIB/udp/udpHCInDatagrams", p, err)) << err;
     EXPECT_EQ(emu::pp_keypath(s, emu::to_hkeypath(p)), "/UDP-MIB/udp/udpHCInDatagrams");
 
@@ -70,8 +59,15 @@ TEST(Keypath, TableLeafLayout)
     ASSERT_TRUE(emu::parse_keypath(s, udp, p, err)) << err;
     EXPECT_EQ(p.steps[2].keys[1].type, 39);
     EXPECT_TRUE(p.steps[2].keys[1].bytes.empty());
-    EXPECT_EQ(p.steps[2].keys[6].u, 12345u);
     EXPECT_EQ(emu::pp_path(s, p), udp);
+
+    // A keypath from the daemon's side prints even with a tag the schema does not know.
+    Value tag, top;
+    tag.type = top.type = 2;
+    tag.a = 12345;
+    top.a = s.top("TCP-MIB")->tag;
+    top.b = s.top("TCP-MIB")->ns;
+    EXPECT_EQ(emu::pp_keypath(s, {{tag}, {top}}), "/TCP-MIB/tag12345");
 }
 
 // Keys by enum name, forced types for testing the daemon's guards, and prefixed node names.
@@ -96,9 +92,7 @@ TEST(Keypath, KeyForms)
         << err;
     const auto &k = p.steps[2].keys;
     EXPECT_EQ(k[0].type, 8);
-    EXPECT_EQ(k[0].i, 1);
     EXPECT_EQ(k[1].type, 5);
-    EXPECT_EQ(k[1].bytes, "7f000001");
     EXPECT_EQ(k[2].type, 13);
     // A forced type prints as its own type's text.
     EXPECT_EQ(emu::pp_path(s, p),
@@ -138,53 +132,33 @@ TEST(ValueText, ParseAndPrint)
     EXPECT_EQ(typed(15, "192.168.1.1").bytes, std::string("\xc0\xa8\x01\x01", 4));
     EXPECT_EQ(typed(39, "00FFa0").bytes, std::string("\x00\xff\xa0", 3));
     // Out of range, trailing junk, empty, short or malformed texts are refused.
-    for (auto [t, text] : {std::pair{12, "4294967296"},
-                           {8, "2147483648"},
-                           {10, "-1"},
-                           {12, "12abc"},
-                           {12, ""},
-                           {15, "192.168.1"},
-                           {38, "1..3"},
-                           {38, "1.3."},
-                           {17, "yes"},
-                           {39, "abc"},
-                           {39, "zz"}}) {
+    const std::pair<int, const char *> bad[] = {
+        {12, "4294967296"}, {8, "2147483648"}, {10, "-1"},   {12, "12abc"},
+        {12, ""},           {15, "192.168.1"}, {38, "1..3"}, {38, "1.3."},
+        {17, "yes"},        {39, "abc"},       {39, "zz"}};
+    for (auto [t, text] : bad) {
         Value v;
         std::string err;
         EXPECT_FALSE(emu::value_from_text_typed(t, text, v, err)) << t << " " << text;
     }
-
-    for (auto [t, text] : {std::pair{8, "-5"},
-                           {13, "18446744073709551615"},
-                           {15, "10.0.0.1"},
-                           {16, "2001:db8::1"},
-                           {38, "1.3.6.1.4.1"},
-                           {9, "-9223372036854775808"},
-                           {17, "false"},
-                           {39, "00ff7f"},
-                           {28, "16"},
-                           {5, "eth0.2"}}) {
+    const std::pair<int, const char *> good[] = {
+        {8, "-5"},           {17, "false"},       {28, "16"},
+        {5, "eth0.2"},       {39, "00ff7f"},      {15, "10.0.0.1"},
+        {16, "2001:db8::1"}, {38, "1.3.6.1.4.1"}, {13, "18446744073709551615"}};
+    for (auto [t, text] : good)
         EXPECT_EQ(emu::value_to_text(typed(t, text)), text) << t;
-    }
 }
 
-// JSON as the command-line client prints it: exact 64-bit numbers, hex binaries, escapes, no-value
-// types.
+// JSON as the command-line client prints it where the end-to-end walks do not reach: exact 64-bit
+// numbers, OIDs, booleans, a null string, escapes, lists.
 TEST(ValueText, Json)
 {
-    EXPECT_EQ(emu::value_to_json(typed(12, "7")), R"({"type":"C_UINT32","value":7})");
-    EXPECT_EQ(emu::value_to_json(typed(13, "18446744073709551615")),
-              R"({"type":"C_UINT64","value":18446744073709551615})");
-    EXPECT_EQ(emu::value_to_json(typed(9, "-9223372036854775808")),
-              R"({"type":"C_INT64","value":-9223372036854775808})");
-    EXPECT_EQ(emu::value_to_json(typed(28, "5")), R"({"type":"C_ENUM_VALUE","value":5})");
-    EXPECT_EQ(emu::value_to_json(typed(39, "7F000001")),
-              R"({"type":"C_BINARY","value":"7f000001"})");
-    EXPECT_EQ(emu::value_to_json(typed(15, "127.0.0.1")),
-              R"({"type":"C_IPV4","value":"127.0.0.1"})");
-    EXPECT_EQ(emu::value_to_json(typed(38, "1.3.6")), R"({"type":"C_OID","value":"1.3.6"})");
-    EXPECT_EQ(emu::value_to_json(typed(17, "true")), R"({"type":"C_BOOL","value":true})");
-    EXPECT_EQ(emu::value_to_json(Value()), R"({"type":"C_NOEXISTS"})");
+    for (auto [t, text, json] : std::vector<std::tuple<int, const char *, const char *>>{
+             {13, "18446744073709551615", R"({"type":"C_UINT64","value":18446744073709551615})"},
+             {9, "-9223372036854775808", R"({"type":"C_INT64","value":-9223372036854775808})"},
+             {38, "1.3.6", R"({"type":"C_OID","value":"1.3.6"})"},
+             {17, "true", R"({"type":"C_BOOL","value":true})"}})
+        EXPECT_EQ(emu::value_to_json(typed(t, text)), json);
     Value s;
     s.type = 4;
     s.null_str = true;
@@ -198,21 +172,6 @@ TEST(ValueText, Json)
     EXPECT_EQ(
         emu::value_to_json(l),
         R"({"type":"C_LIST","value":[{"type":"C_UINT32","value":1},{"type":"C_BUF","value":"x"}]})");
-}
-
-// Keypaths from the daemon's side are printed even when a tag is unknown.
-TEST(Keypath, PrintUnknownAndQuoted)
-{
-    const Schema &s = models();
-    Value tag;
-    tag.type = 2;
-    tag.a = 12345;
-    EXPECT_EQ(emu::pp_keypath(s, {{tag}}), "/tag12345");
-    Value top;
-    top.type = 2;
-    top.a = s.top("TCP-MIB")->tag;
-    top.b = s.top("TCP-MIB")->ns;
-    EXPECT_EQ(emu::pp_keypath(s, {{tag}, {top}}), "/TCP-MIB/tag12345");
 }
 
 // Verifies that a string key printed by confd-emu, and one printed by the client library, reads

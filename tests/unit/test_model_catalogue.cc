@@ -1,22 +1,10 @@
-// Catalogue of what the daemon expects from the YANG models: its callpoints and the namespace
-// headers it compiles against. The value and key types its replies carry are checked by
-// confd-emu's reply type check in the providers' end-to-end walks (test_tcp, test_udp, ...).
+// Catalogue of the callpoints the daemon expects in the YANG models. The tags it compiles against
+// and the value and key types its replies carry are checked by confd-emu in the providers'
+// end-to-end walks (test_tcp, test_udp, ...).
 #include "model_schema.h"
-#include "nsgen.h"
 
-#ifdef LEISOBEK_OWN_NS_HEADERS // not with the SDK's headers, whose numbers are the SDK compiler's
-#include "IF-MIB.h"
-#include "IP-MIB.h"
-#include "TCP-MIB.h"
-#include "UDP-MIB.h"
-#include "ZAMREL-MODEL-MIB.h"
-#include "router-interfaces.h"
-#endif
-
-#include <cstdlib>
 #include <set>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 using emu::CpKind;
@@ -81,54 +69,4 @@ TEST(ModelCatalogue, EveryCallpointOnItsNodeWithItsKind)
     for (const SchemaNode *n : models().all())
         EXPECT_TRUE(n->cpkind == CpKind::None || names.count(n->callpoint))
             << "undeclared callpoint " << n->callpoint << " on " << path_of(n);
-}
-
-// The whole set of models yields namespace headers (no tag collision, no macro clash) holding every
-// node with its hash, and the numbers the daemon compiles against are the schema's: its tags match
-// what confd-emu sends.
-TEST(ModelCatalogue, NamespaceHeadersGenerate)
-{
-    char tmpl[] = "/tmp/leisobek-catalogue-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    std::string dir = tmpl, err;
-    EXPECT_TRUE(nsgen::generate(LEISOBEK_MODELS_DIR, dir, err)) << err;
-    for (const char *h : {"/IF-MIB.h", "/IP-MIB.h", "/TCP-MIB.h", "/UDP-MIB.h", "/UCD-SNMP-MIB.h",
-                          "/ENTITY-MIB.h", "/LLDP-MIB.h", "/ZAMREL-MODEL-MIB.h",
-                          "/SNMP-COMMUNITY-MIB.h", "/router-interfaces.h", "/aaa.h"})
-        EXPECT_EQ(access((dir + h).c_str(), R_OK), 0) << h;
-    std::system(("rm -rf '" + dir + "'").c_str());
-
-    const emu::Schema &s = models();
-    for (const auto &ns : s.namespaces()) {
-        if (ns.module != "TCP-MIB") continue;
-        std::string text;
-        ASSERT_TRUE(nsgen::module_header(s, ns, text, err)) << err;
-        for (const SchemaNode *n : s.all())
-            if (n->module == "TCP-MIB") {
-                EXPECT_NE(text.find("#define TCP_MIB_" + nsgen::c_ident(n->name) + " " +
-                                    std::to_string(n->tag) + "\n"),
-                          std::string::npos)
-                    << n->name;
-            }
-    }
-
-#ifdef LEISOBEK_OWN_NS_HEADERS
-    const std::string conn = "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry/";
-    const std::vector<std::pair<uint32_t, std::string>> tags = {
-        {TCP_MIB_tcpConnectionState, conn + "tcpConnectionState"},
-        {TCP_MIB_tcpHCInSegs, "/TCP-MIB/tcp/tcpHCInSegs"},
-        {UDP_MIB_udpEndpointProcess,
-         "/UDP-MIB/udpEndpointTable/udpEndpointEntry/udpEndpointProcess"},
-        {IF_MIB_ifIndex, "/IF-MIB/ifXTable/ifXEntry/ifIndex"},
-        {IP_MIB_ipAddressPrefixOrigin,
-         "/IP-MIB/ipAddressPrefixTable/ipAddressPrefixEntry/ipAddressPrefixOrigin"},
-        {ZAMREL_MODEL_MIB_hostName, "/ZAMREL-MODEL-MIB/basicMgt/hostName"},
-        {if_ifIndex, "/interfaces/interface/ifIndex"},
-    };
-    for (const auto &t : tags)
-        EXPECT_EQ(t.first, node(t.second)->tag) << t.second;
-    EXPECT_EQ(TCP_MIB__ns, node("/TCP-MIB")->ns);
-    EXPECT_EQ(UDP_MIB__ns, node("/UDP-MIB/udp")->ns);
-    EXPECT_EQ(if__ns, node("/interfaces")->ns);
-#endif
 }

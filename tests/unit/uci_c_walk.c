@@ -1,13 +1,10 @@
 /* Compiles uci.h as C11 and walks a package with its macros, so the API stays usable from C. */
-#include <string.h>
-
 #include <uci.h>
 
-/* Counts the package's sections, options and list items; returns the number of "ifname" options. */
-int uci_c_walk(struct uci_package *p, int *sections, int *options, int *items)
+/* Counts the package's sections, options and list items. */
+void uci_c_walk(struct uci_package *p, int *sections, int *options, int *items)
 {
     struct uci_element *se, *oe, *ie;
-    int ifnames = 0;
 
     *sections = *options = *items = 0;
     uci_foreach_element(&p->sections, se)
@@ -23,10 +20,7 @@ int uci_c_walk(struct uci_package *p, int *sections, int *options, int *items)
                 {
                     ++*items;
                 }
-            } else if (strcmp(oe->name, "ifname") == 0) {
-                ++ifnames;
             }
         }
     }
-    return ifnames;
 }
