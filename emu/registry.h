@@ -40,6 +40,8 @@ class Conn
     bool send(const std::string &payload);
     // Shuts the socket down both ways, so the peer sees end-of-file and our reader thread wakes up.
     void shut();
+    // What the connection's own thread has received; no other thread reads the socket.
+    confd_wire::FrameReader &frames() { return frames_; }
 
   private:
     const int fd_;
@@ -48,6 +50,7 @@ class Conn
     const uint16_t peer_port_;
     std::mutex send_mu_;
     bool broken_ = false; // a send failed; guarded by send_mu_
+    confd_wire::FrameReader frames_;
 };
 using ConnPtr = std::shared_ptr<Conn>;
 

@@ -186,7 +186,7 @@ void Server::serve(const ConnPtr &c)
     std::string hello;
     // A client that connects must say who it is promptly; one that does not is dropped (and
     // forgotten, as any other connection is when it ends).
-    if (int rc = confd_wire::recv_frame(c->fd(), hello, opt_.timeout_ms); rc != 1) {
+    if (int rc = c->frames().next(c->fd(), hello, opt_.timeout_ms); rc != 1) {
         if (rc < 0) log_close(*c, std::string("no hello: ") + std::strerror(errno));
         reg_.conn_closed(c, ConnKind{});
         return;
@@ -224,7 +224,7 @@ void Server::serve(const ConnPtr &c)
 
 bool Server::next_frame(const ConnPtr &c, std::string &payload)
 {
-    int rc = confd_wire::recv_frame(c->fd(), payload, -1);
+    int rc = c->frames().next(c->fd(), payload, -1);
     if (rc < 0) log_close(*c, std::strerror(errno));
     return rc == 1;
 }

@@ -99,3 +99,46 @@ TEST(WireFrames, FrameStraddlingTheTimeoutStaysWhole)
     EXPECT_EQ(got, w.payload());
     late.join();
 }
+
+// Verifies that the read-ahead reader hands out exactly the frames sent, however the stream is cut
+// into recvs: several frames in one write, a frame trickling in a byte at a time, a frame larger
+// than its first buffer; and that it says when a whole frame is already buffered.
+TEST(WireFrames, ReadAheadKeepsFramesWholeAcrossAnyCut)
+{
+    auto frame = [](const std::string &p) {
+        uint32_t n = static_cast<uint32_t>(p.size());
+        return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)} + p;
+    };
+    const std::vector<std::string> sent = {"one", "", std::string(70000, 'b'), "three"};
+    std::string stream;
+    for (const std::string &p : sent) stream += frame(p);
+    for (size_t piece : {stream.size(), size_t(1), size_t(4093)}) {
+        SocketPair sp;
+        std::thread writer([&] {
+            for (size_t at = 0; at < stream.size(); at += piece)
+                ASSERT_GT(write(sp.fd[0], stream.data() + at, std::min(piece, stream.size() - at)),
+                          0);
+            shutdown(sp.fd[0], SHUT_WR);
+        });
+        FrameReader in;
+        std::string got;
+        for (const std::string &p : sent) {
+            ASSERT_EQ(in.next(sp.fd[1], got, 2000), 1) << "piece " << piece;
+            EXPECT_EQ(got, p) << "piece " << piece;
+        }
+        EXPECT_EQ(in.next(sp.fd[1], got, 2000), 0);
+        EXPECT_FALSE(in.has_frame());
+        writer.join();
+    }
+    SocketPair sp;
+    std::string two = frame("a") + frame("b") + std::string("\xff\xff\xff\xff", 4);
+    ASSERT_EQ(write(sp.fd[0], two.data(), two.size()), ssize_t(two.size()));
+    FrameReader in;
+    std::string got;
+    ASSERT_EQ(in.next(sp.fd[1], got), 1);
+    EXPECT_TRUE(in.has_frame()) << "the second frame came with the first";
+    ASSERT_EQ(in.next(sp.fd[1], got), 1);
+    EXPECT_EQ(got, "b");
+    EXPECT_EQ(in.next(sp.fd[1], got), -1) << "an oversized length";
+    EXPECT_EQ(errno, EMSGSIZE);
+}

@@ -72,6 +72,23 @@ std::mutex &send_lock(int fd)
     return *m;
 }
 
+// What a socket has received beyond the frames read so far; reset when the fd is connected again.
+struct SocketReader {
+    std::mutex mu;
+    confd_wire::FrameReader frames;
+};
+std::mutex g_readers_mu;
+std::unordered_map<int, std::unique_ptr<SocketReader>> g_readers;
+
+SocketReader &reader_of(int fd)
+{
+    std::lock_guard<std::mutex> lock(g_readers_mu);
+    auto &r = g_readers[fd];
+    if (!r)
+        r = std::make_unique<SocketReader>();
+    return *r;
+}
+
 } // namespace
 
 int debug_level() { return g_debug.load(std::memory_order_relaxed); }
@@ -122,9 +139,12 @@ bool send_payload(int fd, const std::string &payload)
     return confd_wire::send_frame(fd, payload);
 }
 
-int recv_payload(int fd, std::string &payload, int timeout_ms)
+int recv_payload(int fd, std::string &payload, int timeout_ms, bool read_ahead)
 {
-    int r = confd_wire::recv_frame(fd, payload, timeout_ms);
+    SocketReader &rd = reader_of(fd);
+    std::lock_guard<std::mutex> lock(rd.mu);
+    int r = read_ahead || !rd.frames.empty() ? rd.frames.next(fd, payload, timeout_ms)
+                                             : confd_wire::recv_frame(fd, payload, timeout_ms);
     if (r == 1 && debug_on(CONFD_PROTO_TRACE))
         logf(CONFD_PROTO_TRACE, "fd %d recv %s (%zu bytes)", fd, op_name(payload).c_str(),
              payload.size());
@@ -133,8 +153,21 @@ int recv_payload(int fd, std::string &payload, int timeout_ms)
     return r;
 }
 
+bool frame_pending(int fd)
+{
+    SocketReader &rd = reader_of(fd);
+    std::lock_guard<std::mutex> lock(rd.mu);
+    return rd.frames.has_frame();
+}
+
 int connect_socket(int sock, const struct sockaddr *srv, int srv_sz)
 {
+    {
+        // A new connection on a reused descriptor: nothing of the old one is left to read.
+        SocketReader &rd = reader_of(sock);
+        std::lock_guard<std::mutex> lock(rd.mu);
+        rd.frames.clear();
+    }
     if (srv == nullptr || srv_sz <= 0)
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "no server address given");
     int r;

@@ -690,23 +690,33 @@ try {
     if (fd < 0 || (fd != st->ctl_fd && st->workers.count(fd) == 0))
         return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "fd %d is not a socket of daemon %s", fd,
                               dx->name);
+    // One recv takes whatever has arrived; every whole frame it brought is served before the
+    // caller polls again, since the socket is no longer readable for them.
     std::string payload;
-    int r = recv_payload(fd, payload, -1);
-    if (r == 0) {
-        confd_lib_fail(CONFD_ERR_EOF, "ConfD closed socket %d", fd);
-        return CONFD_EOF;
-    }
-    if (r < 0)
-        return confd_lib_fail(CONFD_ERR_OS, "reading socket %d: %s", fd, strerror(errno));
-    Reader rd(payload);
-    switch (rd.op()) {
-    case Op::TransInit: return serve_trans_init(dx, st, fd, rd);
-    case Op::TransCall: return serve_trans_call(dx, st, fd, rd);
-    case Op::DataCall: return serve_data_call(st, fd, rd);
-    default:
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "unexpected %s frame on socket %d",
-                              op_name(payload).c_str(), fd);
-    }
+    int ret = CONFD_OK;
+    do {
+        int r = recv_payload(fd, payload, -1, true);
+        if (r == 0) {
+            confd_lib_fail(CONFD_ERR_EOF, "ConfD closed socket %d", fd);
+            return CONFD_EOF;
+        }
+        if (r < 0)
+            return confd_lib_fail(CONFD_ERR_OS, "reading socket %d: %s", fd, strerror(errno));
+        Reader rd(payload);
+        int rc;
+        switch (rd.op()) {
+        case Op::TransInit: rc = serve_trans_init(dx, st, fd, rd); break;
+        case Op::TransCall: rc = serve_trans_call(dx, st, fd, rd); break;
+        case Op::DataCall: rc = serve_data_call(st, fd, rd); break;
+        default:
+            rc = confd_lib_fail(CONFD_ERR_PROTOUSAGE, "unexpected %s frame on socket %d",
+                                op_name(payload).c_str(), fd);
+        }
+        // A failed callback does not leave the frames behind it unserved; the last failure is
+        // what the caller sees.
+        if (rc != CONFD_OK) ret = rc;
+    } while (ret != CONFD_EOF && frame_pending(fd));
+    return ret;
 } catch (...) {
     return libconfd::caught(__func__, CONFD_ERR);
 }

@@ -31,7 +31,15 @@ std::string op_name(const std::string &payload);
 bool send_payload(int fd, const std::string &payload);
 
 // Receives one frame and traces it. 1 frame, 0 peer closed, -1 error/time-out.
-int recv_payload(int fd, std::string &payload, int timeout_ms);
+// With read_ahead one recv takes whatever has arrived, and bytes of later
+// frames are kept for the next call: only for a socket whose reader drains
+// frame_pending() before it polls again (the daemon's sockets in
+// confd_fd_ready). Otherwise frames are read with exact-sized recvs, so that
+// an application's poll() on the socket sees every frame not yet read.
+int recv_payload(int fd, std::string &payload, int timeout_ms, bool read_ahead = false);
+
+// A whole frame of fd is already received (see recv_payload).
+bool frame_pending(int fd);
 
 // connect() that retries EINTR. CONFD_OK, or CONFD_ERR with CONFD_ERR_OS.
 int connect_socket(int sock, const struct sockaddr *srv, int srv_sz);

@@ -374,4 +374,75 @@ int recv_frame(int fd, std::string &payload, int timeout_ms)
     return 1;
 }
 
+size_t FrameReader::frame_size() const
+{
+    if (tail_ - head_ < 4) return 0;
+    const unsigned char *h = reinterpret_cast<const unsigned char *>(buf_.data() + head_);
+    uint32_t n = uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3];
+    return 4 + size_t(n);
+}
+
+bool FrameReader::has_frame() const
+{
+    size_t need = frame_size();
+    return need != 0 && (need - 4 > kMaxFrame || tail_ - head_ >= need);
+}
+
+int FrameReader::next(int fd, std::string &payload, int timeout_ms)
+{
+    int64_t deadline = timeout_ms < 0 ? -1 : now_ms() + timeout_ms;
+    bool begun = false;
+    for (;;) {
+        size_t need = frame_size();
+        if (need != 0 && need - 4 > kMaxFrame) {
+            errno = EMSGSIZE;
+            return -1;
+        }
+        if (need != 0 && tail_ - head_ >= need) {
+            payload.assign(buf_.data() + head_ + 4, need - 4);
+            head_ += need;
+            if (head_ == tail_) {
+                head_ = tail_ = 0;
+                // A large frame's room goes back once it is read.
+                if (buf_.size() > (1u << 20)) std::vector<char>().swap(buf_);
+            }
+            return 1;
+        }
+        // Part of a frame is in: the rest gets the grace period, as in recv_frame.
+        if (tail_ > head_ && !begun) {
+            begun = true;
+            deadline = std::max(deadline, now_ms() + kFrameGraceMs);
+        }
+        if (head_ > 0) { // keep the unread bytes at the front
+            std::memmove(buf_.data(), buf_.data() + head_, tail_ - head_);
+            tail_ -= head_;
+            head_ = 0;
+        }
+        // Room for what has arrived: 64 KiB, or up to the frame's end, doubling with the
+        // bytes received so a large announced length costs memory only as it arrives.
+        size_t want = std::max<size_t>(65536, std::min(need, 2 * std::max<size_t>(tail_, 4096)));
+        if (buf_.size() < want) buf_.resize(want);
+        if (deadline >= 0) {
+            int64_t left = deadline - now_ms();
+            struct pollfd pfd = {fd, POLLIN, 0};
+            int r = left > 0 ? poll(&pfd, 1, static_cast<int>(left)) : 0;
+            if (r < 0 && errno == EINTR) continue;
+            if (r < 0) return -1;
+            if (r == 0) {
+                errno = ETIMEDOUT;
+                return -1;
+            }
+        }
+        ssize_t r = recv(fd, buf_.data() + tail_, buf_.size() - tail_, 0);
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) return -1;
+        if (r == 0) {
+            if (tail_ == 0) return 0;
+            errno = ECONNRESET;
+            return -1;
+        }
+        tail_ += static_cast<size_t>(r);
+    }
+}
+
 } // namespace confd_wire

@@ -328,4 +328,28 @@ bool send_frame(int fd, const std::string &payload);
 // error, a time-out (errno ETIMEDOUT) or an oversized frame.
 int recv_frame(int fd, std::string &payload, int timeout_ms = -1);
 
+// Reads the frames of one socket with as few system calls as the data
+// allows: a recv takes whatever has arrived (up to 64 KiB, or what the frame
+// under way still needs), and frames already received are handed out without
+// another call. A request then costs one recv instead of three. Bytes of a
+// later frame may stay buffered: a caller that waits for readability with
+// poll() must drain has_frame() first. Not thread-safe: one reader a socket.
+class FrameReader
+{
+public:
+    // As recv_frame; with timeout_ms < 0 and nothing buffered, the first recv
+    // blocks without a poll (the caller has polled already).
+    int next(int fd, std::string &payload, int timeout_ms = -1);
+    // A whole frame is buffered (or an oversized one is announced).
+    bool has_frame() const;
+    bool empty() const { return head_ == tail_; }
+    // Forgets what is buffered (the socket was closed or replaced).
+    void clear() { head_ = tail_ = 0; }
+
+private:
+    size_t frame_size() const; // 4 + announced length; 0 before the header
+    std::vector<char> buf_;
+    size_t head_ = 0, tail_ = 0; // unread bytes are buf_[head_, tail_)
+};
+
 } // namespace confd_wire
