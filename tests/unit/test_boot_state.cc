@@ -29,8 +29,8 @@ class BootStateTest : public ::testing::Test
     FixtureEnv env_;
 };
 
-// Verifies that a marker that exists but cannot be opened (here a socket,
-// which open() refuses even to root) announces nothing and stays.
+// Verifies that a marker that exists but cannot be opened (here a socket, which open() refuses even
+// to root) announces nothing and stays.
 TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
 {
     env_.write(BOOT_STATE_MARKER, "");
@@ -50,8 +50,8 @@ TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
     close(s);
 }
 
-// Verifies that the scan stops at the first line holding "warmstart" and
-// reads long lines in 99-character pieces.
+// Verifies that the scan stops at the first line holding "warmstart" and reads long lines in
+// 99-character pieces.
 TEST(BootStateScanTest, StopsAtWarmstartLine)
 {
     char text[] = "x\nthis is a warmstart\nrest\n";

@@ -9,10 +9,10 @@
 namespace
 {
 
-// Verifies that the section reader finds the values line of a real-looking
-// /proc/net/snmp by its exact prefix (Udp is not UdpLite, Icmp not IcmpMsg),
-// passes over a header whose values do not follow, and fails on a missing
-// section or file, and on a buffer too small to read a line (without spinning).
+// Verifies that the section reader finds the values line of a real-looking /proc/net/snmp by its
+// exact prefix (Udp is not UdpLite, Icmp not IcmpMsg), passes over a header whose values do not
+// follow, and fails on a missing section or file, and on a buffer too small to read a line (without
+// spinning).
 TEST(ReadSnmpSection, FindsTheValuesLine)
 {
     char buffer[8192];
@@ -39,10 +39,9 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     fclose(in);
 }
 
-// Verifies socket owner resolution on a fake /proc: only numeric process
-// directories count, only "socket:[N]" links shorter than 63 bytes, the
-// first pair of a repeated inode gets the owner and inode 0 never does;
-// with inodes too far apart for a table over their span as well.
+// Verifies socket owner resolution on a fake /proc: only numeric process directories count, only
+// "socket:[N]" links shorter than 63 bytes, the first pair of a repeated inode gets the owner and
+// inode 0 never does; with inodes too far apart for a table over their span as well.
 TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
 {
     fake_proc proc;
@@ -69,8 +68,8 @@ TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
     EXPECT_EQ(far[2].process + far[3].process, 0u);
 }
 
-// Verifies the match count: a socket shared by two processes counts twice,
-// and the walk stops once as many links matched as there are pairs.
+// Verifies the match count: a socket shared by two processes counts twice, and the walk stops once
+// as many links matched as there are pairs.
 TEST(MapSocketPids, StopsWhenEverySocketIsResolved)
 {
     fake_proc proc;

@@ -69,8 +69,8 @@ class IfStateTest : public ::testing::Test
     FixtureEnv env_;
 };
 
-// Verifies the tokenizer: empty fields are returned, and text after the last
-// delimiter is never returned.
+// Verifies the tokenizer: empty fields are returned, and text after the last delimiter is never
+// returned.
 TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
 {
     char line[] = "a,,b\nc";
@@ -81,9 +81,8 @@ TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
     EXPECT_EQ(if_state_token(nullptr, ",\n"), nullptr);
 }
 
-// Verifies one refresh over the three files: the line kinds, a duplicate
-// name, the decimal MAC, a non-numeric counter, the walk order and that the
-// wireless file is read only on a wireless model.
+// Verifies one refresh over the three files: the line kinds, a duplicate name, the decimal MAC, a
+// non-numeric counter, the walk order and that the wireless file is read only on a wireless model.
 TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
 {
     files(v4("br-lan", 5, "10", "12a") + "v6,br-lan,whatever,\n" + "ppp,PPTP,\n" + v4("br-lan", 3) +
@@ -120,9 +119,8 @@ TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
     EXPECT_EQ(walk_order().size(), 7u);
 }
 
-// Verifies that unicast and multicast counts run on by line position across
-// refreshes, whatever interface holds the position, and that the WAN ports
-// overwrite the rows after the last IPv4 line.
+// Verifies that unicast and multicast counts run on by line position across refreshes, whatever
+// interface holds the position, and that the WAN ports overwrite the rows after the last IPv4 line.
 TEST_F(IfStateTest, CountersAccumulateByPosition)
 {
     files(v4("a", 1, "10") + v4("b", 2, "100"));
@@ -146,8 +144,8 @@ TEST_F(IfStateTest, CountersAccumulateByPosition)
     EXPECT_EQ(ucast("b"), 42u);
 }
 
-// Verifies the limits: at most 256 lines are taken, and IPv4 lines beyond
-// the 50 counter rows keep the file's counts.
+// Verifies the limits: at most 256 lines are taken, and IPv4 lines beyond the 50 counter rows keep
+// the file's counts.
 TEST_F(IfStateTest, LinesBeyondTheTablesAreIgnored)
 {
     std::string iface, lan;
@@ -163,9 +161,8 @@ TEST_F(IfStateTest, LinesBeyondTheTablesAreIgnored)
     EXPECT_GE(ucast("v5"), 6u);
 }
 
-// Verifies the staleness rule (10 seconds still fresh, 11 not, either way)
-// and that a missing file fails the refresh but leaves the last count and
-// walk order in force.
+// Verifies the staleness rule (10 seconds still fresh, 11 not, either way) and that a missing file
+// fails the refresh but leaves the last count and walk order in force.
 TEST_F(IfStateTest, StalenessAndMissingFiles)
 {
     EXPECT_EQ(if_state_cache_stale(), 1);
@@ -213,9 +210,9 @@ class IfStateProviderTest : public provider_test
     FixtureEnv env_;
 };
 
-// Verifies ifType by interface name (prefix tests for USB and VLAN, whole
-// names otherwise; none for an unknown name), and no instance for a status
-// below 1, an unknown interface or a leaf that is not served.
+// Verifies ifType by interface name (prefix tests for USB and VLAN, whole names otherwise; none for
+// an unknown name), and no instance for a status below 1, an unknown interface or a leaf that is
+// not served.
 TEST_F(IfStateProviderTest, LeavesOfTheInterfaceTable)
 {
     const std::vector<std::pair<std::string, std::string>> types = {

@@ -42,10 +42,9 @@ const char netstat_text[] = "TcpExt: SyncookiesSent PruneCalled\n"
                             "IpExt: InNoRoutes InTruncatedPkts InMcastPkts\n"
                             "IpExt: 3 0 18446744073709551615\n";
 
-// Verifies the section reader on /proc/net/snmp and /proc/net/netstat text:
-// the section is found by substring (not by line start, so "Ip:" skips
-// "IcmpMsg:" and "IpExt:" skips "TcpExt:"), 64-bit values are kept whole, and
-// a missing value line, a short value line or a headless file fail; a
+// Verifies the section reader on /proc/net/snmp and /proc/net/netstat text: the section is found by
+// substring (not by line start, so "Ip:" skips "IcmpMsg:" and "IpExt:" skips "TcpExt:"), 64-bit
+// values are kept whole, and a missing value line, a short value line or a headless file fail; a
 // two-line file is read whole without a section name, a longer one is not.
 TEST(IpKit, ReadStatSection)
 {
@@ -63,8 +62,8 @@ TEST(IpKit, ReadStatSection)
     EXPECT_EQ(pairs_of(snmp_text, nullptr), "fail");
 }
 
-// Verifies the name/value reader on /proc/net/snmp6 text: names with digits,
-// blank and valueless lines skipped, an empty file a failure.
+// Verifies the name/value reader on /proc/net/snmp6 text: names with digits, blank and valueless
+// lines skipped, an empty file a failure.
 TEST(IpKit, ReadStatPairs)
 {
     EXPECT_EQ(pairs_of("Ip6InReceives                   \t1\n"
@@ -77,9 +76,9 @@ TEST(IpKit, ReadStatPairs)
     EXPECT_EQ(pairs_of("\n  \n", nullptr, true), "fail");
 }
 
-// Verifies the widening of 32-bit counters: from zero the total is the raw
-// value, a wrap from 4294967290 to 5 adds 11, a counter that restarts lower
-// counts as a wrap, and a raw value beyond 32 bits is cut to them.
+// Verifies the widening of 32-bit counters: from zero the total is the raw value, a wrap from
+// 4294967290 to 5 adds 11, a counter that restarts lower counts as a wrap, and a raw value beyond
+// 32 bits is cut to them.
 TEST(IpKit, WidenCounter)
 {
     uint32_t last = 0;
@@ -108,8 +107,8 @@ std::string hex(const ip_addr_value &a)
     return out;
 }
 
-// Verifies prefix masks on an all-ones IPv6 and IPv4 address at the byte
-// boundaries and one bit either side of them.
+// Verifies prefix masks on an all-ones IPv6 and IPv4 address at the byte boundaries and one bit
+// either side of them.
 TEST(IpKit, MaskPrefix)
 {
     const std::map<int, std::string> v6 = {
@@ -138,10 +137,9 @@ TEST(IpKit, MaskPrefix)
     EXPECT_EQ(mask_prefix(nullptr, 8), -1);
 }
 
-// Verifies the index orders: an address's length sorts before its bytes
-// (a 4-byte address before any 16-byte one, whatever the type value says
-// otherwise), two IPv6 rows differ by their last byte, and ifIndex compares
-// as a signed number.
+// Verifies the index orders: an address's length sorts before its bytes (a 4-byte address before
+// any 16-byte one, whatever the type value says otherwise), two IPv6 rows differ by their last
+// byte, and ifIndex compares as a signed number.
 TEST(IpKit, IndexOrders)
 {
     ip_address_entry a{}, b{};
@@ -166,9 +164,9 @@ TEST(IpKit, IndexOrders)
     EXPECT_LT(ip_if_stats_compare(&x, &y), 0);
 }
 
-// Verifies IPv6 rows from if_inet6 lines: status, origin and storage type
-// from the address flags (permanent, temporary, deprecated, tentative, none,
-// other) and the link-local prefix; a line short of fields is refused.
+// Verifies IPv6 rows from if_inet6 lines: status, origin and storage type from the address flags
+// (permanent, temporary, deprecated, tentative, none, other) and the link-local prefix; a line
+// short of fields is refused.
 TEST(IpKit, AddressRowsFromInet6Lines)
 {
     struct {
