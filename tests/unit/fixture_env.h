@@ -1,9 +1,9 @@
 // A fixture tree in place of the router's fixed paths and scripts, for in-process tests.
 //
-// While a FixtureEnv lives, the daemon's fixed paths resolve below a fresh temporary root, and every
-// command it runs is recorded and run by /bin/sh with "/usr/bin/" rewritten to the root's usr/bin
-// and that directory first on PATH. A command naming a /usr/bin script that the test did not
-// provide cannot start (the shell finds no such file), so no real router script runs.
+// While a FixtureEnv lives, the daemon's fixed paths resolve below a fresh temporary root, and
+// every command it runs is recorded and run by /bin/sh with "/usr/bin/" rewritten to the root's
+// usr/bin and that directory first on PATH. A command naming a /usr/bin script that the test did
+// not provide cannot start (the shell finds no such file), so no real router script runs.
 #pragma once
 
 #include "core/sysenv.h"

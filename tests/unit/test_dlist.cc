@@ -33,7 +33,9 @@ TEST(DlistTest, InsertFindAndRemoveKeepBothDirectionsInStep)
     struct dlist *head = dlist_new();
     ASSERT_NE(head, nullptr);
     EXPECT_TRUE(dlist_is_empty(head));
-    EXPECT_EQ(dlist_find(head, [](void *, void *) -> int { abort(); }, nullptr), nullptr);
+    EXPECT_EQ(dlist_find(
+                  head, [](void *, void *) -> int { abort(); }, nullptr),
+              nullptr);
 
     int v[] = {10, 20, 30, 40, 20}, absent = 99;
     struct dlist *n20 = dlist_insert_before(head, &v[1]);

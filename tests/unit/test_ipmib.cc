@@ -30,7 +30,10 @@ class IpProviderTest : public provider_test
         cbs_ = confd_inproc_data_cbs(dx_, callpoint);
         ASSERT_NE(cbs_, nullptr);
     }
-    void write(const std::string &relative, const std::string &text) { proc_.write(relative, text); }
+    void write(const std::string &relative, const std::string &text)
+    {
+        proc_.write(relative, text);
+    }
     // /proc/net/snmp, netstat and snmp6 with the given IPv4 InReceives.
     void write_system_counters(const std::string &in_receives)
     {

@@ -147,9 +147,9 @@ TEST(IpNetlink, NeighbourDump)
               "20 2 fe800000000000000000000000000001 0 1 2");
 
     rows.list.count = 0;
-    bytes error = join({neigh(AF_INET, 1, NUD_REACHABLE, 0, {attr(NDA_DST, v4)}),
-                        message(NLMSG_ERROR, int32_t(0), {}),
-                        neigh(AF_INET, 2, NUD_REACHABLE, 0, {})});
+    bytes error =
+        join({neigh(AF_INET, 1, NUD_REACHABLE, 0, {attr(NDA_DST, v4)}),
+              message(NLMSG_ERROR, int32_t(0), {}), neigh(AF_INET, 2, NUD_REACHABLE, 0, {})});
     EXPECT_EQ(rtnl_walk(error.data(), error.size(), parse_neigh_msg, &rows.list), -1);
     EXPECT_EQ(rows.list.count, 1);
 }

@@ -1,4 +1,5 @@
-// Unit tests of the "snmp_lldp_stats" provider, driven through its callbacks on a fixture neighbour file.
+// Unit tests of the "snmp_lldp_stats" provider, driven through its callbacks on a fixture neighbour
+// file.
 #include "mibs/lldpmib.h"
 #include "fixture_env.h"
 #include "provider_driver.h"
