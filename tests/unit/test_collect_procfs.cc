@@ -66,15 +66,12 @@ TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
     EXPECT_EQ(far[0].process, 100u);
     EXPECT_EQ(far[1].process, 200u);
     EXPECT_EQ(far[2].process + far[3].process, 0u);
-}
 
-// Verifies the match count: a socket shared by two processes counts twice, and the walk stops once
-// as many links matched as there are pairs.
-TEST(MapSocketPids, StopsWhenEverySocketIsResolved)
-{
-    fake_proc proc;
-    proc.link_fd("100", "3", "socket:[7]");
-    proc.link_fd("200", "3", "socket:[7]");
+    // A socket shared by two processes counts twice; the walk stops once as many links matched
+    // as there are pairs.
+    fake_proc shared;
+    shared.link_fd("100", "3", "socket:[7]");
+    shared.link_fd("200", "3", "socket:[7]");
     socket_pid_pair one[] = {{7, 0}};
     EXPECT_EQ(map_socket_pids(one, 1), 1u);
     socket_pid_pair two[] = {{7, 0}, {8, 0}};
