@@ -9,10 +9,8 @@
 namespace
 {
 
-// Verifies that the section reader finds the values line of a real-looking /proc/net/snmp by its
-// exact prefix (Udp is not UdpLite, Icmp not IcmpMsg), passes over a header whose values do not
-// follow, and fails on a missing section or file, and on a buffer too small to read a line (without
-// spinning).
+// Verifies that the section reader finds the values line by its exact prefix, passes over a header
+// without values, and fails on a missing section or file and on a one-byte buffer (not spinning).
 TEST(ReadSnmpSection, FindsTheValuesLine)
 {
     char buffer[8192];
@@ -39,9 +37,8 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     fclose(in);
 }
 
-// Verifies socket owner resolution on a fake /proc: only numeric process directories count, only
-// "socket:[N]" links shorter than 63 bytes, the first pair of a repeated inode gets the owner and
-// inode 0 never does; with inodes too far apart for a table over their span as well.
+// Verifies socket owner resolution: numeric process directories and "socket:[N]" links under 63
+// bytes only, the first of a repeated inode owned, inode 0 never; near and far-apart inodes.
 TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
 {
     fake_proc proc;

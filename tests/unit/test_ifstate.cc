@@ -200,9 +200,8 @@ class IfStateProviderTest : public provider_test
     IfStateEnv env_;
 };
 
-// Verifies ifType by interface name (prefix tests for USB and VLAN, whole names otherwise; none for
-// an unknown name), and no instance for a status below 1, an unknown interface or a leaf that is
-// not served.
+// Verifies ifType by interface name (USB and VLAN by prefix), and no instance for a status below
+// 1, an unknown interface or a leaf that is not served.
 TEST_F(IfStateProviderTest, LeavesOfTheInterfaceTable)
 {
     const std::vector<std::pair<std::string, std::string>> types = {

@@ -103,10 +103,8 @@ const bytes mac = {0x02, 0, 0, 0, 0, 0x2a};
 const bytes v4 = {192, 168, 1, 2};
 const bytes v6 = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
 
-// Verifies the neighbour dump walk: three datagrams, the end marker alone in the last; another
-// family skipped; the type and state mapping (reachable, failed, no-ARP and permanent all answer
-// reachable); an attribute past the datagram's edge ignored; an error message ends the walk with
-// -1, the rows before it kept.
+// Verifies the neighbour dump walk over three datagrams: another family skipped, the type and
+// state mapping, an attribute past the datagram's edge ignored, an error message ending it with -1.
 TEST(IpNetlink, NeighbourDump)
 {
     owned_list rows(sizeof(ip_net_phys_entry), ip_net_phys_compare, 16);
@@ -210,9 +208,8 @@ bytes address(uint8_t family, uint8_t prefix_len, uint8_t flags, int ifindex, co
     return message(RTM_NEWADDR, ifa, more);
 }
 
-// Verifies ipAddressPrefixTable rows from an address dump: the prefix masked to its length, the
-// origins, lifetimes only from cache information, the fixed flags; a truncated attribute at the
-// datagram's edge; two addresses of one prefix that sort first give one row.
+// Verifies ipAddressPrefixTable rows from an address dump: masked prefixes, origins, lifetimes,
+// fixed flags; a truncated attribute; two addresses of one prefix that sort first give one row.
 TEST(IpNetlink, AddressPrefixes)
 {
     const bytes global = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};

@@ -43,10 +43,8 @@ const char netstat_text[] = "TcpExt: SyncookiesSent PruneCalled\n"
                             "IpExt: InNoRoutes InTruncatedPkts InMcastPkts\n"
                             "IpExt: 3 0 18446744073709551615\n";
 
-// Verifies the section reader on /proc/net/snmp and /proc/net/netstat text: the section is found by
-// substring (not by line start, so "Ip:" skips "IcmpMsg:" and "IpExt:" skips "TcpExt:"), 64-bit
-// values are kept whole, and a missing value line, a short value line or a headless file fail; a
-// two-line file is read whole without a section name, a longer one is not.
+// Verifies the section reader: a section found by substring ("Ip:" skips "IcmpMsg:"), 64-bit values
+// whole, missing, short or headless sections failing; a two-line file read without a name.
 TEST(IpKit, ReadStatSection)
 {
     EXPECT_EQ(pairs_of(snmp_text, "Ip:"),
@@ -77,9 +75,8 @@ TEST(IpKit, ReadStatPairs)
     EXPECT_EQ(pairs_of("\n  \n", nullptr, true), "fail");
 }
 
-// Verifies the widening of 32-bit counters: from zero the total is the raw value, a wrap from
-// 4294967290 to 5 adds 11, a counter that restarts lower counts as a wrap, and a raw value beyond
-// 32 bits is cut to them.
+// Verifies counter widening: a wrap (or a restart lower) adds the way round; a raw value beyond 32
+// bits is cut to them.
 TEST(IpKit, WidenCounter)
 {
     uint32_t last = 0;
@@ -129,9 +126,8 @@ TEST(IpKit, MaskPrefix)
     EXPECT_EQ(mask_prefix(nullptr, 8), -1);
 }
 
-// Verifies the index orders: an address's length sorts before its bytes (a 4-byte address before
-// any 16-byte one, whatever the type value says otherwise), two IPv6 rows differ by their last
-// byte, and ifIndex compares as a signed number.
+// Verifies the index orders: an address's length before its bytes whatever the type says, and a
+// signed ifIndex.
 TEST(IpKit, IndexOrders)
 {
     ip_address_entry a{}, b{};
@@ -156,9 +152,8 @@ TEST(IpKit, IndexOrders)
     EXPECT_LT(ip_if_stats_compare(&x, &y), 0);
 }
 
-// Verifies IPv6 rows from if_inet6 lines: status, origin and storage type from the address flags
-// (permanent, temporary, deprecated, tentative, none, other) and the link-local prefix; a line
-// short of fields is refused.
+// Verifies IPv6 rows from if_inet6 lines: status, origin and storage from the flags and the
+// link-local prefix; a line short of fields is refused.
 TEST(IpKit, AddressRowsFromInet6Lines)
 {
     struct {

@@ -53,9 +53,8 @@ TEST(UcdSysStatsParse, Cases)
     }
 }
 
-// Verifies the meminfo rules: names matched anywhere in a line, a later match overwriting an
-// earlier one (SwapCached decides memCached, the last Shmem line memShared), memTotalFree = MemFree
-// + SwapFree, fixed fields.
+// Verifies the meminfo rules: names matched anywhere in a line, the later match winning,
+// memTotalFree = MemFree + SwapFree, the fixed fields.
 TEST(UcdMemoryParse, LaterMatchesWin)
 {
     ucd_memory m;
