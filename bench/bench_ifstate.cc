@@ -1,27 +1,19 @@
 // Benchmark: IF-MIB walks against the number of interfaces in the statistics files.
 //
-// Runs in private network, mount and pid namespaces (as root): confd-emu on
-// 127.0.0.1:4565, the real leisobek, and a statistics script on an overlay of
-// /usr/bin that copies N interfaces (half layer-3 lines, a quarter WAN and a
-// quarter LAN ports) into /tmp/stats and counts its runs. For every N it
-// checks that a full walk of ifTable and ifXTable runs the script once, then
-// walks both tables again from the cache and reports the daemon main
-// thread's run time (/proc/<pid>/schedstat) per request: it must stay flat as
-// N grows, since each answer is one lookup in the sorted records.
+// In private namespaces (as root), a statistics script on an overlay of /usr/bin copies N
+// interfaces (half layer-3 lines, a quarter WAN and a quarter LAN ports) into /tmp/stats and counts
+// its runs. For every N it checks that a full walk of ifTable and ifXTable runs the script once,
+// then walks both tables again from the cache and reports the daemon main thread's run time per
+// request: it must stay flat as N grows, since each answer is one lookup in the sorted records.
 //   bench_ifstate [--sizes 8,16,32,64] [--walks N]
 #include "bench_util.h"
 
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace
 {
@@ -75,26 +67,21 @@ size_t script_runs()
     return static_cast<size_t>(std::count(runs.begin(), runs.end(), '\n'));
 }
 
-// Walks a table; returns the number of requests it made (one get_next per row and the end, one
-// get_elem per leaf printed), or -1.
-long walk(const char *table)
+// The number of requests a walk made (one get_next per row and the end, one get_elem per leaf
+// printed), or -1 when it failed.
+long requests_of(const harness::CmdResult &r)
 {
-    harness::CmdResult r = bench::cli({"walk", table}, 60000);
     if (r.exit_code != 0 || r.out.compare(0, 1, "[") != 0) return -1;
-    // Every value printed, key or leaf, carries a type; each row has one key: the get_next
-    // requests and the get_elem ones together are one more than the values.
+    // Every value printed, key or leaf, carries a type; each row has one key: the get_next requests
+    // and the get_elem ones together are one more than the values.
     return long(bench::count_of(r.out, "\"type\":")) + 1;
 }
 
 int run(const std::vector<int> &sizes, int walks)
 {
-    if (!install_script()) return 1;
+    if (!install_script()) return 2;
     harness::Emu emu({"--port", "4565"});
-    std::string err;
-    if (!emu.start(err)) {
-        fprintf(stderr, "confd-emu: %s\n", err.c_str());
-        return 1;
-    }
+    if (!bench::start_emu(emu, "bench_ifstate")) return 2;
     printf("%6s %12s %10s %14s %22s\n", "ifaces", "script runs", "requests", "main thread ms",
            "us per request (min)");
     for (int n : sizes) {
@@ -102,20 +89,22 @@ int run(const std::vector<int> &sizes, int walks)
         unlink("/tmp/runs");
         bench::daemon_process daemon;
         pid_t pid = daemon.pid();
-        bool ok = daemon.registered();
+        bool ok = daemon.registered("bench_ifstate");
         // The first walk of both tables refreshes the cache; the measured ones are answered from
         // it, all within the 10 seconds it stays fresh.
-        long first = ok ? walk(tables[0]) + walk(tables[1]) : -1;
+        long first = ok ? requests_of(bench::cli({"walk", tables[0]})) +
+                              requests_of(bench::cli({"walk", tables[1]}))
+                        : -1;
         size_t runs = script_runs();
-        // Other work on the machine shows as noise in single walks; the
-        // fastest walk tells the daemon's own cost best.
+        // Other work on the machine shows as noise in single walks; the fastest walk tells the
+        // daemon's own cost best.
         long requests = 0;
         double spent = 0, best = 1e9;
         for (int i = 0; i < walks && first > 0; i++) {
             for (const char *table : tables) {
-                double before = bench::main_thread_ms(pid);
-                long asked = walk(table);
-                double ms = bench::main_thread_ms(pid) - before;
+                harness::CmdResult r;
+                double ms = bench::request_ms(pid, {"walk", table}, &r);
+                long asked = requests_of(r);
                 requests += asked;
                 spent += ms;
                 best = std::min(best, 1000.0 * ms / static_cast<double>(asked));
@@ -143,16 +132,8 @@ int main(int argc, char **argv)
     std::vector<int> sizes = {8, 16, 32, 64};
     int walks = 3;
     for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--sizes") == 0) {
-            sizes.clear();
-            std::istringstream list(argv[i + 1]);
-            for (std::string s; std::getline(list, s, ',');)
-                sizes.push_back(std::stoi(s));
-        } else if (strcmp(argv[i], "--walks") == 0) {
-            walks = std::stoi(argv[i + 1]);
-        }
+        if (strcmp(argv[i], "--sizes") == 0) sizes = bench::parse_sizes(argv[i + 1]);
+        if (strcmp(argv[i], "--walks") == 0) walks = std::stoi(argv[i + 1]);
     }
-    int code = harness::run_in_namespaces([&] { return run(sizes, walks); });
-    if (code == harness::kNoNamespaces) fprintf(stderr, "needs root: private namespaces\n");
-    return code;
+    return bench::run_isolated("bench_ifstate", [&] { return run(sizes, walks); });
 }

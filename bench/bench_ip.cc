@@ -1,79 +1,37 @@
 // Benchmark: ipAddressTable and ipNetToPhysicalTable with many rows: completeness, walk CPU per
 // row, refresh CPU against the floor.
 //
-// Runs in private network, mount and pid namespaces (as root): confd-emu on
-// 127.0.0.1:4565, the real leisobek, and veth pairs carrying either N/2 IPv4
-// and N/2 IPv6 addresses (10 per interface, every IPv4 one with a broadcast
-// address) or N permanent IPv4 neighbours. For each N it checks that every
-// address or neighbour is listed once (each IPv4 address with its broadcast
-// row; each neighbour static and reachable), and measures from the daemon's
-// main thread (/proc/<pid>/schedstat):
-//   (a) one refresh: a get_next starting a walk 3 seconds after the last,
-//       less the same request answered from the cache;
-//   (b) one full walk through confd-emu, every column read, per row;
-// and, in this process, (c) the floor: for addresses one SIOCGIFCONF round,
-// one SIOCGIFINDEX per interface name and one read of /proc/net/if_inet6;
-// for neighbours one RTM_GETNEIGH dump read with the daemon's 32 KiB buffer.
+// In private namespaces (as root), with veth pairs carrying N/2 IPv4 and N/2 IPv6 addresses (10 per
+// interface, every IPv4 one with a broadcast address) or N permanent IPv4 neighbours, it checks
+// that every address or neighbour is listed once (each IPv4 address with its broadcast row; each
+// neighbour static and reachable) and measures from the daemon's main thread: (a) one refresh, less
+// the same request answered from the cache; (b) one full walk, per row; and in this process (c) the
+// floor: for addresses one SIOCGIFCONF round, one SIOCGIFINDEX per name and one read of
+// /proc/net/if_inet6; for neighbours one RTM_GETNEIGH dump read with a 32 KiB buffer.
 //
 // bench_ip [addresses|neighbours]: one table, or both.
-#include "harness.h"
+#include "bench_util.h"
 
-#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <memory>
 #include <fstream>
-#include <functional>
+#include <memory>
 #include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace
 {
 
-const char kTable[] = "/IP-MIB/ipAddressTable/ipAddressEntry";
 const int kPerInterface = 10;
 const int kRounds = 5;
 
-harness::CmdResult cli(const std::vector<std::string> &args)
-{
-    std::vector<std::string> argv = {harness::confd_emu_cli_path(), "--port", "4565"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return harness::run(argv, 600000);
-}
-
-// The main thread's run time of a process so far, in milliseconds.
-double cpu_ms(pid_t pid)
-{
-    std::istringstream in(harness::read_file("/proc/" + std::to_string(pid) + "/schedstat"));
-    long long ns = 0;
-    in >> ns;
-    return static_cast<double>(ns) / 1e6;
-}
-
-double process_cpu_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
-}
-
-// The least any refresh must read: the interface list (buffer doubled until
-// two answers agree), each name's index, and the IPv6 address file.
+// The least any refresh must read: the interface list (buffer doubled until two answers agree),
+// each name's index, and the IPv6 address file.
 void read_floor()
 {
     int sock = socket(AF_INET, SOCK_DGRAM, 0);
@@ -99,12 +57,11 @@ void read_floor()
         ioctl(sock, SIOCGIFINDEX, &r);
     }
     close(sock);
-    std::string text = harness::read_file("/proc/net/if_inet6");
-    (void)text;
+    harness::read_file("/proc/net/if_inet6");
 }
 
-// Adds addresses up to n (half IPv4, half IPv6), 10 per interface, on veth
-// pairs created as needed. Returns the IPv4 and IPv6 addresses in hex.
+// Adds addresses up to n (half IPv4, half IPv6) on veth pairs created as needed; their hex forms go
+// to v4 and v6.
 bool add_addresses(int n, std::set<std::string> &v4, std::set<std::string> &v6)
 {
     std::ofstream batch("/tmp/ip.batch");
@@ -127,15 +84,7 @@ bool add_addresses(int n, std::set<std::string> &v4, std::set<std::string> &v6)
     return harness::run({"/sbin/ip", "-batch", "/tmp/ip.batch"}).exit_code == 0;
 }
 
-// Sleeps until a walk is sure to refresh: the daemon keeps the whole second of its last refresh.
-void wait_until_due(time_t refreshed_at)
-{
-    while (time(nullptr) < refreshed_at + 3)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-}
-
-// The rows of a walk answer by scanning its JSON: the first nkeys key values,
-// then the value of each leaf named.
+// The rows of a walk's JSON: the first nkeys key values, then the value of each leaf named.
 std::vector<std::vector<std::string>> rows_of(const std::string &walk, int nkeys,
                                               const std::vector<std::string> &leaves)
 {
@@ -149,10 +98,8 @@ std::vector<std::vector<std::string>> rows_of(const std::string &walk, int nkeys
          at = walk.find("{\"keys\":", at + 1)) {
         std::vector<std::string> row;
         size_t v = at;
-        for (int k = 0; k < nkeys; k++) {
-            v = walk.find("\"value\":", v) + 8;
-            row.push_back(value_at(v - 8));
-        }
+        for (int k = 0; k < nkeys; k++, v = walk.find("\"value\":", v) + 8)
+            row.push_back(value_at(v));
         for (const std::string &leaf : leaves)
             row.push_back(value_at(walk.find("\"" + leaf + "\":", at)));
         rows.push_back(row);
@@ -160,8 +107,20 @@ std::vector<std::vector<std::string>> rows_of(const std::string &walk, int nkeys
     return rows;
 }
 
-// A table under test: its path, how rows are added up to n, the floor of a
-// refresh, and the check of a walk (false when a row is missing or wrong).
+// False, naming them, when any address of want is not listed exactly once.
+bool listed_once(const std::set<std::string> &want, const std::multiset<std::string> &listed)
+{
+    bool once = true;
+    for (const std::string &a : want)
+        if (listed.count(a) != 1) {
+            fprintf(stderr, "address %s listed %zu times\n", a.c_str(), listed.count(a));
+            once = false;
+        }
+    return once;
+}
+
+// A table under test: its path, how rows are added up to n, the floor of a refresh, and the check
+// of a walk (false when a row is missing or wrong).
 struct table_case {
     const char *name;
     const char *path;
@@ -177,12 +136,11 @@ table_case address_case()
     auto v4 = std::make_shared<std::set<std::string>>();
     auto v6 = std::make_shared<std::set<std::string>>();
     return {"addresses",
-            kTable,
+            "/IP-MIB/ipAddressTable/ipAddressEntry",
             "/IP-MIB/ipAddressTable/ipAddressEntry{1 7f000001}/ipAddressIfIndex",
             [=](int n) { return add_addresses(n, *v4, *v6); },
             read_floor,
             [=](const std::string &walk, double *count) {
-                bool complete = true;
                 std::multiset<std::string> unicast;
                 size_t broadcast = 0;
                 auto rows = rows_of(walk, 2, {"ipAddressType"});
@@ -192,13 +150,8 @@ table_case address_case()
                     else
                         unicast.insert(r[1]);
                 }
-                for (const std::set<std::string> *want : {v4.get(), v6.get()})
-                    for (const std::string &a : *want)
-                        if (unicast.count(a) != 1) {
-                            fprintf(stderr, "address %s listed %zu times\n", a.c_str(),
-                                    unicast.count(a));
-                            complete = false;
-                        }
+                bool complete = listed_once(*v4, unicast);
+                complete = listed_once(*v6, unicast) && complete;
                 if (broadcast != v4->size()) {
                     fprintf(stderr, "%zu broadcast rows for %zu IPv4 addresses\n", broadcast,
                             v4->size());
@@ -227,8 +180,7 @@ bool add_neighbours(int n, std::set<std::string> &want)
     return harness::run({"/sbin/ip", "-batch", "/tmp/neigh.batch"}).exit_code == 0;
 }
 
-// The floor of a neighbour refresh: one RTM_GETNEIGH dump read whole with
-// a 32 KiB buffer, nothing parsed.
+// The floor of a neighbour refresh: one RTM_GETNEIGH dump read whole with a 32 KiB buffer.
 void read_neighbour_floor()
 {
     static int sock = -1;
@@ -284,12 +236,7 @@ table_case neighbour_case()
                         complete = false;
                     }
                 }
-                for (const std::string &a : *want)
-                    if (listed.count(a) != 1) {
-                        fprintf(stderr, "neighbour %s listed %zu times\n", a.c_str(),
-                                listed.count(a));
-                        complete = false;
-                    }
+                complete = listed_once(*want, listed) && complete;
                 *count = static_cast<double>(rows.size());
                 return complete; // the kernel's own entries (multicast, lo) come too
             }};
@@ -299,8 +246,8 @@ struct figures {
     double rows = 0, refresh_ms = 0, floor_ms = 0, walk_ms = 0;
 };
 
-// Measures one table at each size with the daemon already running; false
-// when the table was incomplete or its walk cost per row grew beyond 1.5x.
+// Measures one table at each size with the daemon already running; false when the table was
+// incomplete or its walk cost per row grew beyond 1.5x.
 bool measure(pid_t daemon, table_case t, const std::vector<int> &sizes, time_t &refreshed_at,
              double refresh_bound)
 {
@@ -314,30 +261,24 @@ bool measure(pid_t daemon, table_case t, const std::vector<int> &sizes, time_t &
         figures f;
         std::vector<double> refresh, cached, floors, walks;
         for (int round = 0; round < kRounds + 1; round++) {
-            wait_until_due(refreshed_at);
-            // After the idle wait the daemon's caches are cold; a request
-            // that does not refresh warms them for the two that are compared.
-            cli({"get", t.warm});
-            double start = process_cpu_ms();
+            bench::wait_until_due(refreshed_at);
+            // After the idle wait the daemon's caches are cold; a request that does not refresh
+            // warms them for the two that are compared.
+            bench::cli({"get", t.warm});
+            double start = bench::process_cpu_ms();
             t.floor();
-            floors.push_back(process_cpu_ms() - start);
-            double before = cpu_ms(daemon);
-            cli({"next", t.path});
-            refresh.push_back(cpu_ms(daemon) - before);
+            floors.push_back(bench::process_cpu_ms() - start);
+            refresh.push_back(bench::request_ms(daemon, {"next", t.path}));
             refreshed_at = time(nullptr);
-            before = cpu_ms(daemon);
-            cli({"next", t.path});
-            cached.push_back(cpu_ms(daemon) - before);
-            before = cpu_ms(daemon);
-            harness::CmdResult w = cli({"walk", t.path});
-            walks.push_back(cpu_ms(daemon) - before);
+            cached.push_back(bench::request_ms(daemon, {"next", t.path}));
+            harness::CmdResult w;
+            walks.push_back(bench::request_ms(daemon, {"walk", t.path}, &w));
             if (round == 0) { // warm-up: the lists grow; checked, not measured
                 refresh.clear(), cached.clear(), floors.clear(), walks.clear();
                 complete = t.check(w.out, &f.rows) && complete;
             }
         }
-        // The machine is shared: the least of the rounds is the figure least
-        // disturbed by other work.
+        // The machine is shared: the least of the rounds is the least disturbed figure.
         auto least = [](const std::vector<double> &v) {
             return *std::min_element(v.begin(), v.end());
         };
@@ -374,33 +315,17 @@ int run_benchmark(const std::string &which)
 {
     std::ofstream("/proc/sys/net/ipv6/conf/default/accept_dad") << "0\n";
     harness::Emu emu({"--port", "4565"});
-    std::string why;
-    if (!emu.start(why)) {
-        fprintf(stderr, "bench_ip: confd-emu: %s\n", why.c_str());
-        return 2;
-    }
-    int err = open("/tmp/leisobek.err", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    pid_t daemon = harness::spawn({LEISOBEK_BIN}, err, err);
-    close(err);
-    bool registered = false;
-    for (int i = 0; i < 500 && !registered; i++) {
-        registered = cli({"status"}).out.find("\"registered\":true") != std::string::npos;
-        if (!registered) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (daemon <= 0 || !registered) {
-        fprintf(stderr, "bench_ip: leisobek did not register\n");
-        return 2;
-    }
+    if (!bench::start_emu(emu, "bench_ip")) return 2;
+    bench::daemon_process daemon;
+    if (!daemon.registered("bench_ip")) return 2;
     time_t refreshed_at = time(nullptr);
     bool met = true;
-    // The address refresh has no bound of its own here (it makes several
-    // kernel requests the floor leaves out); the neighbour refresh is one dump.
+    // The address refresh has no bound of its own here (it makes several kernel requests the floor
+    // leaves out); the neighbour refresh is one dump.
     if (which.empty() || which == "addresses")
-        met = measure(daemon, address_case(), {100, 1000}, refreshed_at, 0) && met;
+        met = measure(daemon.pid(), address_case(), {100, 1000}, refreshed_at, 0) && met;
     if (which.empty() || which == "neighbours")
-        met = measure(daemon, neighbour_case(), {400, 4000}, refreshed_at, 1.15) && met;
-    kill(daemon, SIGKILL);
-    waitpid(daemon, nullptr, 0);
+        met = measure(daemon.pid(), neighbour_case(), {400, 4000}, refreshed_at, 1.15) && met;
     return met ? 0 : 1;
 }
 
@@ -409,7 +334,5 @@ int run_benchmark(const std::string &which)
 int main(int argc, char **argv)
 {
     std::string which = argc > 1 ? argv[1] : "";
-    int code = harness::run_in_namespaces([&] { return run_benchmark(which); });
-    if (code == harness::kNoNamespaces) fprintf(stderr, "bench_ip: namespaces not permitted\n");
-    return code == 0 || code == 1 ? code : 2;
+    return bench::run_isolated("bench_ip", [&] { return run_benchmark(which); });
 }

@@ -1,40 +1,21 @@
 // Benchmark: the daemon's CPU for a table refresh and a full walk against the kernel's floor.
 //
-// Runs in private network, mount and pid namespaces (as root): confd-emu on
-// 127.0.0.1:4565, the real leisobek, and N sockets of the table's kind held
-// by worker processes. For every N it measures, from the daemon's
-// /proc/<pid>/stat (utime + stime, all threads; 10 ms ticks) and, as a finer
-// cross-check, its main thread's /proc/<pid>/schedstat run time:
-//   (a) one refresh of the tables: a get_next that starts a walk 3 seconds
-//       after the last refresh, less a get_next answered from the cache;
-//   (b) one full walk of the table through confd-emu, every column read;
-// and, in this process (CLOCK_PROCESS_CPUTIME_ID), (c) the floor: reading
-// the table's /proc/net files once and resolving every socket to its process
-// once through the links of /proc/*/fd. A refresh can only be had every 3
-// seconds, so each figure is the mean over several spaced-out rounds. The
-// daemon's memory (VmRSS and its peak VmHWM from /proc/<pid>/status) is read
-// once it has registered (idle) and after the walks of every N.
-//
-// --smoke makes one quick round at a small size and judges no bound (the
-// figures of a few hundred rows are noise): a check that the whole chain
-// still runs, which ctest runs under the label "bench".
+// In private namespaces (as root), with N sockets of the table's kind held by worker processes, it
+// measures from the daemon's /proc/<pid>/stat (utime + stime, all threads, in ticks) and its main
+// thread's schedstat: (a) one refresh, a get_next starting a walk 3 seconds after the last refresh,
+// less one answered from the cache; (b) one full walk, every column read. In this process: (c) the
+// floor, reading the table's /proc/net files and resolving every socket's owner through /proc/*/fd
+// once. Each figure is a mean over spaced-out rounds. The daemon's VmRSS and VmHWM are read once
+// registered and after the walks of every N. --smoke makes one quick round at a small size and
+// judges no bound: ctest (label "bench") runs it to keep the chain working.
 #include "bench_util.h"
 #include "sockets.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 namespace
 {
@@ -87,12 +68,11 @@ struct options {
 
 const char usage[] =
     "usage: bench_tables [--table tcp|udp] [--sizes 1000,10000,20000] [--rounds N] [--smoke]\n"
-    "Measures leisobek's CPU time for one refresh and one full walk of the table\n"
-    "against the floor (reading the kernel's table files and the /proc/*/fd links\n"
-    "once), and its memory, with N sockets held open, in private namespaces (needs\n"
-    "root). --smoke: one round at 200 sockets, no bound judged.\n"
-    "Exit status 1 when a bound is not met, 2 when the run could not be made, 77\n"
-    "(with --smoke) when private namespaces are not permitted.\n";
+    "Measures leisobek's CPU time for one refresh and one full walk of the table against the\n"
+    "floor (reading the kernel's table files and the /proc/*/fd links once), and its memory,\n"
+    "with N sockets held open, in private namespaces (needs root). --smoke: one round at 200\n"
+    "sockets, no bound judged. Exit status 1 when a bound is not met, 2 when the run could not\n"
+    "be made, 77 when private namespaces are not permitted.\n";
 
 bool parse_options(int argc, char **argv, options &opt)
 {
@@ -102,51 +82,38 @@ bool parse_options(int argc, char **argv, options &opt)
             opt.smoke = true;
             opt.sizes = {200};
             opt.rounds = 1;
-            continue;
-        }
-        if (i + 1 >= argc) return false;
-        std::string v = argv[++i];
-        if (a == "--table") {
-            opt.table = v;
+        } else if (i + 1 >= argc) {
+            return false;
+        } else if (a == "--table") {
+            opt.table = argv[++i];
         } else if (a == "--rounds") {
-            opt.rounds = std::atoi(v.c_str());
-            if (opt.rounds < 1) return false;
+            opt.rounds = std::atoi(argv[++i]);
         } else if (a == "--sizes") {
-            opt.sizes.clear();
-            std::stringstream list(v);
-            for (std::string item; std::getline(list, item, ',');)
-                if (std::atoi(item.c_str()) > 0) opt.sizes.push_back(std::atoi(item.c_str()));
-            if (opt.sizes.empty()) return false;
+            opt.sizes = bench::parse_sizes(argv[++i]);
         } else {
             return false;
         }
     }
-    return true;
+    return opt.rounds > 0 && !opt.sizes.empty();
 }
 
-// CPU time of a process so far, in milliseconds.
+// CPU time of a process so far, in ms: utime + stime of all its threads (whole ticks), and its main
+// thread's nanosecond-exact run time.
 struct cpu_time {
-    double stat_ms = 0;  // utime + stime of all its threads, in whole ticks
-    double sched_ms = 0; // its main thread's run time, nanosecond-exact
+    double stat_ms = 0, sched_ms = 0;
 };
 
 cpu_time cpu_of(pid_t pid)
 {
     cpu_time t;
     std::string stat = harness::read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    if (paren != std::string::npos) {
-        // Fields after the command name start with the state (field 3);
-        // utime and stime are fields 14 and 15.
-        std::istringstream fields(stat.substr(paren + 1));
-        std::string field;
-        long long utime = 0, stime = 0;
-        for (int n = 3; n <= 15 && fields >> field; n++) {
-            if (n == 14) utime = std::stoll(field);
-            if (n == 15) stime = std::stoll(field);
-        }
-        t.stat_ms = 1000.0 * static_cast<double>(utime + stime) / sysconf(_SC_CLK_TCK);
-    }
+    // After the command name come the fields from the state (3) on: utime 14 and stime 15.
+    std::istringstream fields(stat.substr(std::min(stat.rfind(')') + 1, stat.size())));
+    std::string field;
+    long long ticks = 0;
+    for (int n = 3; n <= 15 && fields >> field; n++)
+        if (n >= 14) ticks += std::stoll(field);
+    t.stat_ms = 1000.0 * static_cast<double>(ticks) / sysconf(_SC_CLK_TCK);
     t.sched_ms = bench::main_thread_ms(pid);
     return t;
 }
@@ -161,90 +128,54 @@ memory_use memory_of(pid_t pid)
     memory_use m;
     std::istringstream status(harness::read_file("/proc/" + std::to_string(pid) + "/status"));
     for (std::string line; std::getline(status, line);) {
-        double *field = line.rfind("VmRSS:", 0) == 0   ? &m.rss_mb
-                        : line.rfind("VmHWM:", 0) == 0 ? &m.hwm_mb
-                                                       : nullptr;
-        if (field) *field = std::stod(line.substr(6)) / 1024.0; // kB
+        if (line.rfind("VmRSS:", 0) == 0) m.rss_mb = std::stod(line.substr(6)) / 1024.0; // kB
+        if (line.rfind("VmHWM:", 0) == 0) m.hwm_mb = std::stod(line.substr(6)) / 1024.0;
     }
     return m;
 }
 
-double process_cpu_ms()
+// The least work any refresh must do: read the table files through and find the owner of every
+// socket link of every process. Returns the number of text lines read.
+size_t read_floor(const table_kind &kind, std::vector<std::pair<uint32_t, uint32_t>> &owners)
 {
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
-}
-
-// The least work any refresh must do: read the table files through and
-// find the owner of every socket link of every process.
-class floor_reader
-{
-  public:
-    floor_reader() : buffer_(256 * 1024) {}
-
-    // Returns the number of text lines read.
-    size_t run(const table_kind &kind)
-    {
-        size_t lines = 0;
-        for (const std::string &file : kind.kernel_files) {
-            sockets::unique_fd in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-            ssize_t n;
-            while (in && (n = read(in.get(), buffer_.data(), buffer_.size())) > 0)
-                lines += static_cast<size_t>(std::count(buffer_.data(), buffer_.data() + n, '\n'));
-        }
-        owners_.clear();
-        std::unique_ptr<DIR, int (*)(DIR *)> proc(opendir("/proc"), closedir);
-        if (!proc) return lines;
-        while (dirent *p = readdir(proc.get())) {
-            char *end;
-            long pid = strtol(p->d_name, &end, 10);
-            if (*end != '\0' || end == p->d_name) continue;
-            int dir_fd = openat(dirfd(proc.get()), (std::string(p->d_name) + "/fd").c_str(),
-                                O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            if (dir_fd < 0) continue;
-            std::unique_ptr<DIR, int (*)(DIR *)> fds(fdopendir(dir_fd), closedir);
-            if (!fds) {
-                close(dir_fd);
-                continue;
-            }
-            while (dirent *f = readdir(fds.get())) {
-                if (f->d_name[0] == '.') continue;
-                char link[64];
-                ssize_t len = readlinkat(dirfd(fds.get()), f->d_name, link, sizeof link - 1);
-                if (len <= 8 || strncmp(link, "socket:[", 8) != 0) continue;
-                link[len] = '\0';
-                owners_.emplace_back(static_cast<uint32_t>(strtoul(link + 8, nullptr, 10)),
-                                     static_cast<uint32_t>(pid));
-            }
-        }
-        return lines;
+    static char buffer[256 * 1024];
+    size_t lines = 0;
+    for (const std::string &file : kind.kernel_files) {
+        sockets::unique_fd in(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+        ssize_t n;
+        while (in && (n = read(in.get(), buffer, sizeof buffer)) > 0)
+            lines += static_cast<size_t>(std::count(buffer, buffer + n, '\n'));
     }
-
-  private:
-    std::vector<char> buffer_;
-    std::vector<std::pair<uint32_t, uint32_t>> owners_;
-};
-
-using bench::cli;
-
-// Sleeps until a get_next starting a walk is sure to refresh: the daemon
-// keeps the whole second of its last refresh, which was at most refreshed_at.
-void wait_until_due(time_t refreshed_at)
-{
-    while (time(nullptr) < refreshed_at + 3)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    owners.clear();
+    std::unique_ptr<DIR, int (*)(DIR *)> proc(opendir("/proc"), closedir);
+    while (dirent *p = proc ? readdir(proc.get()) : nullptr) {
+        char *end;
+        long pid = strtol(p->d_name, &end, 10);
+        if (*end != '\0' || end == p->d_name) continue;
+        int dir_fd = openat(dirfd(proc.get()), (std::string(p->d_name) + "/fd").c_str(),
+                            O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        std::unique_ptr<DIR, int (*)(DIR *)> fds(dir_fd < 0 ? nullptr : fdopendir(dir_fd),
+                                                 closedir);
+        if (!fds && dir_fd >= 0) close(dir_fd);
+        while (dirent *f = fds ? readdir(fds.get()) : nullptr) {
+            char link[64];
+            ssize_t len = readlinkat(dirfd(fds.get()), f->d_name, link, sizeof link - 1);
+            if (len <= 8 || strncmp(link, "socket:[", 8) != 0) continue;
+            link[len] = '\0';
+            owners.emplace_back(static_cast<uint32_t>(strtoul(link + 8, nullptr, 10)),
+                                static_cast<uint32_t>(pid));
+        }
+    }
+    return lines;
 }
 
 struct figures {
     int n = 0;
-    double rows = 0;
-    double text_lines = 0;
+    double rows = 0, text_lines = 0;
     double refresh_stat = 0, refresh_sched = 0; // ms per refresh, request cost taken off
     double floor_ms = 0;
     double walk_stat = 0, walk_sched = 0; // ms per walk
     memory_use memory;                    // after the last walk
-    int rounds = 0;
 };
 
 // Mean of the samples, 0 without any.
@@ -256,19 +187,19 @@ double mean(const std::vector<double> &v)
     return v.empty() ? 0 : sum / static_cast<double>(v.size());
 }
 
-// Measures one size. refreshed_at is a time no earlier than the daemon's
-// last refresh, kept up to date. Returns false (and why) when the run could
-// not be made.
+// Measures one size. refreshed_at is a time no earlier than the daemon's last refresh, kept up to
+// date. Returns false (and why) when the run could not be made.
 bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &refreshed_at,
              figures &f, std::string &why)
 {
+    using bench::cli;
     std::shared_ptr<void> held = open_sockets(kind, n, why);
     if (!held) return false;
     f.n = n;
-    floor_reader floor;
+    std::vector<std::pair<uint32_t, uint32_t>> owners;
 
     // A first round unmeasured: the daemon's lists grow to the new size.
-    wait_until_due(refreshed_at);
+    bench::wait_until_due(refreshed_at);
     cli({"next", kind.path});
     refreshed_at = time(nullptr);
     if (cli({"walk", kind.path}).exit_code != 0) {
@@ -278,16 +209,15 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
 
     std::vector<double> refresh_stat, refresh_sched, cached_stat, cached_sched, walk_stat,
         walk_sched, rows, floors, lines;
-    // The machine's speed drifts (other work, frequency), so the floor is
-    // measured right before and right after each refresh and the two are
-    // compared round by round.
+    // The machine's speed drifts, so the floor is measured right before and right after each
+    // refresh.
     auto measure_floor = [&] {
-        double start = process_cpu_ms();
-        lines.push_back(static_cast<double>(floor.run(kind)));
-        floors.push_back(process_cpu_ms() - start);
+        double start = bench::process_cpu_ms();
+        lines.push_back(static_cast<double>(read_floor(kind, owners)));
+        floors.push_back(bench::process_cpu_ms() - start);
     };
     for (int round = 0; round < rounds; round++) {
-        wait_until_due(refreshed_at);
+        bench::wait_until_due(refreshed_at);
         measure_floor();
         time_t asked_at = time(nullptr);
         cpu_time before = cpu_of(daemon);
@@ -298,12 +228,11 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
         refresh_sched.push_back(after.sched_ms - before.sched_ms);
         measure_floor();
 
-        // The walk reads the rows of that refresh when it begins within its
-        // 3 seconds. On a loaded machine the refresh alone may take longer
-        // than that; the walk is then made to refresh for certain, and this
-        // round's refresh figure is taken off it.
+        // The walk reads the rows of that refresh when it begins within its 3 seconds. On a loaded
+        // machine it may not; the walk is then made to refresh for certain, and this round's
+        // refresh figure is taken off it.
         bool fresh = time(nullptr) <= asked_at + 1;
-        if (!fresh) wait_until_due(refreshed_at);
+        if (!fresh) bench::wait_until_due(refreshed_at);
         before = cpu_of(daemon);
         harness::CmdResult w = cli({"walk", kind.path});
         after = cpu_of(daemon);
@@ -316,9 +245,8 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
         walk_sched.push_back(after.sched_ms - before.sched_ms - (fresh ? 0 : refresh_sched.back()));
         rows.push_back(static_cast<double>(bench::count_of(w.out, "{\"keys\":")));
 
-        // What (a) costs besides the refresh itself: the same request
-        // answered from the cache, asked with the cookie of the first row
-        // so that it never refreshes.
+        // What (a) costs besides the refresh itself: the same request answered from the cache (the
+        // cookie of the first row never refreshes).
         for (int i = 0; i < 3; i++) {
             before = cpu_of(daemon);
             cli({"next", kind.path, "--cookie", "0"});
@@ -331,7 +259,6 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
                 refresh_stat.back(), refresh_sched.back(), floors[floors.size() - 2], floors.back(),
                 walk_stat.back(), fresh ? "" : " (refresh taken off)");
     }
-    f.rounds = rounds;
     f.memory = memory_of(daemon);
     f.refresh_stat = mean(refresh_stat) - mean(cached_stat);
     f.refresh_sched = mean(refresh_sched) - mean(cached_sched);
@@ -352,25 +279,17 @@ int run_benchmark(const options &opt)
         fprintf(stderr, "bench_tables: unknown table %s\n", opt.table.c_str());
         return 2;
     }
-
     harness::Emu emu({"--port", "4565"});
-    std::string why;
-    if (!emu.start(why)) {
-        fprintf(stderr, "bench_tables: confd-emu: %s\n", why.c_str());
-        return 2;
-    }
+    if (!bench::start_emu(emu, "bench_tables")) return 2;
     bench::daemon_process daemon;
-    if (!daemon.registered()) {
-        fprintf(stderr, "bench_tables: leisobek did not register: %s\n",
-                harness::read_file("/tmp/leisobek.err").c_str());
-        return 2;
-    }
+    if (!daemon.registered("bench_tables")) return 2;
 
     std::vector<figures> results;
     time_t refreshed_at = time(nullptr);
     const memory_use idle = memory_of(daemon.pid());
     for (int n : opt.sizes) {
         figures f;
+        std::string why;
         fprintf(stderr, "measuring %d %s ...\n", n, kind->unit);
         if (!measure(*kind, n, opt.rounds, daemon.pid(), refreshed_at, f, why)) {
             fprintf(stderr, "bench_tables: %d %s: %s\n", n, kind->unit, why.c_str());
@@ -395,22 +314,18 @@ int run_benchmark(const options &opt)
                f.n, f.rows, f.text_lines, f.refresh_stat, f.refresh_sched, f.floor_ms, ratio,
                ratio_sched, f.walk_stat, 1000.0 * f.walk_stat / f.rows,
                1000.0 * f.walk_sched / f.rows, f.memory.rss_mb, f.memory.hwm_mb);
-        // Judged on the nanosecond-exact main-thread figure; the tick-based
-        // stat figure must agree with it within its own resolution.
+        // Judged on the main-thread figure; the tick-based one (all threads) must agree with it
+        // within its own resolution.
         double stat_low = (f.refresh_stat - tick_ms / opt.rounds) / f.floor_ms;
         refresh_ok = refresh_ok && ratio_sched <= 1.15 && stat_low <= 1.15;
     }
-
-    // The stat figures are whole ticks: a mean of R differences is good to
-    // about a tick / R, which at the smallest size is a large share.
     printf("\nstat resolution: +-%.1f ms per refresh figure (one tick over %d rounds)\n",
            tick_ms / opt.rounds, opt.rounds);
     printf("bound: refresh <= 1.15 x floor at every N: %s\n", refresh_ok ? "met" : "NOT MET");
     const figures &first = results.front();
-    double base = first.walk_stat / first.rows;
     bool flat = true;
     for (const figures &f : results) {
-        double growth = (f.walk_stat / f.rows) / base;
+        double growth = (f.walk_stat / f.rows) / (first.walk_stat / first.rows);
         printf("walk CPU per row at %.0f rows: %.2f x that at %.0f rows\n", f.rows, growth,
                first.rows);
         flat = flat && growth <= 1.25;
@@ -418,8 +333,8 @@ int run_benchmark(const options &opt)
     printf("bound: walk CPU per row flat (within 1.25 x) from %.0f to %.0f rows: %s\n", first.rows,
            results.back().rows, flat ? "met" : "NOT MET");
 
-    // The router has little memory to spare: the daemon idles in 3 MB and
-    // stays within 16 MB up to N = 20 000 (40 000 rows of TCP connections).
+    // The router has little memory to spare: the daemon idles in 3 MB and stays within 16 MB up to
+    // N = 20 000 (40 000 rows of TCP connections).
     printf("\nRSS idle (registered, before any walk): %.1f MB, peak %.1f MB\n", idle.rss_mb,
            idle.hwm_mb);
     bool memory_ok = idle.rss_mb <= 3.0;
@@ -443,12 +358,5 @@ int main(int argc, char **argv)
         fputs(usage, stderr);
         return 2;
     }
-    // The daemon needs port 4565 and sees every process's sockets: both only in namespaces of
-    // its own.
-    int code = harness::run_in_namespaces([&] { return run_benchmark(opt); });
-    if (code == harness::kNoNamespaces) {
-        fprintf(stderr, "bench_tables: private namespaces not permitted\n");
-        if (opt.smoke) return code; // ctest counts it as skipped
-    }
-    return code == 0 || code == 1 ? code : 2;
+    return bench::run_isolated("bench_tables", [&] { return run_benchmark(opt); });
 }

@@ -17,9 +17,9 @@
 
 #include "wire.h"
 
-// Listens on 127.0.0.1 (ephemeral port). Answers Hello, registrations and MAAPI itself; every
-// other frame the client sends (replies, notifications) is queued for the test, which drives the
-// daemon side by sending requests on the server ends.
+// Listens on 127.0.0.1 (ephemeral port). Answers Hello, registrations and MAAPI itself; every other
+// frame the client sends (replies, notifications) is queued for the test, which drives the daemon
+// side by sending requests on the server ends.
 class FakeConfd
 {
   public:
@@ -54,8 +54,8 @@ class FakeConfd
     const sockaddr *addr() const { return reinterpret_cast<const sockaddr *>(&addr_); }
     int addrlen() const { return sizeof addr_; }
 
-    // Server end of the n-th connection that said Hello with this kind; -1
-    // if it did not arrive within a second.
+    // Server end of the n-th connection that said Hello with this kind; -1 if it did not arrive
+    // within a second.
     int conn(confd_wire::ConnKind kind, size_t n = 0)
     {
         std::unique_lock<std::mutex> lock(mu_);

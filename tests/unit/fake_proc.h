@@ -1,15 +1,13 @@
 // A throw-away /proc tree for collector tests: process fd links and net files from fixtures.
-#ifndef LEISOBEK_TESTS_FAKE_PROC_H
-#define LEISOBEK_TESTS_FAKE_PROC_H
+#pragma once
 
 #include "procfs.h"
-
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 // The bytes in lower-case hex, as the tests write addresses.
@@ -24,8 +22,7 @@ inline std::string hex_text(const uint8_t *bytes, uint32_t length)
     return out;
 }
 
-// Creates a temporary directory, points the collectors at it and removes it
-// again (restoring /proc) when it goes out of scope.
+// Creates a temporary directory and points the collectors at it until it goes out of scope.
 class fake_proc
 {
   public:
@@ -54,6 +51,14 @@ class fake_proc
         std::filesystem::create_symlink(target, root_ + "/" + process + "/fd/" + fd);
     }
 
+    // Writes text to <root>/<relative>, creating its directories.
+    void write(const std::string &relative, const std::string &text) const
+    {
+        std::string path = root_ + "/" + relative;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path) << text;
+    }
+
     // Makes <root>/net the fixture directory tests/fixtures/proc/net.
     void use_fixture_net()
     {
@@ -64,5 +69,3 @@ class fake_proc
   private:
     std::string root_;
 };
-
-#endif

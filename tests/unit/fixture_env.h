@@ -1,10 +1,9 @@
 // A fixture tree in place of the router's fixed paths and scripts, for in-process tests.
 //
-// While a FixtureEnv lives, the daemon's fixed paths resolve below a fresh
-// temporary root, and every command it runs is recorded and run by /bin/sh
-// with "/usr/bin/" rewritten to the root's usr/bin and that directory first on
-// PATH. A command naming a /usr/bin script that the test did not provide
-// cannot start (the shell finds no such file), so no real router script runs.
+// While a FixtureEnv lives, the daemon's fixed paths resolve below a fresh temporary root, and
+// every command it runs is recorded and run by /bin/sh with "/usr/bin/" rewritten to the root's
+// usr/bin and that directory first on PATH. A command naming a /usr/bin script that the test did
+// not provide cannot start (the shell finds no such file), so no real router script runs.
 #pragma once
 
 #include "core/sysenv.h"
@@ -12,9 +11,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 class FixtureEnv
@@ -34,35 +34,28 @@ class FixtureEnv
         sys_set_runner(nullptr);
         sys_set_root(nullptr);
         current() = nullptr;
-        std::string rm = "rm -rf '" + root_ + "'";
-        if (system(rm.c_str()) != 0) ADD_FAILURE() << rm << " failed";
+        std::error_code ignored;
+        std::filesystem::remove_all(root_, ignored);
     }
     FixtureEnv(const FixtureEnv &) = delete;
     FixtureEnv &operator=(const FixtureEnv &) = delete;
 
-    const std::string &root() const { return root_; }
     // The fixture path of a router path ("/tmp/stats/x").
     std::string at(const std::string &path) const { return root_ + path; }
 
     // Writes text to the router path, creating its directories.
     void write(const std::string &path, const std::string &text, mode_t mode = 0644) const
     {
-        std::string full = at(path);
-        std::string mk = "mkdir -p '" + full.substr(0, full.rfind('/')) + "'";
-        if (system(mk.c_str()) != 0) ADD_FAILURE() << mk << " failed";
-        std::ofstream(full, std::ios::trunc) << text;
-        chmod(full.c_str(), mode);
+        std::filesystem::create_directories(std::filesystem::path(at(path)).parent_path());
+        std::ofstream(at(path), std::ios::trunc) << text;
+        chmod(at(path).c_str(), mode);
     }
     // A shell script at the router path (usually /usr/bin/...); body runs under sh.
     void script(const std::string &path, const std::string &body) const
     {
         write(path, "#!/bin/sh\n" + body + "\n", 0755);
     }
-    bool exists(const std::string &path) const
-    {
-        struct stat st;
-        return stat(at(path).c_str(), &st) == 0;
-    }
+    bool exists(const std::string &path) const { return std::filesystem::exists(at(path)); }
 
     // The commands the daemon ran, as it wrote them, in order.
     const std::vector<std::string> &commands() const { return commands_; }
@@ -76,16 +69,9 @@ class FixtureEnv
     std::string rewrite(const char *command)
     {
         commands_.emplace_back(command);
-        std::string text = command, out;
-        const std::string bin = "/usr/bin/";
-        for (size_t pos = 0;;) {
-            size_t hit = text.find(bin, pos);
-            out += text.substr(pos, hit == std::string::npos ? std::string::npos : hit - pos);
-            if (hit == std::string::npos) break;
-            out += root_ + bin;
-            pos = hit + bin.size();
-        }
-        return "PATH='" + root_ + "/usr/bin':/usr/bin:/bin; " + out;
+        const std::string bin = root_ + "/usr/bin";
+        return "PATH='" + bin + "':/usr/bin:/bin; " +
+               std::regex_replace(command, std::regex("/usr/bin/"), bin + "/");
     }
     static FILE *open(const char *command)
     {

@@ -17,8 +17,8 @@ confd_value_t text_value(const std::string &s)
     return v;
 }
 
-// Verifies the three attribute names, null for any other attribute, and that
-// an attribute given as another type aborts with the type check's text.
+// Verifies the three attribute names, null for any other attribute, and that an attribute given as
+// another type aborts with the type check's text.
 TEST(AuditTest, AttributeNames)
 {
     const struct {

@@ -21,18 +21,11 @@ int record(const char *notification)
     return 1;
 }
 
-class BootStateTest : public ::testing::Test
+// Verifies that a marker that exists but cannot be opened (here a socket, which open() refuses even
+// to root) announces nothing and stays.
+TEST(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
 {
-  protected:
-    void SetUp() override { announced.clear(); }
-
     FixtureEnv env_;
-};
-
-// Verifies that a marker that exists but cannot be opened (here a socket,
-// which open() refuses even to root) announces nothing and stays.
-TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
-{
     env_.write(BOOT_STATE_MARKER, "");
     std::string marker = env_.at(BOOT_STATE_MARKER);
     unlink(marker.c_str());
@@ -50,8 +43,8 @@ TEST_F(BootStateTest, UnopenableMarkerAnnouncesNothingAndStays)
     close(s);
 }
 
-// Verifies that the scan stops at the first line holding "warmstart" and
-// reads long lines in 99-character pieces.
+// Verifies that the scan stops at the first line holding "warmstart" and reads long lines in
+// 99-character pieces.
 TEST(BootStateScanTest, StopsAtWarmstartLine)
 {
     char text[] = "x\nthis is a warmstart\nrest\n";

@@ -9,10 +9,8 @@
 namespace
 {
 
-// Verifies that the section reader finds the values line of a real-looking
-// /proc/net/snmp by its exact prefix (Udp is not UdpLite, Icmp not IcmpMsg),
-// passes over a header whose values do not follow, and fails on a missing
-// section or file, and on a buffer too small to read a line (without spinning).
+// Verifies that the section reader finds the values line by its exact prefix, passes over a header
+// without values, and fails on a missing section or file and on a one-byte buffer (not spinning).
 TEST(ReadSnmpSection, FindsTheValuesLine)
 {
     char buffer[8192];
@@ -39,10 +37,8 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     fclose(in);
 }
 
-// Verifies socket owner resolution on a fake /proc: only numeric process
-// directories count, only "socket:[N]" links shorter than 63 bytes, the
-// first pair of a repeated inode gets the owner and inode 0 never does;
-// with inodes too far apart for a table over their span as well.
+// Verifies socket owner resolution: numeric process directories and "socket:[N]" links under 63
+// bytes only, the first of a repeated inode owned, inode 0 never; near and far-apart inodes.
 TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
 {
     fake_proc proc;
@@ -67,15 +63,12 @@ TEST(MapSocketPids, ResolvesOwnersOnAFakeProc)
     EXPECT_EQ(far[0].process, 100u);
     EXPECT_EQ(far[1].process, 200u);
     EXPECT_EQ(far[2].process + far[3].process, 0u);
-}
 
-// Verifies the match count: a socket shared by two processes counts twice,
-// and the walk stops once as many links matched as there are pairs.
-TEST(MapSocketPids, StopsWhenEverySocketIsResolved)
-{
-    fake_proc proc;
-    proc.link_fd("100", "3", "socket:[7]");
-    proc.link_fd("200", "3", "socket:[7]");
+    // A socket shared by two processes counts twice; the walk stops once as many links matched
+    // as there are pairs.
+    fake_proc shared;
+    shared.link_fd("100", "3", "socket:[7]");
+    shared.link_fd("200", "3", "socket:[7]");
     socket_pid_pair one[] = {{7, 0}};
     EXPECT_EQ(map_socket_pids(one, 1), 1u);
     socket_pid_pair two[] = {{7, 0}, {8, 0}};

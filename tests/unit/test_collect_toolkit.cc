@@ -61,8 +61,8 @@ TEST_F(StatsListTest, GrowSelectAndSort)
     EXPECT_EQ(reinterpret_cast<item *>(list.storage)[0].key, 30);
 }
 
-// Verifies that the binary search answers what a scan from position 0 for
-// the first equal record answers, for present and absent keys.
+// Verifies that the binary search answers what a scan from position 0 for the first equal record
+// answers, for present and absent keys.
 TEST_F(StatsListTest, FindAgreesWithALinearScan)
 {
     std::mt19937 random(7);
@@ -78,8 +78,8 @@ TEST_F(StatsListTest, FindAgreesWithALinearScan)
     }
 }
 
-// Verifies that every scanner at the end of a line (trailing blanks only)
-// returns -1 and stores nothing, except the 64-bit one which clears first.
+// Verifies that every scanner at the end of a line (trailing blanks only) returns -1 and stores
+// nothing, except the 64-bit one which clears first.
 TEST(Scanners, EndOfLineStoresNothing)
 {
     const char tail[] = " \n";
@@ -107,9 +107,9 @@ TEST(Scanners, EndOfLineStoresNothing)
     EXPECT_EQ(big, 0u);
 }
 
-// Verifies the scanners on a line of mixed fields: MaxConn's sign, 32-bit
-// truncation, hex of either case, bounded identifiers, right-aligned odd
-// byte strings, and that each resumes where the previous one stopped.
+// Verifies the scanners on a line of mixed fields: MaxConn's sign, 32-bit truncation, hex of either
+// case, bounded identifiers, right-aligned odd byte strings, and that each resumes where the
+// previous one stopped.
 TEST(Scanners, FieldsInSequence)
 {
     const char line[] = "Tcp: 1 -1 4294967297 18446744073709551615 0A:fF x12 Ip6_In abc 0102030405";
@@ -136,9 +136,8 @@ TEST(Scanners, FieldsInSequence)
     EXPECT_TRUE(is_blank(nullptr) && is_blank(" \t\r\n") && !is_blank("  x\n"));
 }
 
-// Verifies address decoding: IPv4 and the host-order words of
-// /proc/net/tcp6 (swap off), the network-order text of if_inet6 (swap on),
-// the all-zero flag and the 127-digit limit.
+// Verifies address decoding: IPv4 and the host-order words of /proc/net/tcp6 (swap off), the
+// network-order text of if_inet6 (swap on), the all-zero flag and the 127-digit limit.
 TEST(Scanners, HexAddresses)
 {
     if (__BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__)

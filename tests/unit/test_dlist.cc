@@ -7,80 +7,57 @@
 namespace
 {
 
-class DlistTest : public ::testing::Test
+// The data walked forwards, then (after -1) backwards.
+std::vector<int> both_ways(const struct dlist *head)
 {
-  protected:
-    void SetUp() override { head_ = dlist_new(); }
-    void TearDown() override
-    {
-        while (!dlist_is_empty(head_))
-            dlist_remove(head_->next);
-        free(head_);
-    }
-
-    // The data walked forwards, then backwards, as one sequence ("10 20 | 20 10").
-    std::vector<int> both_ways() const
-    {
-        std::vector<int> seen;
-        for (struct dlist *n = head_->next; n != head_; n = n->next)
-            seen.push_back(*static_cast<int *>(dlist_data(n)));
-        seen.push_back(-1);
-        for (struct dlist *n = head_->prev; n != head_; n = n->prev)
-            seen.push_back(*static_cast<int *>(dlist_data(n)));
-        return seen;
-    }
-
-    struct dlist *head_ = nullptr;
-    int v_[5] = {10, 20, 30, 40, 50};
-};
+    std::vector<int> seen;
+    for (struct dlist *n = head->next; n != head; n = n->next)
+        seen.push_back(*static_cast<int *>(dlist_data(n)));
+    seen.push_back(-1);
+    for (struct dlist *n = head->prev; n != head; n = n->prev)
+        seen.push_back(*static_cast<int *>(dlist_data(n)));
+    return seen;
+}
 
 int equals(void *data, void *arg)
 {
     return *static_cast<int *>(data) == *static_cast<int *>(arg);
 }
 
-// Verifies that a new list is empty and self-linked, that insert_before the head appends,
-// insert_after the head prepends and insert_after a node links right behind it, both walking
-// directions agreeing; and that removal relinks the neighbours, leaving the data alone, down to an
-// empty list again.
-TEST_F(DlistTest, InsertAndRemoveKeepBothDirectionsInStep)
+// Verifies that insert_before the head appends, insert_after the head prepends and insert_after a
+// node links right behind it, both directions agreeing; that find returns the first match from the
+// front or null (never asking the predicate on an empty list); and that removal relinks the
+// neighbours, leaving the data alone, down to an empty list again.
+TEST(DlistTest, InsertFindAndRemoveKeepBothDirectionsInStep)
 {
-    ASSERT_NE(head_, nullptr);
-    EXPECT_TRUE(dlist_is_empty(head_));
+    struct dlist *head = dlist_new();
+    ASSERT_NE(head, nullptr);
+    EXPECT_TRUE(dlist_is_empty(head));
+    EXPECT_EQ(dlist_find(
+                  head, [](void *, void *) -> int { abort(); }, nullptr),
+              nullptr);
 
-    struct dlist *n20 = dlist_insert_before(head_, &v_[1]);
-    struct dlist *n40 = dlist_insert_before(head_, &v_[3]);
-    struct dlist *n10 = dlist_insert_after(head_, &v_[0]);
-    struct dlist *n30 = dlist_insert_after(n20, &v_[2]);
-    ASSERT_NE(n30, nullptr);
-    EXPECT_FALSE(dlist_is_empty(head_));
-    EXPECT_EQ(both_ways(), (std::vector<int>{10, 20, 30, 40, -1, 40, 30, 20, 10}));
+    int v[] = {10, 20, 30, 40, 20}, absent = 99;
+    struct dlist *n20 = dlist_insert_before(head, &v[1]);
+    struct dlist *n40 = dlist_insert_before(head, &v[3]);
+    struct dlist *n10 = dlist_insert_after(head, &v[0]);
+    struct dlist *n30 = dlist_insert_after(n20, &v[2]);
+    struct dlist *last = dlist_insert_before(head, &v[4]);
+    EXPECT_FALSE(dlist_is_empty(head));
+    EXPECT_EQ(both_ways(head), (std::vector<int>{10, 20, 30, 40, 20, -1, 20, 40, 30, 20, 10}));
+    EXPECT_EQ(dlist_find(head, equals, &v[4]), n20);
+    EXPECT_EQ(dlist_find(head, equals, &absent), nullptr);
 
     dlist_remove(n20);
-    EXPECT_EQ(both_ways(), (std::vector<int>{10, 30, 40, -1, 40, 30, 10}));
-    dlist_remove(n10);
-    dlist_remove(n40);
-    EXPECT_EQ(both_ways(), (std::vector<int>{30, -1, 30}));
-    EXPECT_EQ(v_[1], 20);
+    EXPECT_EQ(both_ways(head), (std::vector<int>{10, 30, 40, 20, -1, 20, 40, 30, 10}));
+    EXPECT_EQ(dlist_find(head, equals, &v[4]), last);
+    for (struct dlist *n : {n10, n40, last})
+        dlist_remove(n);
+    EXPECT_EQ(both_ways(head), (std::vector<int>{30, -1, 30}));
+    EXPECT_EQ(v[1], 20);
     dlist_remove(n30);
-    EXPECT_TRUE(dlist_is_empty(head_));
-}
-
-// Verifies that find returns the first matching node from the front, null when nothing matches,
-// and never calls the predicate on an empty list.
-TEST_F(DlistTest, FindReturnsFirstMatchOrNull)
-{
-    static int calls = 0;
-    auto counting = [](void *, void *) { return ++calls, 1; };
-    EXPECT_EQ(dlist_find(head_, counting, nullptr), nullptr);
-    EXPECT_EQ(calls, 0);
-
-    int twenty = 20, absent = 99;
-    dlist_insert_before(head_, &v_[0]);
-    struct dlist *first = dlist_insert_before(head_, &v_[1]);
-    dlist_insert_before(head_, &twenty);
-    EXPECT_EQ(dlist_find(head_, equals, &twenty), first);
-    EXPECT_EQ(dlist_find(head_, equals, &absent), nullptr);
+    EXPECT_TRUE(dlist_is_empty(head));
+    free(head);
 }
 
 } // namespace

@@ -9,7 +9,6 @@
 #include "core/leisobek.h"
 #include "core/sysenv.h"
 
-#include "child_process.h"
 #include "fixture_env.h"
 
 #include <csignal>
@@ -25,26 +24,20 @@ namespace
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-// Verifies the CONFD_OK check: CONFD_OK passes without a word; anything else prints the shared
-// header's name, the caller's line, confd_errno and the last error text, then exits with 1.
+// Verifies that CONFD_OK passes silently and anything else prints the shared header's name, the
+// caller's line, confd_errno and the last error text, then exits with 1.
 TEST(CheckConfdOkTest, FailurePrintsExactLineAndExitsOne)
 {
     ASSERT_STREQ(confd_lasterr(), "");
-    const struct {
-        int ret, err, line, status;
-        const char *text;
-    } cases[] = {
-        {CONFD_OK, 0, 110, 0, ""},
-        {CONFD_ERR, CONFD_ERR_NOEXISTS, 110, 1, "leisobek.h:110: error not CONFD_OK: 1 :  \n"},
-        {CONFD_EOF, CONFD_ERR_BADSTATE, 129, 1, "leisobek.h:129: error not CONFD_OK: 17 :  \n"}};
-    for (const auto &c : cases) {
-        child_outcome r = run_in_child([&c] {
-            confd_errno = c.err;
-            check_confd_ok(c.ret, c.line);
-        });
-        EXPECT_TRUE(r.exited_with(c.status)) << c.line;
-        EXPECT_EQ(r.err, c.text);
-    }
+    testing::internal::CaptureStderr();
+    check_confd_ok(CONFD_OK, 110);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    confd_errno = CONFD_ERR_NOEXISTS;
+    EXPECT_EXIT(check_confd_ok(CONFD_ERR, 110), testing::ExitedWithCode(1),
+                "^leisobek\\.h:110: error not CONFD_OK: 1 :  \n$");
+    confd_errno = CONFD_ERR_BADSTATE;
+    EXPECT_EXIT(check_confd_ok(CONFD_EOF, 129), testing::ExitedWithCode(1),
+                "^leisobek\\.h:129: error not CONFD_OK: 17 :  \n$");
 }
 
 int guard_line = 0;
@@ -56,19 +49,17 @@ unsigned int read_counter(confd_value_t *v_pp)
     return CONFD_GET_UINT32(v_pp);
 }
 
-// Verifies that a ConfD type guard is still checked with NDEBUG defined and
-// aborts with the standard message naming the ConfD type.
+// Verifies that a ConfD type guard is still checked with NDEBUG defined and aborts with the
+// standard message naming the ConfD type.
 TEST(AlwaysAssertTest, TypeGuardAbortsWithStandardMessage)
 {
     confd_value_t v;
     CONFD_SET_UINT32(&v, 42);
     EXPECT_EQ(read_counter(&v), 42u);
-
     CONFD_SET_INT32(&v, 42);
-    child_outcome r = run_in_child([&v] { read_counter(&v); });
-    EXPECT_TRUE(r.killed_by(SIGABRT));
-    EXPECT_EQ(r.err, "leisobek: " + std::string(__FILE__) + ":" + std::to_string(guard_line) +
-                         ": read_counter: Assertion `(v_pp)->type == C_UINT32' failed.\n");
+    EXPECT_EXIT(read_counter(&v), testing::KilledBySignal(SIGABRT),
+                "^leisobek: [^ ]*test_framework\\.cc:" + std::to_string(guard_line) +
+                    ": read_counter: Assertion `\\(v_pp\\)->type == C_UINT32' failed\\.\n");
 }
 
 void traced_step()
@@ -77,27 +68,26 @@ void traced_step()
     TRACE_EXIT();
 }
 
-// Verifies that the trace points print nothing by default and, once enabled,
-// the entry and exit marks with no newline.
+// Verifies that the trace points print nothing by default and, once enabled, the entry and exit
+// marks with no newline.
 TEST(TraceTest, SilentUnlessEnabled)
 {
     ASSERT_EQ(trace_enabled, 0);
-    child_outcome r = run_in_child([] { traced_step(); });
-    EXPECT_EQ(r.out, "");
-
-    r = run_in_child([] {
-        trace_enabled = 1;
-        traced_step();
-    });
-    std::string file = __FILE__;
-    EXPECT_THAT(r.out, StartsWith(file + ":"));
-    EXPECT_THAT(r.out, HasSubstr(": ==> traced_step() - " + file + ":"));
-    EXPECT_THAT(r.out, testing::EndsWith(": <== traced_step() - "));
-    EXPECT_EQ(r.out.find('\n'), std::string::npos);
+    testing::internal::CaptureStdout();
+    traced_step();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    trace_enabled = 1;
+    testing::internal::CaptureStdout();
+    traced_step();
+    trace_enabled = 0;
+    std::string out = testing::internal::GetCapturedStdout(), file = __FILE__;
+    EXPECT_THAT(out, StartsWith(file + ":"));
+    EXPECT_THAT(out, HasSubstr(": ==> traced_step() - " + file + ":"));
+    EXPECT_THAT(out, testing::EndsWith(": <== traced_step() - "));
+    EXPECT_EQ(out.find('\n'), std::string::npos);
 }
 
-// Verifies that a command's answer is its first line without the newline,
-// cut to the buffer, and empty when the command prints nothing.
+// Verifies that a command's answer is its first line, cut to the buffer, "" when it prints nothing.
 TEST(CommandLineTest, FirstLineBoundedAndEmptyWhenSilent)
 {
     char answer[128];
@@ -111,9 +101,8 @@ TEST(CommandLineTest, FirstLineBoundedAndEmptyWhenSilent)
     EXPECT_STREQ(answer, "");
 }
 
-// Verifies that under a fixture tree the daemon's commands run the fixture's
-// scripts and are recorded, and that a router script the test did not provide
-// cannot run at all.
+// Verifies that under a fixture tree the daemon's commands run the fixture's scripts and are
+// recorded, and that a router script the test did not provide cannot run at all.
 TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
 {
     FixtureEnv env;
@@ -128,9 +117,8 @@ TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
                                   "sh /usr/bin/system-reboot firmware-state active option none"}));
 }
 
-// Verifies that a script field is copied as printf would print it as its own
-// format when well formed ("%%" gives "%"), that any other "%" sequence is
-// copied as it stands, and that the copy stops one short of the buffer.
+// Verifies that a script field is copied with only "%%" interpreted, other "%" sequences as they
+// stand, and the copy stopping one short of the buffer.
 TEST(CopyFieldAsFormatTest, OnlyDoubledPercentIsInterpreted)
 {
     struct {

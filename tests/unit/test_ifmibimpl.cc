@@ -93,8 +93,8 @@ class IfConfigProviderTest : public provider_test
     harness::Emu emu_;
 };
 
-// Verifies the map loaded from the configuration: ascending ifIndex with the
-// later of two equal ones first, the four leaves, and the not-found answers.
+// Verifies the map loaded from the configuration: ascending ifIndex with the later of two equal
+// ones first, the four leaves, and the not-found answers.
 TEST_F(IfConfigProviderTest, MapFromTheRunningConfiguration)
 {
     EXPECT_EQ(keys(), (std::vector<std::string>{"i1", "i2", "i2"}));
@@ -109,8 +109,8 @@ TEST_F(IfConfigProviderTest, MapFromTheRunningConfiguration)
     EXPECT_EQ(get(leaf(if_enabled, 1)), "not-found");
 }
 
-// Verifies the hook: a created interface gets the next ifIndex written into
-// the transaction and joins the map; removal matches the whole name only.
+// Verifies the hook: a created interface gets the next ifIndex written into the transaction and
+// joins the map; removal matches the whole name only.
 TEST_F(IfConfigProviderTest, HookNumbersAndForgetsInterfaces)
 {
     const confd_data_cbs *hook = confd_inproc_data_cbs(dx_, "if-hook");

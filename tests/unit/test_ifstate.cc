@@ -39,26 +39,31 @@ std::string port(const std::string &name, int index, const std::string &in_ucast
            std::to_string(index) + ",1,1," + (wan ? "9," : "") + "\n";
 }
 
-class IfStateTest : public ::testing::Test
-{
-  protected:
-    void SetUp() override
+// A fixture tree whose statistics script does nothing, and the cache on the test clock, cleared
+// when it goes away.
+struct IfStateEnv : FixtureEnv {
+    IfStateEnv()
     {
         clock_seconds = 1700000000;
         if_state_set_clock(test_clock);
-        env_.script("/usr/bin/snmpgetcurrent", "true");
+        script("/usr/bin/snmpgetcurrent", "true");
     }
-    void TearDown() override
+    ~IfStateEnv()
     {
         if_state_set_clock(nullptr);
         if_state_clear();
     }
     void files(const std::string &iface, const std::string &wan = "", const std::string &lan = "")
     {
-        env_.write("/tmp/stats/snmp_iface_stats", iface);
-        env_.write("/tmp/stats/snmp_wanport_stats", wan);
-        env_.write("/tmp/stats/snmp_lanport_stats", lan);
+        write("/tmp/stats/snmp_iface_stats", iface);
+        write("/tmp/stats/snmp_wanport_stats", wan);
+        write("/tmp/stats/snmp_lanport_stats", lan);
     }
+};
+
+class IfStateTest : public ::testing::Test
+{
+  protected:
     std::vector<int32_t> walk_order() const
     {
         const int32_t *t = if_state_index_table();
@@ -66,11 +71,11 @@ class IfStateTest : public ::testing::Test
     }
     uint64_t ucast(const char *name) { return if_state_find(name)->in_ucast_pkts; }
 
-    FixtureEnv env_;
+    IfStateEnv env_;
 };
 
-// Verifies the tokenizer: empty fields are returned, and text after the last
-// delimiter is never returned.
+// Verifies the tokenizer: empty fields are returned, and text after the last delimiter is never
+// returned.
 TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
 {
     char line[] = "a,,b\nc";
@@ -81,14 +86,13 @@ TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
     EXPECT_EQ(if_state_token(nullptr, ",\n"), nullptr);
 }
 
-// Verifies one refresh over the three files: the line kinds, a duplicate
-// name, the decimal MAC, a non-numeric counter, the walk order and that the
-// wireless file is read only on a wireless model.
+// Verifies one refresh over the three files: the line kinds, a duplicate name, the decimal MAC, a
+// non-numeric counter, the walk order and that the wireless file is read only on a wireless model.
 TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
 {
-    files(v4("br-lan", 5, "10", "12a") + "v6,br-lan,whatever,\n" + "ppp,PPTP,\n" + v4("br-lan", 3) +
-              v4("eth0", 4, "1", "1", "-"),
-          port("WAN", 9, "7", true), port("LAN1", 2) + "\n");
+    env_.files(v4("br-lan", 5, "10", "12a") + "v6,br-lan,whatever,\n" + "ppp,PPTP,\n" +
+                   v4("br-lan", 3) + v4("eth0", 4, "1", "1", "-"),
+               port("WAN", 9, "7", true), port("LAN1", 2) + "\n");
     env_.write("/tmp/stats/snmp_wlan_port_stats",
                "WLAN,radio,0,0,54,0,0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,1,7,1,1,\n");
     ASSERT_EQ(if_state_refresh(""), 0);
@@ -120,34 +124,33 @@ TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
     EXPECT_EQ(walk_order().size(), 7u);
 }
 
-// Verifies that unicast and multicast counts run on by line position across
-// refreshes, whatever interface holds the position, and that the WAN ports
-// overwrite the rows after the last IPv4 line.
+// Verifies that unicast and multicast counts run on by line position across refreshes, whatever
+// interface holds the position, and that the WAN ports overwrite the rows after the last IPv4 line.
 TEST_F(IfStateTest, CountersAccumulateByPosition)
 {
-    files(v4("a", 1, "10") + v4("b", 2, "100"));
+    env_.files(v4("a", 1, "10") + v4("b", 2, "100"));
     ASSERT_EQ(if_state_refresh(""), 0);
     uint64_t row0 = ucast("a"), row1 = ucast("b");
-    files(v4("b", 2, "5") + v4("a", 1, "7"));
+    env_.files(v4("b", 2, "5") + v4("a", 1, "7"));
     ASSERT_EQ(if_state_refresh(""), 0);
     EXPECT_EQ(ucast("b"), row0 + 5);
     EXPECT_EQ(ucast("a"), row1 + 7);
-    files(v4("a", 1, "1") + v4("b", 2, "1"));
+    env_.files(v4("a", 1, "1") + v4("b", 2, "1"));
     ASSERT_EQ(if_state_refresh(""), 0);
     EXPECT_EQ(ucast("a"), row0 + 5 + 1);
     EXPECT_EQ(ucast("b"), row1 + 7 + 1);
     EXPECT_EQ(if_state_find("a")->in_octets, 1000u); // octets are not accumulated
 
-    files(v4("a", 1, "1"), port("WAN", 3, "40", true));
+    env_.files(v4("a", 1, "1"), port("WAN", 3, "40", true));
     ASSERT_EQ(if_state_refresh(""), 0);
     EXPECT_EQ(ucast("WAN"), 40u);
-    files(v4("a", 1, "1") + v4("b", 2, "2"));
+    env_.files(v4("a", 1, "1") + v4("b", 2, "2"));
     ASSERT_EQ(if_state_refresh(""), 0);
     EXPECT_EQ(ucast("b"), 42u);
 }
 
-// Verifies the limits: at most 256 lines are taken, and IPv4 lines beyond
-// the 50 counter rows keep the file's counts.
+// Verifies the limits: at most 256 lines are taken, and IPv4 lines beyond the 50 counter rows keep
+// the file's counts.
 TEST_F(IfStateTest, LinesBeyondTheTablesAreIgnored)
 {
     std::string iface, lan;
@@ -155,7 +158,7 @@ TEST_F(IfStateTest, LinesBeyondTheTablesAreIgnored)
         iface += v4("v" + std::to_string(i), i + 1, "3");
     for (int i = 0; i < 240; i++)
         lan += port("p" + std::to_string(i), 100 + i);
-    files(iface, "", lan);
+    env_.files(iface, "", lan);
     ASSERT_EQ(if_state_refresh(""), 0);
     EXPECT_EQ(if_state_count(), 256);
     ASSERT_EQ(if_state_refresh(""), 0);
@@ -163,13 +166,12 @@ TEST_F(IfStateTest, LinesBeyondTheTablesAreIgnored)
     EXPECT_GE(ucast("v5"), 6u);
 }
 
-// Verifies the staleness rule (10 seconds still fresh, 11 not, either way)
-// and that a missing file fails the refresh but leaves the last count and
-// walk order in force.
+// Verifies the staleness rule (10 seconds still fresh, 11 not, either way) and that a missing file
+// fails the refresh but leaves the last count and walk order in force.
 TEST_F(IfStateTest, StalenessAndMissingFiles)
 {
     EXPECT_EQ(if_state_cache_stale(), 1);
-    files(v4("a", 7) + v4("b", 6));
+    env_.files(v4("a", 7) + v4("b", 6));
     ASSERT_EQ(if_state_refresh(""), 0);
     for (auto [offset, stale] : {std::pair<int, int>{10, 0}, {11, 1}, {-10, 0}, {-11, 1}}) {
         clock_seconds = 1700000000 + offset;
@@ -195,27 +197,11 @@ class IfStateProviderTest : public provider_test
 {
   protected:
     IfStateProviderTest() : provider_test(if_state_register, "ifentries-snmp") {}
-    void SetUp() override
-    {
-        clock_seconds = 1700000000;
-        if_state_set_clock(test_clock);
-        provider_test::SetUp();
-        env_.script("/usr/bin/snmpgetcurrent", "true");
-        env_.write("/tmp/stats/snmp_wanport_stats", "");
-        env_.write("/tmp/stats/snmp_lanport_stats", "");
-    }
-    void TearDown() override
-    {
-        provider_test::TearDown();
-        if_state_set_clock(nullptr);
-        if_state_clear();
-    }
-    FixtureEnv env_;
+    IfStateEnv env_;
 };
 
-// Verifies ifType by interface name (prefix tests for USB and VLAN, whole
-// names otherwise; none for an unknown name), and no instance for a status
-// below 1, an unknown interface or a leaf that is not served.
+// Verifies ifType by interface name (USB and VLAN by prefix), and no instance for a status below
+// 1, an unknown interface or a leaf that is not served.
 TEST_F(IfStateProviderTest, LeavesOfTheInterfaceTable)
 {
     const std::vector<std::pair<std::string, std::string>> types = {
@@ -227,7 +213,7 @@ TEST_F(IfStateProviderTest, LeavesOfTheInterfaceTable)
     for (size_t i = 0; i < types.size(); i++)
         iface += v4(types[i].first, static_cast<int>(i) + 1);
     iface += "v4,down,1,,,,,0,,,,20,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,\n";
-    env_.write("/tmp/stats/snmp_iface_stats", iface);
+    env_.files(iface);
     for (size_t i = 0; i < types.size(); i++)
         EXPECT_EQ(get(entry_leaf(IF_MIB_ifType, static_cast<int>(i) + 1)), types[i].second)
             << types[i].first;

@@ -5,7 +5,6 @@
 #include "IP-MIB.h"
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -33,9 +32,7 @@ class IpProviderTest : public provider_test
     }
     void write(const std::string &relative, const std::string &text)
     {
-        std::string path = proc_.root() + "/" + relative;
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::ofstream(path) << text;
+        proc_.write(relative, text);
     }
     // /proc/net/snmp, netstat and snmp6 with the given IPv4 InReceives.
     void write_system_counters(const std::string &in_receives)
@@ -63,10 +60,8 @@ keypath system_row(const std::string &version, uint32_t leaf)
     return ip({IP_MIB_ipSystemStatsTable, IP_MIB_ipSystemStatsEntry, leaf}, version);
 }
 
-// Verifies the two ipSystemStatsTable rows: the fixed walk; counters from
-// the "Ip:", "IpExt:" and snmp6 sources as Counter32 (32-bit values) and
-// Counter64 (widened totals); the derived columns; the columns never
-// filled; and the 3-second rule with a counter wrapping in between.
+// Verifies the two ipSystemStatsTable rows: Counter32 and widened Counter64 values, derived and
+// never filled columns, and the 3-second rule with a counter wrapping in between.
 TEST_F(IpProviderTest, SystemStatsRows)
 {
     write_system_counters("4294967290");
@@ -108,10 +103,8 @@ keypath if_row(const std::string &keys, uint32_t leaf)
     return ip({IP_MIB_ipIfStatsTable, IP_MIB_ipIfStatsEntry, leaf}, keys);
 }
 
-// Verifies ipIfStatsTable: one IPv6 row per interface file in (version,
-// ifIndex) order, a file without "ifIndex" giving ifIndex 0, dot files
-// ignored; the per-interface InForwDatagrams wrapping at 2^32; C_NOEXISTS
-// before any walk and for a row not in it; a wrong key type aborts.
+// Verifies ipIfStatsTable: one IPv6 row per interface file in index order, dot files ignored, a
+// per-interface wrap at 2^32, C_NOEXISTS outside the walk, the abort on a wrong key type.
 TEST_F(IpProviderTest, InterfaceStatsRows)
 {
     use("ip_traf_if_stats");
@@ -141,10 +134,8 @@ keypath scalar(uint32_t leaf)
     return ip({IP_MIB_ip, leaf});
 }
 
-// Verifies the ip group scalars: "%i" reading ("0x40" is 64, "010" is 8),
-// forwarding 1 or else notForwarding, the two time stamps 0; a file with no
-// number warns and keeps the last value; an unknown leaf reads no file; a
-// missing file ends the daemon naming it.
+// Verifies the ip group scalars ("%i" reading, forwarding 1 or notForwarding); a file with no
+// number warns and keeps the last value; a missing file ends the daemon naming it.
 TEST_F(IpProviderTest, Scalars)
 {
     use("ip_status");
@@ -180,10 +171,8 @@ TEST_F(IpProviderTest, Scalars)
                 "Could not open .*/sys/net/ipv4/ipfrag_time: No such file or directory");
 }
 
-// Verifies ipv6ScopeZoneIndexTable: one row per interface with a link-local
-// address (two on interface 3 give one row), none for global-only or
-// loopback interfaces, a short line skipped; the link-local zone is the
-// ifIndex and every other zone 0; the key itself is not served.
+// Verifies ipv6ScopeZoneIndexTable: one row per interface with a link-local address, a short line
+// skipped; the link-local zone is the ifIndex, every other zone 0; the key itself is not served.
 TEST_F(IpProviderTest, ScopeZones)
 {
     use("ip6_scope_zone_idx");
@@ -205,10 +194,8 @@ TEST_F(IpProviderTest, ScopeZones)
               "3 0 0 noexists");
 }
 
-// Verifies the ICMP tables: icmpStatsTable IPv4 then IPv6 with counters cut
-// to their low 32 bits; icmpMsgStatsTable by version then type, a type
-// counted in one direction only with 0 in the other; without snmp6 and
-// without an "IcmpMsg:" section only the IPv4 statistics row is left.
+// Verifies the ICMP tables: counters cut to 32 bits, message types by version then type, 0 for an
+// unused direction; without snmp6 and an "IcmpMsg:" section only the IPv4 statistics row is left.
 TEST_F(IpProviderTest, IcmpTables)
 {
     write("net/snmp", "Icmp: InMsgs InErrors InCsumErrors OutMsgs OutErrors\n"

@@ -39,9 +39,13 @@ template <typename Body> bytes message(uint16_t type, const Body &body, std::vec
     return out;
 }
 
-bytes control(uint16_t type)
+// A message cut n bytes short, its header saying so: an attribute then runs past the datagram.
+bytes cut_short(bytes msg, size_t n)
 {
-    return message(type, int32_t(0), {});
+    msg.resize(msg.size() - n);
+    uint32_t length = static_cast<uint32_t>(msg.size());
+    memcpy(msg.data(), &length, sizeof length);
+    return msg;
 }
 
 bytes join(std::vector<bytes> parts)
@@ -65,12 +69,18 @@ std::string hex(const unsigned char *p, size_t n)
     return hex_text(p, static_cast<uint32_t>(n));
 }
 
+// A record list freed at the end; its first `zeroed` slots exist and hold zeroes, so that a reader
+// reuses them.
 struct owned_list {
     stats_list list{};
-    owned_list(uint32_t size, stats_compare_fn compare)
+    owned_list(uint32_t size, stats_compare_fn compare, int32_t zeroed = 0)
     {
         list.elem_size = size;
         list.compare = compare;
+        if (zeroed == 0) return;
+        stats_list_at(&list, zeroed - 1);
+        memset(list.storage, 0, size_t(zeroed) * size);
+        list.count = 0;
     }
     ~owned_list() { stats_list_free(&list); }
     template <typename Row> const Row &at(int32_t i)
@@ -93,16 +103,11 @@ const bytes mac = {0x02, 0, 0, 0, 0, 0x2a};
 const bytes v4 = {192, 168, 1, 2};
 const bytes v6 = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
 
-// Verifies the neighbour dump walk: a dump split over three datagrams with
-// its end marker alone in the last; a message in another family skipped; the
-// type (static for permanent and no-ARP entries) and the state mapping in
-// which reachable, failed, no-ARP and permanent all answer reachable; a
-// link-layer attribute running past the datagram's edge ignored; an error
-// message in the middle of a datagram ends the walk with -1, the rows before
-// it kept.
+// Verifies the neighbour dump walk over three datagrams: another family skipped, the type and
+// state mapping, an attribute past the datagram's edge ignored, an error message ending it with -1.
 TEST(IpNetlink, NeighbourDump)
 {
-    owned_list rows(sizeof(ip_net_phys_entry), ip_net_phys_compare);
+    owned_list rows(sizeof(ip_net_phys_entry), ip_net_phys_compare, 16);
     struct {
         uint16_t state;
         const char *want; // type state
@@ -118,20 +123,12 @@ TEST(IpNetlink, NeighbourDump)
                                          {attr(NDA_DST, v4), attr(NDA_LLADDR, mac)})});
     }
     first = join({first, neigh(AF_BRIDGE, 9, NUD_PERMANENT, 0, {attr(NDA_LLADDR, mac)})});
-    bytes cut =
-        neigh(AF_INET6, 20, NUD_STALE, NTF_ROUTER, {attr(NDA_DST, v6), attr(NDA_LLADDR, mac)});
-    cut.resize(cut.size() - 4); // the last attribute runs past the datagram
-    nlmsghdr h;
-    memcpy(&h, cut.data(), sizeof h);
-    h.nlmsg_len = static_cast<uint32_t>(cut.size());
-    memcpy(cut.data(), &h, sizeof h);
-    second = join({second, cut});
-    stats_list_at(&rows.list, 15); // reused slots hold zeroes
-    memset(rows.list.storage, 0, 16 * sizeof(ip_net_phys_entry));
-    rows.list.count = 0;
+    second = join({second, cut_short(neigh(AF_INET6, 20, NUD_STALE, NTF_ROUTER,
+                                           {attr(NDA_DST, v6), attr(NDA_LLADDR, mac)}),
+                                     4)});
     EXPECT_EQ(rtnl_walk(first.data(), first.size(), parse_neigh_msg, &rows.list), 1);
     EXPECT_EQ(rtnl_walk(second.data(), second.size(), parse_neigh_msg, &rows.list), 1);
-    bytes done = control(NLMSG_DONE);
+    bytes done = message(NLMSG_DONE, int32_t(0), {});
     EXPECT_EQ(rtnl_walk(done.data(), done.size(), parse_neigh_msg, &rows.list), 0);
     ASSERT_EQ(rows.list.count, int32_t(std::size(states) + 1));
     for (size_t i = 0; i < std::size(states); i++) {
@@ -148,8 +145,9 @@ TEST(IpNetlink, NeighbourDump)
               "20 2 fe800000000000000000000000000001 0 1 2");
 
     rows.list.count = 0;
-    bytes error = join({neigh(AF_INET, 1, NUD_REACHABLE, 0, {attr(NDA_DST, v4)}),
-                        control(NLMSG_ERROR), neigh(AF_INET, 2, NUD_REACHABLE, 0, {})});
+    bytes error =
+        join({neigh(AF_INET, 1, NUD_REACHABLE, 0, {attr(NDA_DST, v4)}),
+              message(NLMSG_ERROR, int32_t(0), {}), neigh(AF_INET, 2, NUD_REACHABLE, 0, {})});
     EXPECT_EQ(rtnl_walk(error.data(), error.size(), parse_neigh_msg, &rows.list), -1);
     EXPECT_EQ(rows.list.count, 1);
 }
@@ -164,11 +162,8 @@ bytes route(uint8_t family, uint8_t dst_len, uint32_t flags, std::vector<bytes> 
     return message(RTM_NEWROUTE, rt, attrs);
 }
 
-// Verifies default routes: an IPv4 route via a gateway lists lifetime 65535;
-// a device route, a route with a destination prefix and an IPv6 route
-// without an expiry are not listed; an IPv6 route expiring in 180000 clock
-// ticks (100 a second) answers 1800 seconds; an expiry of 0 on a cloned
-// route leaves no lifetime.
+// Verifies default routes: via a gateway only, IPv4 with lifetime 65535, IPv6 only with an expiry
+// (in clock ticks, 100 a second); no route with a destination prefix or a cloned one.
 TEST(IpNetlink, DefaultRoutes)
 {
     ip_route_set_clock_ticks(100);
@@ -213,12 +208,8 @@ bytes address(uint8_t family, uint8_t prefix_len, uint8_t flags, int ifindex, co
     return message(RTM_NEWADDR, ifa, more);
 }
 
-// Verifies ipAddressPrefixTable rows from an address dump: the prefix masked
-// to its length, origins (manual, wellknown for 169.254/16 and for a
-// link-local address with flags, routeradv for an address without flags or
-// a temporary one), lifetimes only from cache information, the fixed flags;
-// a truncated attribute at the datagram's edge; two addresses of one prefix
-// that sort first give one row.
+// Verifies ipAddressPrefixTable rows from an address dump: masked prefixes, origins, lifetimes,
+// fixed flags; a truncated attribute; two addresses of one prefix that sort first give one row.
 TEST(IpNetlink, AddressPrefixes)
 {
     const bytes global = {0x20, 0x01, 0x0d, 0xb8, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
@@ -233,23 +224,14 @@ TEST(IpNetlink, AddressPrefixes)
         address(AF_INET6, 64, 0x01, 5, global),
         address(AF_INET6, 48, 0x80, 6, global),
         address(AF_INET, 24, 0x80, 2, {192, 168, 1, 77}),
-        address(AF_INET, 8, 0x80, 7, {10, 1, 2, 3}, {lifetimes(1, 2)}),
+        cut_short(address(AF_INET, 8, 0x80, 7, {10, 1, 2, 3}, {lifetimes(1, 2)}), 2),
     });
-    dump.resize(dump.size() - 2); // the last cache information is cut short
-    nlmsghdr h;
-    size_t last = dump.size() - (NLMSG_LENGTH(sizeof(ifaddrmsg)) + 8 + RTA_LENGTH(16) - 2);
-    memcpy(&h, dump.data() + last, sizeof h);
-    h.nlmsg_len -= 2;
-    memcpy(dump.data() + last, &h, sizeof h);
 
     item_list records;
     item_list_init(&records, sizeof(ip_addr_record), 4);
     parse_addr_datagram(dump.data(), dump.size(), &records);
     ASSERT_EQ(records.count, 8u);
-    owned_list rows(sizeof(ip_addr_prefix_entry), ip_addr_prefix_compare);
-    stats_list_at(&rows.list, 7); // reused slots hold zeroes
-    memset(rows.list.storage, 0, 8 * sizeof(ip_addr_prefix_entry));
-    rows.list.count = 0;
+    owned_list rows(sizeof(ip_addr_prefix_entry), ip_addr_prefix_compare, 8);
     ip_prefix_rows(&records, &rows.list);
     item_list_free(&records);
     std::vector<std::string> got;
@@ -272,8 +254,8 @@ TEST(IpNetlink, AddressPrefixes)
                    }));
 }
 
-// Verifies the neighbour sort against the comparator sort on rows of mixed
-// interfaces (negative ifIndex included), families and duplicates.
+// Verifies the neighbour sort against the comparator sort on rows of mixed interfaces (negative
+// ifIndex included), families and duplicates.
 TEST(IpNetlink, NeighbourSortMatchesTheComparator)
 {
     owned_list radix(sizeof(ip_net_phys_entry), ip_net_phys_compare);

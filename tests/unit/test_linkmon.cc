@@ -24,8 +24,8 @@ int counting_handler(struct sockaddr_nl *, struct nlmsghdr *)
     return callback_result;
 }
 
-// A batch of netlink messages, each given by type and length (header
-// included; bodies are zero), padded to 4 bytes.
+// A batch of netlink messages, each given by type and length (header included; bodies are zero),
+// padded to 4 bytes.
 std::string batch(const std::vector<std::pair<int, int>> &msgs)
 {
     std::string out;
@@ -41,10 +41,9 @@ std::string batch(const std::vector<std::pair<int, int>> &msgs)
     return out;
 }
 
-// Verifies how one read walks a batch: every message to the callback until
-// NLMSG_DONE, NLMSG_ERROR or no callback give -1, a message shorter than its
-// header ends the walk quietly, and a negative callback result is returned
-// at once.
+// Verifies how one read walks a batch: every message to the callback until NLMSG_DONE, NLMSG_ERROR
+// or no callback give -1, a message shorter than its header ends the walk quietly, and a negative
+// callback result is returned at once.
 TEST(LinkMonitorTest, ReadNetlinkWalksOneBatch)
 {
     const int full = NLMSG_LENGTH(sizeof(struct ifinfomsg)), odd = NLMSG_LENGTH(3);
@@ -78,8 +77,8 @@ TEST(LinkMonitorTest, ReadNetlinkWalksOneBatch)
     close(pair[1]);
 }
 
-// Verifies the section lookup: only a whole "ifname" value matches, the first
-// such section wins, no match is a null name, and a missing package fails.
+// Verifies the section lookup: only a whole "ifname" value matches, the first such section wins, no
+// match is a null name, and a missing package fails.
 TEST(LinkMonitorTest, SectionOfAnInterface)
 {
     FixtureEnv env;

@@ -1,4 +1,5 @@
-// Unit tests of the "snmp_lldp_stats" provider, driven through its callbacks on a fixture neighbour file.
+// Unit tests of the "snmp_lldp_stats" provider, driven through its callbacks on a fixture neighbour
+// file.
 #include "mibs/lldpmib.h"
 #include "fixture_env.h"
 #include "provider_driver.h"
@@ -38,10 +39,9 @@ class LldpProviderTest : public provider_test
 
 using rows = std::vector<std::string>;
 
-// Verifies the bounds (the walks themselves are shown end to end): lines past
-// the ten records are ignored and then no row follows the last one, an index
-// past the records or a leaf the table lacks is answered C_NOEXISTS, and
-// overlong fields are cut to their buffers.
+// Verifies the bounds (the walks themselves are shown end to end): lines past the ten records are
+// ignored and then no row follows the last one, an index past the records or a leaf the table lacks
+// is answered C_NOEXISTS, and overlong fields are cut to their buffers.
 TEST_F(LldpProviderTest, TenRecordsAndBoundedTexts)
 {
     std::string text;
@@ -55,8 +55,7 @@ TEST_F(LldpProviderTest, TenRecordsAndBoundedTexts)
     EXPECT_EQ(get(column(10, LLDP_MIB_lldpRemSysName)), "noexists");
     EXPECT_EQ(get(lldp({LLDP_MIB_lldpRemTable}, "0 i0 i0")), "noexists");
 
-    // Lines stay within the 511 characters read at a time; each carries one
-    // overlong field.
+    // Lines stay within the 511 characters read at a time; each carries one overlong field.
     std::string y(300, 'y'), cut = "'" + std::string(254, 'y') + "'";
     neighbours("x?" + y + "\nx?a?m?" + y + "\nx?a?m?c?m?" + y + "\nx?a?m?c?m?p?x?x?x?" + y +
                "\nx?a?m?c?m?p?x?x?x?b?" + y + "\n");
@@ -68,8 +67,8 @@ TEST_F(LldpProviderTest, TenRecordsAndBoundedTexts)
     EXPECT_EQ(get(column(4, LLDP_MIB_lldpRemSysDesc)), cut);
 }
 
-// Verifies that get_next on another list ends at once, and that a key of the
-// wrong type aborts the daemon with the type check's text.
+// Verifies that get_next on another list ends at once, and that a key of the wrong type aborts the
+// daemon with the type check's text.
 TEST_F(LldpProviderTest, OtherListAndWrongKeyType)
 {
     EXPECT_EQ(next(lldp({LLDP_MIB_lldpRemTimeMark}), -1), "end");

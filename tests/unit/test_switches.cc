@@ -23,10 +23,8 @@ struct daemon_switches parse(std::vector<std::string> args, std::string *err = n
     return sw;
 }
 
-// Verifies the debug level and start mode of each switch combination: silent with ucdStart by
-// default; the last level switch wins, separate or clustered; -n goes through atoi (anything else
-// is 0), attached or separate, the last one winning, and takes the next word even when it looks
-// like a switch; -r and positional arguments change nothing and stop nothing.
+// Verifies level and start mode per switch combination: the last level switch wins, -n goes
+// through atoi and takes the next word whatever it looks like, -r and arguments change nothing.
 TEST(SwitchesTest, LevelsAndStartModes)
 {
     const struct {

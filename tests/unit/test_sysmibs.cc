@@ -11,7 +11,6 @@
 
 #include <cstdio>
 #include <ctime>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -26,8 +25,8 @@ keypath ucd(uint32_t group, uint32_t leaf, const std::string &keys = "")
     return keypath(UCD_SNMP_MIB__ns, {UCD_SNMP_MIB_UCD_SNMP_MIB, group, leaf});
 }
 
-// The UCD provider, with a procdata.sh that writes a snapshot holding a
-// repeated pid, a short line and an empty line.
+// The UCD provider, with a procdata.sh that writes a snapshot holding a repeated pid, a short line
+// and an empty line.
 class UcdTest : public provider_test
 {
   protected:
@@ -41,17 +40,12 @@ class UcdTest : public provider_test
         provider_test::SetUp();
     }
     void use(const char *callpoint) { cbs_ = confd_inproc_data_cbs(dx_, callpoint); }
-    void write(const std::string &name, const std::string &text)
-    {
-        std::ofstream(proc_.root() + "/" + name) << text;
-    }
+    void write(const std::string &name, const std::string &text) { proc_.write(name, text); }
     FixtureEnv env_;
 };
 
-// Verifies systemStats: the served leaves (per-CPU ticks, irq 0 on a
-// four-value line), the others C_NOEXISTS, from a /proc/stat of several
-// 256-byte reads; /proc/stat reread only after more than 5 seconds; once
-// /proc/vmstat is missing, /proc/stat's swap line for good.
+// Verifies systemStats: the served leaves from a /proc/stat of several 256-byte reads, reread only
+// after more than 5 seconds; once /proc/vmstat is missing, /proc/stat's swap line for good.
 TEST_F(UcdTest, SystemStatsTimeRuleAndVmstatFallback)
 {
     use("sys_stats");
@@ -84,10 +78,8 @@ TEST_F(UcdTest, SystemStatsTimeRuleAndVmstatFallback)
     EXPECT_EQ(ss(UCD_SNMP_MIB_ssRawSwapOut), "2");
 }
 
-// Verifies the request-count rules: /proc/meminfo is read on the 1st, 20th
-// and 39th memory request, /proc/version on the 1st, 12th and 23rd version
-// request, with the date of that request. The files change before every
-// request, so each answer names the request that last read them.
+// Verifies that meminfo is read on the 1st, 20th and 39th memory request, version on the 1st,
+// 12th and 23rd version request: the files change before each, so an answer names its reader.
 TEST_F(UcdTest, MemoryAndVersionRereadByRequestCount)
 {
     use("memory_stats");
@@ -120,10 +112,8 @@ TEST_F(UcdTest, MemoryAndVersionRereadByRequestCount)
     EXPECT_EQ(get(ucd(UCD_SNMP_MIB_version, UCD_SNMP_MIB_versionIdent)), "noexists");
 }
 
-// Verifies prTable from the start-up snapshot: the script ran once and its
-// file is gone; the walk is in ascending pid with both lines of pid 100, the
-// later first, and a lookup finds that one; missing counters are 0; an
-// unknown pid is not found; a key that is not an int32 aborts.
+// Verifies prTable from the start-up snapshot: one script run, its file gone, ascending pid with
+// the later duplicate first, missing counters 0, not found for an unknown pid, a wrong key aborts.
 TEST_F(UcdTest, ProcessTableFromSnapshot)
 {
     use("process_info");
@@ -143,8 +133,8 @@ TEST_F(UcdTest, ProcessTableFromSnapshot)
         "find_process_entry: Assertion `\\(&keypath->v\\[1\\]\\[0\\]\\)->type == C_INT32'");
 }
 
-// Verifies the exact texts that end the daemon when ConfD refuses a
-// registration (here: one made after the registration was completed).
+// Verifies the exact texts that end the daemon when ConfD refuses a registration (here: one made
+// after the registration was completed).
 TEST(SystemMibRegistration, RefusalTexts)
 {
     FixtureEnv env;
@@ -189,10 +179,8 @@ class EntityTest : public provider_test
     FixtureEnv env_;
 };
 
-// Verifies the chassis row: a failed load answers "not found" and is
-// retried on the 20th request only; then every index gets the same values,
-// over-long options cut to their fields; the package is reread on the 20th
-// request after; a walk gives the one row.
+// Verifies the chassis row: "not found" while the package cannot be loaded, retried on the 20th
+// request only; the same values for every index, cut to their fields; a walk gives the one row.
 TEST_F(EntityTest, ChassisRowAndRequestCount)
 {
     EXPECT_EQ(get_leaf("i1", ENTITY_MIB_entPhysicalSerialNum), "not-found");

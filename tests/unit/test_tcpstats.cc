@@ -45,10 +45,8 @@ class TcpTablesTest : public ::testing::Test
     tcp_tables tables;
 };
 
-// Verifies the tcp6 reader's kept quirk (the fixture files' rows, listeners told from connections
-// by a wildcard remote end, are checked through the provider's walks): a queue field holding hex
-// letters shifts the inode, 000001A4 reading as two fields, and the row is typed IPv6 whatever
-// the scanner saw.
+// Verifies the tcp6 reader's kept quirk: hex letters in a queue field shift the inode (000001A4
+// reads as two fields), and the row is typed IPv6 whatever the scanner saw.
 TEST_F(TcpTablesTest, HexLettersInTheQueueShiftTheInode)
 {
     std::string odd = "header\n 0: 0100007F:0016 0100007F:D431 01 000001A4:0 0:0 0 0 0 77 1\n";
@@ -59,9 +57,9 @@ TEST_F(TcpTablesTest, HexLettersInTheQueueShiftTheInode)
               std::vector<std::string>{"2 7f000001:22 2 7f000001:54321 st1 i0 p0"});
 }
 
-// Verifies that the key-based sort of the refresh puts every row where the
-// comparator sort does, over mixed types, address lengths and many ties, and
-// when an address too long for a key forces the comparator sort.
+// Verifies that the key-based sort of the refresh puts every row where the comparator sort does,
+// over mixed types, address lengths and many ties, and when an address too long for a key forces
+// the comparator sort.
 TEST_F(TcpTablesTest, KeyedSortMatchesTheComparators)
 {
     std::mt19937 random(11);
@@ -103,10 +101,8 @@ TEST_F(TcpTablesTest, KeyedSortMatchesTheComparators)
     }
 }
 
-// Verifies the reading of the Tcp line (the fixture's values are checked
-// through the provider): MaxConn keeps its sign, the 64-bit segment counters
-// equal the 32-bit ones instead of accumulating; a short values line reports
-// -1, a missing one leaves all zero, a missing file changes nothing.
+// Verifies the Tcp line reader: MaxConn signed, 64-bit counters equal to the 32-bit ones; a short
+// values line reports -1, a missing one leaves all zero, a missing file changes nothing.
 TEST(TcpGlobalStats, CountersFromTheTcpLine)
 {
     tcp_global_stats stats;

@@ -17,9 +17,9 @@ template <typename T> void parse_text(std::string text, void (*parse)(FILE *, T 
     fclose(in);
 }
 
-// Verifies the systemStats parse: per-CPU division by the last cpuN plus one
-// (one CPU without cpuN lines), seven values or four (clearing the flag for
-// good), paging from vmstat or else the page and swap lines, no cpu line.
+// Verifies the systemStats parse: per-CPU division by the last cpuN plus one (one CPU without cpuN
+// lines), seven values or four (clearing the flag for good), paging from vmstat or else the page
+// and swap lines, no cpu line.
 TEST(UcdSysStatsParse, Cases)
 {
     const std::string cpus = "cpu0 1 1 1 1\ncpu1 1 1 1 1\ncpu2 1 1 1 1\ncpu3 1 1 1 1\n";
@@ -53,9 +53,8 @@ TEST(UcdSysStatsParse, Cases)
     }
 }
 
-// Verifies the meminfo rules: names matched anywhere in a line, a later
-// match overwriting an earlier one (SwapCached decides memCached, the last
-// Shmem line memShared), memTotalFree = MemFree + SwapFree, fixed fields.
+// Verifies the meminfo rules: names matched anywhere in a line, the later match winning,
+// memTotalFree = MemFree + SwapFree, the fixed fields.
 TEST(UcdMemoryParse, LaterMatchesWin)
 {
     ucd_memory m;
@@ -72,8 +71,8 @@ TEST(UcdMemoryParse, LaterMatchesWin)
     EXPECT_STREQ(text, "1000 300 40 7 4 2000 1500 1800 0 swap");
 }
 
-// Verifies the version banner: the third word is the release, the words
-// after SMP the build text (empty without SMP), both cut to their buffers.
+// Verifies the version banner: the third word is the release, the words after SMP the build text
+// (empty without SMP), both cut to their buffers.
 TEST(UcdVersionParse, ReleaseAndBuildText)
 {
     std::string words, built; // six 10-letter words: 66 bytes of build text

@@ -24,10 +24,6 @@ keypath endpoint(const std::string &keys, uint32_t leaf = UDP_MIB_udpEndpointPro
 {
     return udp({UDP_MIB_udpEndpointTable, UDP_MIB_udpEndpointEntry, leaf}, keys);
 }
-keypath scalar(uint32_t leaf)
-{
-    return udp({UDP_MIB_udp, leaf});
-}
 
 class UdpProviderTest : public provider_test
 {
@@ -46,9 +42,8 @@ class UdpProviderTest : public provider_test
     }
 };
 
-// Verifies a walk of udpEndpointTable: the rows in index order with their
-// seven keys and position cookies, then the end of the table; and that each
-// row's keys fetch that row's process.
+// Verifies a walk of udpEndpointTable: the fixture's rows in index order with their seven keys and
+// position cookies; each row's keys fetch that row's process.
 TEST_F(UdpProviderTest, WalkAndEntriesInIndexOrder)
 {
     const std::string any = "x" + std::string(32, '0'), lo = "x" + std::string(30, '0') + "01";
@@ -70,10 +65,9 @@ TEST_F(UdpProviderTest, WalkAndEntriesInIndexOrder)
     EXPECT_EQ(processes, "0 0 0 100 200 300 0 0 100 ");
 }
 
-// Verifies the deliberate answers: before any walk an entry request fails and
-// any cookie ends the walk; after one, a key matching no row is answered with
-// the process of the last row; any leaf but udpEndpointProcess, and any
-// unknown scalar, fails without a reply; a key of the wrong type aborts.
+// Verifies the deliberate answers: before any walk an entry request fails and any cookie ends the
+// walk; after one, a key matching no row gets the last row's process; any leaf but
+// udpEndpointProcess, and any unknown scalar, fails without a reply; a wrong key type aborts.
 TEST_F(UdpProviderTest, FallThroughAndErrors)
 {
     const std::string row = "e1 x7f000001 68 e1 x00000000 0 3005";
@@ -87,41 +81,31 @@ TEST_F(UdpProviderTest, FallThroughAndErrors)
     EXPECT_EQ(next(endpoints(), 9), "end");
 
     EXPECT_EQ(get(endpoint(row, UDP_MIB_udpEndpointLocalPort)), "CONFD_ERR");
-    EXPECT_EQ(get(scalar(UDP_MIB_udpEndpointTable)), "CONFD_ERR");
+    EXPECT_EQ(get(udp({UDP_MIB_udp, UDP_MIB_udpEndpointTable})), "CONFD_ERR");
     EXPECT_DEATH(get(endpoint("e1 x7f000001 68 e1 x00000000 0 i3005")),
                  "get_udp_endpoint_stats: Assertion `\\(v_pp\\)->type == C_UINT32' failed");
 }
 
-// Verifies an empty table: the walk ends at once and entry requests fail,
-// also with a key of the wrong type (keys are only read to compare rows).
-TEST_F(UdpProviderTest, EmptyTable)
-{
-    fake_proc empty;
-    EXPECT_EQ(walk(endpoints()), std::vector<std::string>{});
-    EXPECT_EQ(get(endpoint("e1 x 1 e1 x 1 1")), "CONFD_ERR");
-    EXPECT_EQ(get(endpoint("e1 x 1 e1 x 1 i1")), "CONFD_ERR");
-}
-
-// Verifies the scalars and their types (HC counters equal to the 32-bit ones)
-// and the 3-second rule of both caches: within it nothing is read again,
-// from 3 seconds on a walk or scalar request reads afresh.
+// Verifies the scalars and their types (HC counters equal to the 32-bit ones), the 3-second rule of
+// both caches, and an empty table: entry requests fail, even with a key of the wrong type.
 TEST_F(UdpProviderTest, ScalarsAndRefreshInterval)
 {
     std::string answers;
     for (uint32_t leaf :
          {UDP_MIB_udpInDatagrams, UDP_MIB_udpNoPorts, UDP_MIB_udpInErrors, UDP_MIB_udpOutDatagrams,
           UDP_MIB_udpHCInDatagrams, UDP_MIB_udpHCOutDatagrams})
-        answers += get(scalar(leaf)) + " ";
+        answers += get(udp({UDP_MIB_udp, leaf})) + " ";
     EXPECT_EQ(answers, "1180427 287 0 1182633 u64:1180427 u64:1182633 ");
 
     EXPECT_EQ(walk(endpoints()).size(), 9u);
     fake_proc empty;
     now += 2;
     EXPECT_EQ(walk(endpoints()).size(), 9u);
-    EXPECT_EQ(get(scalar(UDP_MIB_udpNoPorts)), "287");
+    EXPECT_EQ(get(udp({UDP_MIB_udp, UDP_MIB_udpNoPorts})), "287");
     now += 1;
     EXPECT_EQ(walk(endpoints()).size(), 0u);
-    EXPECT_EQ(get(scalar(UDP_MIB_udpNoPorts)), "0");
+    EXPECT_EQ(get(endpoint("e1 x 1 e1 x 1 i1")), "CONFD_ERR");
+    EXPECT_EQ(get(udp({UDP_MIB_udp, UDP_MIB_udpNoPorts})), "0");
 }
 
 } // namespace

@@ -12,10 +12,6 @@
 namespace
 {
 
-const std::string v6_any(32, '0');
-const std::string v6_lo = std::string(30, '0') + "01";
-const std::string v6_mapped = std::string(20, '0') + "ffff7f000001";
-
 class UdpEndpointsTest : public ::testing::Test
 {
   protected:
@@ -56,35 +52,21 @@ class UdpEndpointsTest : public ::testing::Test
     stats_list list = {};
 };
 
-// Verifies the reader on both files: every line after the header takes one
-// position, addresses come out in network order, hex letters in the queue
-// fields are read as hex, a local text without ":" leaves an empty address
-// and port 0 while the rest of the row is read, a line that is no socket row
-// keeps its position with the zeros of fresh storage; and that reused storage
-// is not cleared: such lines then keep what an earlier refresh left.
+// Verifies that every line after the header takes one position, and that reused storage is not
+// cleared: lines that are no socket rows keep what an earlier refresh left (the fixture's rows
+// themselves are checked through the provider's walk).
 TEST_F(UdpEndpointsTest, ReadsRowsInFileOrder)
 {
     EXPECT_EQ(read_fixture("udp", 0, 1), 6);
     EXPECT_EQ(read_fixture("udp6", 6, 2), 9);
-    EXPECT_EQ(rows(), (std::vector<std::string>{
-                          "1 00000000:53 1 00000000:0 i3001 p0",
-                          "1 7f000001:5353 1 7f000001:53 i3002 p0",
-                          "1 7f000001:68 1 00000000:0 i3005 p0",
-                          "1 :0 1 00000000:0 i3004 p0",
-                          "0 :0 0 :0 i0 p0",
-                          "1 7f000001:68 1 00000000:0 i3003 p0",
-                          "2 " + v6_lo + ":55427 2 " + v6_lo + ":53 i4002 p0",
-                          "2 " + v6_any + ":123 2 " + v6_any + ":0 i4001 p0",
-                          "2 " + v6_mapped + ":514 2 " + v6_any + ":0 i4003 p0",
-                      }));
     list.count = 0;
     EXPECT_EQ(read("h\n  0: short\n  1: 0100007F 00000000:0000 07 0:0 0:0 0 0 0 77\n", 0, 1), 2);
     EXPECT_EQ(rows(), (std::vector<std::string>{"1 00000000:53 1 00000000:0 i3001 p0",
                                                 "1 7f000001:5353 1 00000000:0 i77 p0"}));
 }
 
-// The row the general reading makes of one line: sscanf with the table
-// format, then both address texts through parse_addr_port.
+// The row the general reading makes of one line: sscanf with the table format, then both address
+// texts through parse_addr_port.
 udp_endpoint_entry reference_row(const std::string &line, int32_t type)
 {
     udp_endpoint_entry row = {};
@@ -100,10 +82,8 @@ udp_endpoint_entry reference_row(const std::string &line, int32_t type)
     return row;
 }
 
-// Verifies that the fast reading of socket lines converts what sscanf with
-// the table format converts, and makes the rows of the general reading, on
-// the kernel's own lines and on many damaged copies of them (signs,
-// prefixes, cut or joined fields, over-long texts and numbers, tabs).
+// Verifies that the fast reading of socket lines converts what sscanf with the table format does
+// and makes the rows of the general reading, on kernel lines and many damaged copies of them.
 TEST(UdpEndpointLine, ReadsAsSscanfDoes)
 {
     const std::vector<std::string> lines = {
@@ -150,9 +130,8 @@ TEST(UdpEndpointLine, ReadsAsSscanfDoes)
     }
 }
 
-// Verifies the address readers where the kernel's texts do not go: swapped
-// words, short texts read as sscanf reads them, a text without ":" or with
-// a port that is no number leaving what it cannot read untouched.
+// Verifies the address readers where the kernel's texts do not go: swapped words, short texts read
+// as sscanf reads them, what a text without ":" or a port that is no number leaves untouched.
 TEST(UdpAddressText, ParsesWordsAndPorts)
 {
     uint8_t addr[16];
@@ -170,9 +149,8 @@ TEST(UdpAddressText, ParsesWordsAndPorts)
     EXPECT_EQ(hex_text(addr, length) + " " + std::to_string(port), "7f000001 7");
 }
 
-// Verifies duplicate removal as the router does it (a socket listed twice is
-// merged only when its copies sort to the first two positions), and that a
-// large table with many ties comes out in the comparator's order.
+// Verifies duplicate removal as the router does it (a socket listed twice is merged only when its
+// copies sort to the first two positions), and the comparator's order over many ties.
 TEST_F(UdpEndpointsTest, MergesDuplicatesOnlyAtTheTop)
 {
     fake_proc proc;
@@ -205,9 +183,8 @@ TEST_F(UdpEndpointsTest, MergesDuplicatesOnlyAtTheTop)
             udp_endpoint_compare(stats_list_record(&list, p - 1), stats_list_record(&list, p)), 0);
 }
 
-// Verifies the udp counters: values from the Udp line, each 64-bit total
-// equal to its 32-bit counter on every refresh (no accumulation); all zero
-// with -1 when the file or the section is missing.
+// Verifies the udp counters: each 64-bit total equals its 32-bit counter on every refresh (no
+// accumulation); all zero with -1 when the file or the section is missing.
 TEST(UdpGlobalStats, CountersFromTheUdpSection)
 {
     fake_proc proc;
