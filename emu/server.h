@@ -41,6 +41,9 @@ class Server
     // Serves until stop_fd becomes readable; then shuts every connection down and joins every
     // thread.
     void run(int stop_fd);
+    // Serves one accepted connection on the calling thread until it closes: its hello, then the
+    // frames of its kind. run() calls it on each connection's own thread.
+    void serve(const ConnPtr &c);
 
   private:
     struct Thread {
@@ -48,7 +51,6 @@ class Server
         std::shared_ptr<std::atomic<bool>> done;
     };
     void reap(bool all);
-    void serve(const ConnPtr &c);
     void serve_control(const ConnPtr &c, confd_wire::Reader &hello);
     void serve_worker(const ConnPtr &c, confd_wire::Reader &hello);
     void serve_maapi(const ConnPtr &c);

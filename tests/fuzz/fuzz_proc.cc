@@ -1,4 +1,6 @@
 // Fuzzes the /proc readers: socket tables, snmp sections and the field scanners, on any text.
+#include "fuzz_util.h"
+
 #include "procfs.h"
 #include "scan.h"
 #include "statslist.h"
@@ -12,16 +14,6 @@
 
 namespace
 {
-
-// The input as a stream, as the kernel file would be read.
-file_ptr stream(const uint8_t *data, size_t size)
-{
-    // fmemopen needs a non-empty buffer; an empty file is a one-byte "\n".
-    static std::string copy;
-    copy.assign(reinterpret_cast<const char *>(data), size);
-    if (copy.empty()) copy = "\n";
-    return file_ptr(fmemopen(copy.data(), copy.size(), "r"));
-}
 
 // Every scanner over every line of the text.
 void scan_lines(const std::string &text)
@@ -74,24 +66,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     tcp.conns.count = 0;
     tcp.listeners.count = 0;
     for (int v6 = 0; v6 < 2; v6++) {
-        file_ptr in = stream(data, size);
-        if (in) tcp_read_table(in.get(), &tcp, v6);
+        tcp_read_table(fuzz::stream(data, size).get(), &tcp, v6);
     }
     tcp_tables_sort(&tcp);
 
     udp_endpoints_init(&udp);
     for (int32_t type = 1; type <= 2; type++) {
-        file_ptr in = stream(data, size);
-        if (in) udp_read_endpoints(in.get(), &udp, 0, type);
+        udp_read_endpoints(fuzz::stream(data, size).get(), &udp, 0, type);
     }
 
     tcp_global_stats stats;
     memset(&stats, 0, sizeof stats);
-    if (file_ptr in = stream(data, size)) tcp_read_snmp(in.get(), &stats);
+    tcp_read_snmp(fuzz::stream(data, size).get(), &stats);
     for (int buffer : {2, 7, 512}) {
         char line[512];
-        file_ptr in = stream(data, size);
-        if (in) read_snmp_section_from(in.get(), line, buffer, size > 0 && data[0] & 1 ? "Udp" : "Tcp");
+        read_snmp_section_from(fuzz::stream(data, size).get(), line, buffer,
+                               size > 0 && data[0] & 1 ? "Udp" : "Tcp");
     }
 
     scan_lines(std::string(reinterpret_cast<const char *>(data), size));

@@ -1,0 +1,62 @@
+// Fuzzes the routing netlink walkers on any bytes taken as one received datagram: the address
+// dump (ipAddressPrefixTable), the neighbour and route dumps (ipNetToPhysicalTable,
+// ipDefaultRouterTable) and the link monitor's event reader. Every message and attribute length
+// they follow comes from the input.
+#include "fuzz_util.h"
+
+#include "core/sysenv.h"
+#include "ipstats.h"
+#include "notify/linkmon.h"
+
+#include <cstring>
+#include <vector>
+
+namespace
+{
+
+template <typename T> stats_list table(stats_compare_fn compare)
+{
+    stats_list list;
+    memset(&list, 0, sizeof list);
+    list.elem_size = sizeof(T);
+    list.compare = compare;
+    return list;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static stats_list prefixes = table<ip_addr_prefix_entry>(ip_addr_prefix_compare);
+    static stats_list neighbours = table<ip_net_phys_entry>(ip_net_phys_compare);
+    static stats_list routers = table<ip_def_router_entry>(ip_def_router_compare);
+    static bool ready = [] {
+        // No "network" package: a link event names no section and raises nothing.
+        sys_set_root(fuzz::scratch().c_str());
+        ip_route_set_clock_ticks(100);
+        return true;
+    }();
+    (void)ready;
+    // A copy of exactly the input, so that a read past its end is seen.
+    std::vector<unsigned char> bytes(data, data + size);
+
+    item_list records;
+    item_list_init(&records, sizeof(ip_addr_record), 4);
+    parse_addr_datagram(bytes.data(), bytes.size(), &records);
+    prefixes.count = 0;
+    ip_prefix_rows(&records, &prefixes);
+    item_list_free(&records);
+
+    neighbours.count = 0;
+    rtnl_walk(bytes.data(), bytes.size(), parse_neigh_msg, &neighbours);
+    ip_net_phys_sort(&neighbours);
+    routers.count = 0;
+    rtnl_walk(bytes.data(), bytes.size(), parse_route_msg, &routers);
+    stats_list_sort(&routers);
+
+    // The link monitor takes the input as one datagram (cut at its 4 KiB buffer, as the kernel's
+    // would be).
+    fuzz::socket_feed feed(data, size, SOCK_SEQPACKET);
+    read_netlink(feed.near, link_event);
+    return 0;
+}
