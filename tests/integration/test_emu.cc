@@ -1,11 +1,9 @@
 // Round trips through confd-emu: an in-process test daemon on the client library, and the CLI.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <tuple>
 #include <vector>
 
 #include "cli_json.h"
@@ -15,13 +13,6 @@
 
 namespace
 {
-
-struct ListenerRow {
-    int32_t addr_type;
-    std::string addr; // address octets
-    uint32_t port;
-    uint32_t process;
-};
 
 // How the test daemon misbehaves, if at all.
 enum class Quirk {
@@ -35,15 +26,13 @@ enum class Quirk {
     Doubled,       // get_next lists every row twice, with cookies that advance
 };
 
-// A data provider for "tcp_status" serving the listener table and two scalars, with a main loop
-// on its own thread like the daemon's; it records the transaction callbacks it sees.
+// A data provider for "tcp_status", with a main loop on its own thread like the daemon's, serving
+// tcpInSegs and rows listeners on 127.0.0.1, ports 1 to rows, port P held by process 100000 + P; it
+// records the transaction callbacks it sees.
 class TestDaemon
 {
   public:
-    TestDaemon(int port, std::vector<ListenerRow> rows)
-        : rows_(std::move(rows)), d_(port, "testd", this)
-    {
-    }
+    TestDaemon(int port, uint32_t rows) : rows_(rows), d_(port, "testd", this) {}
 
     // Connects the control, worker and MAAPI sockets, registers and starts the main loop.
     bool start(std::string &err)
@@ -118,20 +107,6 @@ class TestDaemon
         return CONFD_OK;
     }
 
-    // The row with the keypath's keys; rows_ is in key order.
-    const ListenerRow *find(const confd_hkeypath_t *kp) const
-    {
-        auto key = [](const ListenerRow &r) { return std::tie(r.addr_type, r.addr, r.port); };
-        ListenerRow want{kp->v[1][0].val.enumvalue,
-                         std::string(reinterpret_cast<const char *>(kp->v[1][1].val.buf.ptr),
-                                     kp->v[1][1].val.buf.size),
-                         kp->v[1][2].val.u32, 0};
-        auto it = std::lower_bound(
-            rows_.begin(), rows_.end(), want,
-            [&](const ListenerRow &a, const ListenerRow &b) { return key(a) < key(b); });
-        return it != rows_.end() && key(*it) == key(want) ? &*it : nullptr;
-    }
-
     static int get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     {
         TestDaemon *d = self(tctx);
@@ -154,73 +129,66 @@ class TestDaemon
         default:
             break;
         }
-        const ListenerRow *r = d->find(kp);
-        if (!r) return confd_data_reply_not_found(tctx);
+        uint32_t port = kp->v[1][2].val.u32;
+        if (port < 1 || port > d->rows_) return confd_data_reply_not_found(tctx);
         if (d->quirk == Quirk::WrongLeafType)
-            CONFD_SET_INT32(&v, static_cast<int32_t>(r->process));
+            CONFD_SET_INT32(&v, static_cast<int32_t>(100000 + port));
         else
-            CONFD_SET_UINT32(&v, r->process);
+            CONFD_SET_UINT32(&v, 100000 + port);
         return confd_data_reply_value(tctx, &v);
     }
 
     static int get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *, long next)
     {
         TestDaemon *d = self(tctx);
-        size_t i = next < 0 ? 0 : static_cast<size_t>(next);
-        size_t at = d->quirk == Quirk::Doubled ? i / 2 : i;
-        if (at >= d->rows_.size()) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
-        const ListenerRow &r = d->rows_[at];
+        static unsigned char loopback[] = {127, 0, 0, 1};
+        uint32_t i = next < 0 ? 0 : static_cast<uint32_t>(next);
+        uint32_t port = (d->quirk == Quirk::Doubled ? i / 2 : i) + 1;
+        if (port > d->rows_) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
         confd_value_t k[3];
-        CONFD_SET_ENUM_VALUE(&k[0], r.addr_type);
-        CONFD_SET_BINARY(&k[1], reinterpret_cast<const unsigned char *>(r.addr.data()),
-                         r.addr.size());
+        CONFD_SET_ENUM_VALUE(&k[0], 1);
+        CONFD_SET_BINARY(&k[1], loopback, 4);
         if (d->quirk == Quirk::WrongKeyType)
-            CONFD_SET_INT32(&k[2], static_cast<int32_t>(r.port));
+            CONFD_SET_INT32(&k[2], static_cast<int32_t>(port));
         else
-            CONFD_SET_UINT32(&k[2], r.port);
+            CONFD_SET_UINT32(&k[2], port);
         long cookie = d->quirk == Quirk::StuckCookie && next >= 0 ? next : static_cast<long>(i + 1);
         return confd_data_reply_next_key(tctx, k, 3, cookie);
     }
 
-    const std::vector<ListenerRow> rows_;
+    const uint32_t rows_;
     struct confd_notification_ctx *nctx_ = nullptr;
     std::mutex mu_;
     std::vector<std::string> calls_;
     EmuDaemon d_; // last: its main loop stops before the rest goes
 };
 
-const std::vector<ListenerRow> kRows = {
-    {1, std::string("\x7f\x00\x00\x01", 4), 22, 301},
-    {1, std::string("\xc0\xa8\x01\x01", 4), 80, 0},
-    {2, std::string(16, '\0'), 443, 4294967295u},
-};
-
 const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
-const char kProcess22[] =
-    "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 22}/tcpListenerProcess";
+const char kProcess1[] =
+    "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 1}/tcpListenerProcess";
 
-// The key values of a listener row as the CLI prints them.
-std::string keys_json(int type, const std::string &hex, int port)
+// The keys of the listener on port as the CLI prints them.
+std::string keys_json(int port)
 {
-    return R"([{"type":"C_ENUM_VALUE","value":)" + std::to_string(type) +
-           R"(},{"type":"C_BINARY","value":")" + hex + R"("},{"type":"C_UINT32","value":)" +
+    return R"([{"type":"C_ENUM_VALUE","value":1},{"type":"C_BINARY","value":"7f000001"},)"
+           R"({"type":"C_UINT32","value":)" +
            std::to_string(port) + "}]";
 }
 
-// A listener row of a walk with its process leaf, as the CLI prints it.
-std::string row_json(int type, const std::string &hex, int port, const std::string &process)
+// The listener on port as a walk prints it, with its process leaf.
+std::string row_json(int port)
 {
-    return R"({"keys":)" + keys_json(type, hex, port) +
-           R"(,"leaves":{"tcpListenerProcess":{"type":"C_UINT32","value":)" + process + "}}}";
+    return R"({"keys":)" + keys_json(port) +
+           R"(,"leaves":{"tcpListenerProcess":{"type":"C_UINT32","value":)" +
+           std::to_string(100000 + port) + "}}}";
 }
 
 class EmuTest : public EmuTestBase
 {
   protected:
     // Starts confd-emu with the extra arguments and, unless with_daemon is false, the test daemon
-    // serving rows (in key order).
-    void start(std::vector<std::string> args = {}, bool with_daemon = true,
-               const std::vector<ListenerRow> &rows = kRows)
+    // serving rows listeners.
+    void start(std::vector<std::string> args = {}, bool with_daemon = true, uint32_t rows = 3)
     {
         ASSERT_NO_FATAL_FAILURE(start_emu(std::move(args)));
         if (!with_daemon) return;
@@ -237,17 +205,11 @@ class EmuTest : public EmuTestBase
     std::unique_ptr<TestDaemon> daemon_;
 };
 
-// Verifies the command-line client's own contract: help, unreachable server, usage errors, and
+// Verifies the command-line client's own contract: unreachable server, usage errors, and
 // registrations failing on demand.
 TEST_F(EmuTest, CliContractWithoutDaemons)
 {
     start({}, false);
-    for (auto [program, text] : {std::pair{harness::confd_emu_cli_path(), "usage: confd-emu-cli"},
-                                 std::pair{harness::confd_emu_path(), "--timeout-ms"}}) {
-        harness::CmdResult help = harness::run({program, "--help"});
-        EXPECT_EQ(help.exit_code, 0);
-        EXPECT_NE(help.out.find(text), std::string::npos) << program;
-    }
     // Nothing listens on the privileged port 1 of 127.0.0.1.
     harness::CmdResult down =
         harness::run({harness::confd_emu_cli_path(), "--port", "1", "status"});
@@ -257,7 +219,7 @@ TEST_F(EmuTest, CliContractWithoutDaemons)
 
     const std::string listeners = kListeners;
     const std::pair<std::vector<std::string>, std::string> answers[] = {
-        {{"get", kProcess22}, R"({"error":"no daemon has registered callpoint tcp_status"})"},
+        {{"get", kProcess1}, R"({"error":"no daemon has registered callpoint tcp_status"})"},
         {{"get", kListeners}, R"({"error":")" + listeners + R"( is not a leaf"})"},
         {{"walk", listeners + "{1 7f000001 22}"},
          R"({"error":")" + listeners + R"({1 7f000001 22}: give the list without keys"})"},
@@ -281,25 +243,16 @@ TEST_F(EmuTest, CliContractWithoutDaemons)
     EXPECT_EQ(confd_register_data_cb(d.dx(), &cbs), CONFD_OK);
 }
 
-// Verifies that a walk prints exactly the daemon's rows (64-bit exact, binaries in hex) and leaves
-// no transaction open, that the daemon's MAAPI attach is counted, and next's answers.
-TEST_F(EmuTest, WalkPrintsTheRowsAndClosesTheTransaction)
+// Verifies that a walk prints exactly the daemon's rows in one transaction, next's answers, and
+// that a walk refuses a leaf the list lacks.
+TEST_F(EmuTest, WalkPrintsTheRowsInOneTransaction)
 {
     start();
-    const std::string zeros(32, '0');
-    EXPECT_EQ(cli({"walk", kListeners}), "[" + row_json(1, "7f000001", 22, "301") + "," +
-                                             row_json(1, "c0a80101", 80, "0") + "," +
-                                             row_json(2, zeros, 443, "4294967295") + "]");
+    EXPECT_EQ(cli({"walk", kListeners}),
+              "[" + row_json(1) + "," + row_json(2) + "," + row_json(3) + "]");
     EXPECT_EQ(daemon_->calls(), (std::vector<std::string>{"init", "finish"}));
-
-    std::string st = cli({"status"});
-    for (const char *part : {"\"name\":\"testd\"", "\"callpoints\":[\"tcp_status\"]",
-                             "\"open_transactions\":0,\"transactions\":1,\"workers\":1",
-                             "\"maapi_attaches\":1,\"maapi_detaches\":1"})
-        EXPECT_NE(st.find(part), std::string::npos) << part << " in " << st;
-
     EXPECT_EQ(cli({"next", kListeners, "--cookie", "2"}),
-              "{\"keys\":" + keys_json(2, zeros, 443) + ",\"next\":3}");
+              "{\"keys\":" + keys_json(3) + ",\"next\":3}");
     EXPECT_EQ(cli({"next", kListeners, "--cookie", "3"}), "{\"keys\":null,\"next\":-1}");
     EXPECT_EQ(cli({"walk", kListeners, "--leaves", "tcpListenerLocalPort,nosuch"}),
               "{\"error\":\"list tcpListenerEntry has no leaf \\\"nosuch\\\"\"}");
@@ -314,19 +267,19 @@ TEST_F(EmuTest, AnswersOfEveryKind)
 {
     start();
     const std::string missing =
-        "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 23}/tcpListenerProcess";
+        "/TCP-MIB/tcpListenerTable/tcpListenerEntry{1 7f000001 4}/tcpListenerProcess";
     const struct {
         Quirk quirk;
         std::vector<std::string> args;
         std::string want;
     } answers[] = {
-        {Quirk::None, {"get", kProcess22}, R"({"type":"C_UINT32","value":301})"},
+        {Quirk::None, {"get", kProcess1}, R"({"type":"C_UINT32","value":100001})"},
         {Quirk::None, {"get", "/TCP-MIB/tcp/tcpInSegs"}, R"({"type":"C_UINT32","value":77})"},
         {Quirk::None, {"get", missing}, R"({"reply":"not-found"})"},
-        {Quirk::NoExists, {"get", kProcess22}, R"({"type":"C_NOEXISTS"})"},
-        {Quirk::Error, {"get", kProcess22}, R"({"error":"process table \"ps\\1\" unreadable"})"},
+        {Quirk::NoExists, {"get", kProcess1}, R"({"type":"C_NOEXISTS"})"},
+        {Quirk::Error, {"get", kProcess1}, R"({"error":"process table \"ps\\1\" unreadable"})"},
         {Quirk::WrongLeafType,
-         {"get", kProcess22},
+         {"get", kProcess1},
          R"({"error":"leaf tcpListenerProcess expects C_UINT32 (uint32), daemon replied C_INT32"})"},
         {Quirk::WrongKeyType,
          {"next", kListeners},
@@ -344,8 +297,7 @@ TEST_F(EmuTest, AnswersOfEveryKind)
         << walk;
     daemon_->quirk = Quirk::Doubled;
     walk = cli({"walk", kListeners, "--leaves", "tcpListenerProcess"});
-    const std::string row22 = row_json(1, "7f000001", 22, "301");
-    EXPECT_EQ(walk.rfind("[" + row22 + "," + row22 + ",", 0), 0u) << walk;
+    EXPECT_EQ(walk.rfind("[" + row_json(1) + "," + row_json(1) + ",", 0), 0u) << walk;
     harness::CmdResult limited = emu_->cli({"walk", kListeners, "--limit", "5"});
     EXPECT_EQ(limited.exit_code, 1);
     EXPECT_EQ(limited.err,
@@ -366,13 +318,13 @@ TEST_F(EmuTest, SilentCallbackTimesOut)
     start({"--timeout-ms", "300"});
     daemon_->quirk = Quirk::Silent;
     auto t0 = std::chrono::steady_clock::now();
-    std::string out = cli({"get", kProcess22});
+    std::string out = cli({"get", kProcess1});
     auto took = std::chrono::steady_clock::now() - t0;
     EXPECT_EQ(out, "{\"error\":\"daemon testd did not answer get_elem within 300 ms\"}");
     EXPECT_LT(took, std::chrono::seconds(5));
     EXPECT_TRUE(daemon_->wait_eof(true));
     EXPECT_NE(cli({"status"}).find("\"daemons\":[],\"open_transactions\":0,"), std::string::npos);
-    EXPECT_EQ(cli({"get", kProcess22}),
+    EXPECT_EQ(cli({"get", kProcess1}),
               "{\"error\":\"no daemon has registered callpoint tcp_status\"}");
 }
 
@@ -382,11 +334,7 @@ TEST_F(EmuTest, SilentCallbackTimesOut)
 TEST_F(EmuTest, ThreadedWalkAndNotificationsShareTheWorkerSocket)
 {
     constexpr int kRowsInWalk = 10000, kPerThread = 300;
-    std::vector<ListenerRow> rows;
-    for (int i = 0; i < kRowsInWalk; i++)
-        rows.push_back({1, std::string("\x7f\x00\x00\x01", 4), static_cast<uint32_t>(i + 1),
-                        static_cast<uint32_t>(100000 + i)});
-    start({}, true, rows);
+    start({}, true, kRowsInWalk);
 
     std::atomic<int> failures{0};
     std::vector<std::thread> senders;
@@ -411,7 +359,7 @@ TEST_F(EmuTest, ThreadedWalkAndNotificationsShareTheWorkerSocket)
     for (int i = 0; i < kRowsInWalk; i++) {
         const cli_json::row &r = got[static_cast<size_t>(i)];
         ASSERT_EQ(r.keys, (std::vector<std::string>{"1", "7f000001", std::to_string(i + 1)}));
-        ASSERT_EQ(r.leaves.at("tcpListenerProcess"), std::to_string(100000 + i));
+        ASSERT_EQ(r.leaves.at("tcpListenerProcess"), std::to_string(100001 + i));
     }
 
     // The server reads the frames on its own thread; wait until all are logged.
