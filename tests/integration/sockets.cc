@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sstream>
 #include <sys/stat.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -69,9 +68,8 @@ end_point end_by(int (*name)(int, sockaddr *, socklen_t *), int fd)
     return end_of(addr);
 }
 
-// Body of a holder process: a listener on 127.0.0.1:port and count
-// connections to it, both ends kept open. Reports 'y' or 'n' on ready_fd,
-// then waits to be killed.
+// Body of a holder process: a listener on 127.0.0.1:port and count connections to it, both ends
+// kept open. Reports 'y' or 'n' on ready_fd, then waits to be killed.
 [[noreturn]] void hold_connections(uint16_t port, int count, int ready_fd)
 {
     std::vector<unique_fd> held;
@@ -275,50 +273,37 @@ udp_row udp_row_of(int fd, long process)
 
 udp_holder::udp_holder(int count)
 {
-    int data[2], hold[2];
-    if (pipe(data) != 0 || pipe(hold) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-        // Only the two pipe ends stay open: a copy of another holder's pipe would keep that holder
-        // waiting, and a copy of someone's socket would make this process one of its owners.
-        int low = std::min(data[1], hold[0]), high = std::max(data[1], hold[0]);
-        if (low > 3) close_range(3, static_cast<unsigned>(low) - 1, 0);
-        if (high > low + 1)
-            close_range(static_cast<unsigned>(low) + 1, static_cast<unsigned>(high) - 1, 0);
-        close_range(static_cast<unsigned>(high) + 1, ~0u, 0);
-        std::string text;
-        for (int i = 0, fd; i < count && (fd = open_udp(i % 2 ? "::1" : "127.0.0.1", 0)) >= 0;
-             i++) {
-            for (const std::string &field : udp_row_of(fd, getpid()))
-                text += field + " ";
-            text += "\n";
+    std::vector<int> fds;
+    for (int i = 0, fd; i < count && (fd = open_udp(i % 2 ? "::1" : "127.0.0.1", 0)) >= 0; i++)
+        fds.push_back(fd);
+    int hold[2];
+    if (pipe2(hold, O_CLOEXEC) == 0 && (pid_ = fork()) == 0) {
+        // Only the sockets and the pipe's read end stay open: a copy of another holder's pipe
+        // would keep that holder waiting, and a copy of someone's socket would make this process
+        // one of its owners.
+        std::vector<int> keep = fds;
+        keep.push_back(hold[0]);
+        std::sort(keep.begin(), keep.end());
+        unsigned from = 3;
+        for (int fd : keep) {
+            if (static_cast<unsigned>(fd) > from)
+                close_range(from, static_cast<unsigned>(fd) - 1, 0);
+            from = static_cast<unsigned>(fd) + 1;
         }
-        for (size_t done = 0; done < text.size();) {
-            ssize_t n = write(data[1], text.data() + done, text.size() - done);
-            if (n <= 0) _exit(1);
-            done += static_cast<size_t>(n);
-        }
-        close(data[1]);
+        close_range(from, ~0u, 0);
         char c;
         while (read(hold[0], &c, 1) > 0) {
         }
         _exit(0);
     }
-    close(data[1]);
+    // From here on the child is the sockets' only owner.
+    for (int fd : fds) {
+        if (pid_ > 0) rows_.push_back(udp_row_of(fd, pid_));
+        close(fd);
+    }
+    if (pid_ < 0) return;
     close(hold[0]);
     hold_fd_ = hold[1];
-    std::string text;
-    char buf[65536];
-    for (ssize_t n; (n = read(data[0], buf, sizeof buf)) > 0;)
-        text.append(buf, static_cast<size_t>(n));
-    close(data[0]);
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream fields(line);
-        rows_.emplace_back();
-        for (std::string f; fields >> f;)
-            rows_.back().push_back(f);
-    }
 }
 
 udp_holder::~udp_holder()

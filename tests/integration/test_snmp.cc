@@ -200,9 +200,8 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         EXPECT_NE(r.exit_code, 0);
         EXPECT_NE(r.err.find("Timeout"), std::string::npos) << r.out << r.err;
 
-        // SET on stored configuration: renaming community "private" (an IMPLIED string index)
-        // lets the new name in; a status object is notWritable, a string for an integer
-        // wrongType.
+        // SET on stored configuration: renaming community "private" (an IMPLIED string index) lets
+        // the new name in; a status object is notWritable, a string for an integer wrongType.
         const std::string name = ".1.3.6.1.6.3.18.1.1.1.2.112.114.105.118.97.116.101";
         r = tool("snmpset", {name, "s", "renamed"});
         EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
