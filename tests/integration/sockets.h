@@ -109,7 +109,6 @@ class udp_holder
 
   private:
     pid_t pid_ = -1;
-    int hold_fd_ = -1;
     std::vector<udp_row> rows_;
 };
 
