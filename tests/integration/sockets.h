@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace sockets
@@ -19,10 +20,7 @@ class unique_fd
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
     unique_fd &operator=(unique_fd &&other) noexcept
     {
-        if (this != &other) {
-            reset();
-            fd_ = other.release();
-        }
+        std::swap(fd_, other.fd_); // ours is closed with other
         return *this;
     }
 

@@ -347,8 +347,7 @@ TEST_F(EmuTest, CliContractWithoutDaemons)
     EXPECT_EQ(cli({"get", "/TCP-MIB/nosuch"}).rfind("{\"error\":", 0), 0u);
 }
 
-// Verifies that a walk prints exactly the daemon's rows in one transaction, next's answers, and
-// that a walk refuses a leaf the list lacks.
+// Verifies that a walk prints exactly the daemon's rows in one transaction, and next's answers.
 TEST_F(EmuTest, WalkPrintsTheRowsInOneTransaction)
 {
     start();
@@ -362,11 +361,8 @@ TEST_F(EmuTest, WalkPrintsTheRowsInOneTransaction)
               "{\"error\":\"list tcpListenerEntry has no leaf \\\"nosuch\\\"\"}");
 }
 
-// Verifies that get and next tell a value, C_NOEXISTS, a missing entry and a callback error (its
-// text escaped into the JSON) apart, and report replies that do not fit the schema, naming the
-// leaf and both types; that a walk keeps a failed leaf as an error, follows the cookies and lists
-// repeated keys as they come, and ends with an error on stderr and exit status 1 when a cookie
-// comes back or the rows pass its limit.
+// Verifies every kind of answer (values, C_NOEXISTS, not found, errors, replies that do not fit the
+// schema) and that a walk follows the cookies, stopping on one that comes back or past --limit.
 TEST_F(EmuTest, AnswersOfEveryKind)
 {
     start();
@@ -414,8 +410,7 @@ TEST_F(EmuTest, AnswersOfEveryKind)
     EXPECT_NE(cli({"status"}).find("\"open_transactions\":0,"), std::string::npos);
 }
 
-// Verifies that a callback that never answers times out instead of hanging, and that the silent
-// daemon is then treated as dead: its sockets closed, its callpoint gone.
+// Verifies that a callback that never answers times out and its daemon is then treated as dead.
 TEST_F(EmuTest, SilentCallbackTimesOut)
 {
     start({"--timeout-ms", "300"});
@@ -431,9 +426,8 @@ TEST_F(EmuTest, SilentCallbackTimesOut)
               "{\"error\":\"no daemon has registered callpoint tcp_status\"}");
 }
 
-// Verifies that a 10 000-row walk answered on the worker socket while two other threads send SNMP
-// notifications on that same socket comes back whole, row by row, and that every notification
-// arrives whole and each thread's in its own order. (Run under the tsan preset too.)
+// Verifies that a 10 000-row walk and two threads' SNMP notifications on the same worker socket all
+// arrive whole, each thread's in its own order. (Run under the tsan preset too.)
 TEST_F(EmuTest, ThreadedWalkAndNotificationsShareTheWorkerSocket)
 {
     constexpr int kRowsInWalk = 10000, kPerThread = 300;
@@ -485,8 +479,7 @@ TEST_F(EmuTest, ThreadedWalkAndNotificationsShareTheWorkerSocket)
     EXPECT_EQ(cli({"notifications"}), "[]");
 }
 
-// Verifies that set runs a full write transaction in order, with the value typed by the leaf, and
-// that a value that does not fit the leaf is refused before the daemon is asked.
+// Verifies that set runs a full write transaction in order, and refuses a value unfit for the leaf.
 TEST_F(EmuTest, SetRunsAWriteTransaction)
 {
     start();
@@ -612,10 +605,8 @@ class MaapiTest : public EmuTestBase
     FixtureModels models_;
 };
 
-// Verifies the reads the daemon makes: XPath in its forms (a predicate, a context node given as a
-// list without keys, a trailing blank) handing back NULL on every failure, typed reads and their
-// errors, a cursor walking a list in key order whatever the stored order; and that a transaction
-// needs a session, and another socket an attach.
+// Verifies the reads the daemon makes (XPath in its forms, NULL on every failure; typed reads; a
+// cursor in key order), and that a transaction needs a session and another socket an attach.
 TEST_F(MaapiTest, ReadsCursorsAndErrors)
 {
     start();
@@ -676,8 +667,7 @@ TEST_F(MaapiTest, ReadsCursorsAndErrors)
     EXPECT_EQ(maapi_end_user_session(s), CONFD_OK);
 }
 
-// Verifies that one socket holds at most 64 open transactions and all clients together 256, with
-// CONFD_ERR_TOOMANYTRANS past either bound and room again once one is finished.
+// Verifies the bounds of 64 open transactions per socket and 256 in all.
 TEST_F(MaapiTest, OpenTransactionsAreBounded)
 {
     start();
@@ -701,11 +691,8 @@ TEST_F(MaapiTest, OpenTransactionsAreBounded)
     EXPECT_GT(maapi_start_trans(socks[4]->fd(), CONFD_RUNNING, CONFD_READ), 0) << confd_lasterr();
 }
 
-// Verifies a MAAPI write transaction: its changes are visible inside it at once and elsewhere only
-// after apply; apply waits for the commit-diff subscriber's done; the subscriber sees every change
-// with its user (values typed by their leaf, a created entry with its leaves, a deleted entry, a
-// leaf-list), ITER_CONTINUE limits what is iterated; and a commit that does not validate changes
-// nothing; a subscriber that never answers delays a commit by the time-out only.
+// Verifies a MAAPI write transaction: visible elsewhere only after apply, which waits for the
+// commit-diff subscribers (for the time-out at most) that see every change with its user.
 TEST_F(MaapiTest, WritesApplyAndDiffIterate)
 {
     start();
@@ -814,8 +801,7 @@ int hook_set_elem(confd_trans_ctx *t, confd_hkeypath_t *kp, confd_value_t *v)
                           kp);
 }
 
-// Verifies the set hook: it runs inside the write transaction, its maapi_set_elem lands in that
-// same transaction (one commit-diff carries both values), and a refusing hook stores nothing.
+// Verifies that a set hook's own MAAPI write lands in the same transaction; a refusal stores none.
 TEST_F(MaapiTest, SetHookWritesThroughMaapi)
 {
     start();
@@ -845,12 +831,8 @@ TEST_F(MaapiTest, SetHookWritesThroughMaapi)
     EXPECT_NE(cli({"status"}).find("\"open_transactions\":0,"), std::string::npos);
 }
 
-// Verifies the command line's audit and commit: an audit event carries its log number (whose
-// symbol is SNMP_AUTHENTICATION_FAILED), user and message; commit changes the configuration in one
-// transaction whose commit-diff names the committing user; each subscriber gets only the events of
-// its mask; with ITER_WANT_ATTR a moved user-ordered entry is seen as moved after the keys of its
-// new predecessor (none when it went first), and an attribute set or removed with its number and
-// value (none when removed); an entry of a system-ordered list cannot move.
+// Verifies audit and commit from the command line: the events of each subscriber's mask, with
+// moves of user-ordered entries (after the keys of the new predecessor) and attributes.
 TEST_F(MaapiTest, AuditAndCommitEventsFromTheCommandLine)
 {
     start();
