@@ -4,10 +4,9 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <net/if.h>
 #include <poll.h>
@@ -15,11 +14,10 @@
 #include <spawn.h>
 #include <sstream>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 extern char **environ;
@@ -30,32 +28,35 @@ namespace harness
 namespace
 {
 
-int64_t now_ms()
+// Reaps pid: its exit status, 128+N when killed by signal N, -1 on error.
+int wait_code(pid_t pid)
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-int status_code(int st)
-{
+    int st = 0;
+    while (waitpid(pid, &st, 0) < 0)
+        if (errno != EINTR) return -1;
     if (WIFEXITED(st)) return WEXITSTATUS(st);
-    if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
-    return -1;
+    return WIFSIGNALED(st) ? 128 + WTERMSIG(st) : -1;
 }
 
-// Waits for pid up to timeout_ms; returns its status code, or -2 when it is still running.
+// Waits up to timeout_ms for pid to end: its status as wait_code() gives it, -2 while it runs.
 int wait_for(pid_t pid, int timeout_ms)
 {
-    int64_t deadline = now_ms() + timeout_ms;
-    for (;;) {
-        int st = 0;
-        pid_t r = waitpid(pid, &st, WNOHANG);
-        if (r == pid) return status_code(st);
-        if (r < 0 && errno != EINTR) return -1;
-        if (now_ms() >= deadline) return -2;
-        usleep(10000);
+    struct pollfd p = {static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    int ready;
+    while ((ready = poll(&p, 1, timeout_ms)) < 0 && errno == EINTR) {
     }
+    close(p.fd);
+    return ready == 0 ? -2 : wait_code(pid);
+}
+
+// The whole content of a file written by a child, read from its start.
+std::string contents(int fd)
+{
+    std::string text;
+    char buf[65536];
+    for (ssize_t n; (n = pread(fd, buf, sizeof buf, static_cast<off_t>(text.size()))) > 0;)
+        text.append(buf, static_cast<size_t>(n));
+    return text;
 }
 
 bool loopback_up(std::string &why)
@@ -87,10 +88,8 @@ bool fresh_tmpfs_keeping_tree(const char *dir, std::string &why)
     if (!ok) why = std::string("tmpfs on ") + dir + ": " + strerror(errno);
     for (auto &[path, fd] : kept) {
         std::string from = "/proc/self/fd/" + std::to_string(fd);
-        for (size_t at = path.find('/', 1); ok; at = path.find('/', at + 1)) {
-            mkdir(path.substr(0, at).c_str(), 0755); // like mkdir -p
-            if (at == std::string::npos) break;
-        }
+        std::error_code ec;
+        std::filesystem::create_directories(path, ec);
         if (ok && mount(from.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
             why = "keeping " + path + " visible: " + strerror(errno);
             ok = false;
@@ -171,55 +170,19 @@ pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd,
     return rc == 0 ? pid : -1;
 }
 
-int wait_code(pid_t pid)
-{
-    int st = 0;
-    while (waitpid(pid, &st, 0) < 0)
-        if (errno != EINTR) return -1;
-    return status_code(st);
-}
-
 CmdResult run(const std::vector<std::string> &argv, int timeout_ms)
 {
     CmdResult res;
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) < 0) return res;
-    if (pipe2(err, O_CLOEXEC) < 0) {
-        close(out[0]);
-        close(out[1]);
-        return res;
+    int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+    pid_t pid = out >= 0 && err >= 0 ? spawn(argv, out, err) : -1;
+    if (pid > 0 && (res.exit_code = wait_for(pid, timeout_ms)) == -2) {
+        kill(pid, SIGKILL);
+        res.exit_code = wait_code(pid);
     }
-    pid_t pid = spawn(argv, out[1], err[1]);
-    close(out[1]);
-    close(err[1]);
-    int64_t deadline = now_ms() + timeout_ms;
-    struct pollfd pfd[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string *sink[2] = {&res.out, &res.err};
-    int open_fds = pid < 0 ? 0 : 2;
-    bool killed = false;
-    while (open_fds > 0) {
-        int left = static_cast<int>(deadline - now_ms());
-        if (left <= 0 && !killed) {
-            kill(pid, SIGKILL);
-            killed = true;
-        }
-        if (poll(pfd, 2, left > 0 ? left : 100) < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; i++) {
-            if (pfd[i].fd < 0 || !pfd[i].revents) continue;
-            char buf[4096];
-            ssize_t n = read(pfd[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sink[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(pfd[i].fd);
-                pfd[i].fd = -1;
-                open_fds--;
-            }
-        }
-    }
-    for (auto &p : pfd)
-        if (p.fd >= 0) close(p.fd);
-    if (pid > 0) res.exit_code = wait_code(pid);
+    res.out = contents(out);
+    res.err = contents(err);
+    close(out);
+    close(err);
     return res;
 }
 
@@ -260,30 +223,23 @@ Emu::Emu(std::vector<std::string> extra_args) : extra_(std::move(extra_args)) {}
 Emu::~Emu()
 {
     stop();
-    if (!dir_.empty()) {
-        for (const char *f : {"/port", "/port.tmp", "/log"})
-            unlink((dir_ + f).c_str());
-        rmdir(dir_.c_str());
-    }
+    std::error_code ec;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
 }
 
 bool Emu::start(std::string &err)
 {
-    if (dir_.empty()) {
-        char tmpl[] = "/tmp/confd-emu-test.XXXXXX";
-        if (!mkdtemp(tmpl)) {
-            err = std::string("mkdtemp: ") + std::strerror(errno);
-            return false;
-        }
-        dir_ = tmpl;
+    char tmpl[] = "/tmp/confd-emu-test.XXXXXX";
+    if (dir_.empty() && mkdtemp(tmpl)) dir_ = tmpl;
+    int log_fd = dir_.empty() ? -1
+                              : open((dir_ + "/log").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (log_fd < 0) {
+        err = std::string("temporary directory or log file: ") + std::strerror(errno);
+        return false;
     }
     std::string port_file = dir_ + "/port";
     unlink(port_file.c_str());
-    int log_fd = open((dir_ + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (log_fd < 0) {
-        err = std::string("log file: ") + std::strerror(errno);
-        return false;
-    }
     std::vector<std::string> argv = {confd_emu_path(), "--port", "0", "--port-file", port_file};
     argv.insert(argv.end(), extra_.begin(), extra_.end());
     pid_ = spawn(argv, log_fd, log_fd);
@@ -292,16 +248,16 @@ bool Emu::start(std::string &err)
         err = std::string("cannot start ") + confd_emu_path();
         return false;
     }
-    for (int64_t deadline = now_ms() + 20000; now_ms() < deadline; usleep(20000)) {
+    for (int i = 0; i < 1000; i++) {
         std::string text = read_file(port_file);
         if (!text.empty()) {
             port_ = std::atoi(text.c_str());
             return port_ > 0;
         }
-        int st = 0;
-        if (waitpid(pid_, &st, WNOHANG) == pid_) {
+        int code = wait_for(pid_, 20);
+        if (code != -2) {
             pid_ = -1;
-            err = "confd-emu exited with status " + std::to_string(status_code(st)) + ": " + log();
+            err = "confd-emu exited with status " + std::to_string(code) + ": " + log();
             return false;
         }
     }
@@ -317,7 +273,7 @@ int Emu::stop()
     int code = wait_for(pid_, 10000);
     if (code == -2) {
         kill(pid_, SIGKILL);
-        code = wait_for(pid_, 10000);
+        code = wait_code(pid_);
     }
     pid_ = -1;
     return code;

@@ -10,12 +10,11 @@
 namespace harness
 {
 
-// Paths of the built programs (compiled in by the build).
+// Paths of the built programs.
 const char *confd_emu_path();
 const char *confd_emu_cli_path();
 
-// The address 127.0.0.1:port.
-sockaddr_in loopback(int port);
+sockaddr_in loopback(int port); // 127.0.0.1:port
 
 // The whole text of a file, "" when it cannot be read.
 std::string read_file(const std::string &path);
@@ -25,11 +24,9 @@ std::string read_file(const std::string &path);
 // pid, -1 when it could not start.
 pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd,
             const std::vector<std::string> &env_extra = {});
-// Reaps pid: its exit status, 128+N when killed by signal N, -1 on error.
-int wait_code(pid_t pid);
 
 struct CmdResult {
-    int exit_code = -1; // as wait_code(); -1 when it could not run
+    int exit_code = -1; // 128+N when killed by signal N; -1 when it could not run
     std::string out, err;
 };
 
@@ -58,12 +55,10 @@ class Emu
 
     // Starts the server and waits until it listens. False with a message (and its log) otherwise.
     bool start(std::string &err);
-    // Sends SIGTERM and waits (SIGKILL after a few seconds). Returns the exit status as run() does,
-    // or -1 when it was not running.
+    // SIGTERM, SIGKILL after 10 s: the exit status as run() gives it, -1 when it was not running.
     int stop();
     int port() const { return port_; }
-    // What the server wrote to stdout and stderr so far.
-    std::string log() const;
+    std::string log() const; // what the server wrote to stdout and stderr so far
     // Runs confd-emu-cli --port PORT args... against this server.
     CmdResult cli(const std::vector<std::string> &args, int timeout_ms = 30000) const;
 

@@ -9,9 +9,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sstream>
 #include <sys/stat.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -69,39 +68,51 @@ end_point end_by(int (*name)(int, sockaddr *, socklen_t *), int fd)
     return end_of(addr);
 }
 
-// Body of a holder process: a listener on 127.0.0.1:port and count
-// connections to it, both ends kept open. Reports 'y' or 'n' on ready_fd,
-// then waits to be killed.
-[[noreturn]] void hold_connections(uint16_t port, int count, int ready_fd)
+// A listener on 127.0.0.1:port and count connections to it, both ends, into held. They are reset
+// rather than closed when their holder is killed, so that they leave no TIME_WAIT rows behind for
+// later tables. False when one could not be made.
+bool open_connections(uint16_t port, int count, std::vector<unique_fd> &held)
 {
-    std::vector<unique_fd> held;
-    held.reserve(2 * static_cast<size_t>(count) + 1);
-    // Connections are made in batches no larger than the accept queue, so
-    // that no SYN is ever dropped (a dropped SYN costs a second).
-    const int backlog = 1024;
-    const int batch = 512;
-    unique_fd listener = listen_on("127.0.0.1", port, backlog);
-    bool ok = static_cast<bool>(listener);
-    for (int done = 0; ok && done < count;) {
+    // Connections are made in batches no larger than the accept queue, so that no SYN is ever
+    // dropped (a dropped SYN costs a second).
+    const int backlog = 1024, batch = 512;
+    held.push_back(listen_on("127.0.0.1", port, backlog));
+    int listener = held.back().get();
+    bool ok = listener >= 0;
+    for (int done = 0; ok && done < count; done += batch) {
         int n = std::min(batch, count - done);
         for (int i = 0; ok && i < n; i++) {
             held.push_back(connect_to("127.0.0.1", port));
             ok = static_cast<bool>(held.back());
         }
         for (int i = 0; ok && i < n; i++) {
-            held.push_back(accept_one(listener.get()));
+            held.push_back(accept_one(listener));
             ok = static_cast<bool>(held.back());
         }
-        done += n;
     }
-    if (!ok) perror("holding loopback connections");
-    // When the worker is killed its connections are reset rather than
-    // closed, so that they leave no TIME_WAIT rows behind for later tables.
     const linger abort_on_close = {1, 0};
     for (const unique_fd &fd : held)
         setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
-    char answer = ok ? 'y' : 'n';
-    if (write(ready_fd, &answer, 1) != 1) _exit(1);
+    return ok;
+}
+
+// Forks a child that keeps only the descriptors held open until it is killed (or this process
+// ends): a copy of any other would make it one more owner of that socket, or keep a pipe open.
+pid_t hold_in_child(const std::vector<unique_fd> &held)
+{
+    std::vector<unsigned> keep;
+    for (const unique_fd &fd : held)
+        keep.push_back(static_cast<unsigned>(fd.get()));
+    std::sort(keep.begin(), keep.end());
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    unsigned from = 3;
+    for (unsigned fd : keep) {
+        if (fd > from) close_range(from, fd - 1, 0);
+        from = fd + 1;
+    }
+    close_range(from, ~0u, 0);
     for (;;)
         pause();
 }
@@ -176,46 +187,26 @@ end_point remote_end(int fd)
 
 bool connection_holders::start(int total, uint16_t first_port, std::string &why)
 {
-    // Each worker needs two descriptors per connection and a few of its
-    // own; at least four workers, so that owners differ between rows.
+    // While a worker's share is made, this process holds two descriptors per connection and a few
+    // of its own. At least four workers, so that owners differ between rows.
     const long spare = 64;
-    long limit = raise_fd_limit(2L * total + spare);
-    long per_worker = (limit - spare) / 2;
+    long per_worker = (raise_fd_limit(2L * total + spare) - spare) / 2;
     if (per_worker < 1) {
-        why = "open-file limit too low: " + std::to_string(limit);
+        why = "open-file limit too low";
         return false;
     }
-    int count = static_cast<int>((total + per_worker - 1) / per_worker);
-    if (count < 4) count = 4;
-
-    int ready[2];
-    if (pipe2(ready, O_CLOEXEC) != 0) {
-        why = std::string("pipe: ") + strerror(errno);
-        return false;
-    }
-    unique_fd ready_read(ready[0]);
-    unique_fd ready_write(ready[1]);
+    int count = std::max(4, static_cast<int>((total + per_worker - 1) / per_worker));
     for (int k = 0; k < count; k++) {
         int share = total / count + (k < total % count ? 1 : 0);
         uint16_t port = static_cast<uint16_t>(first_port + k);
-        fflush(stdout);
-        fflush(stderr);
-        pid_t pid = fork();
+        std::vector<unique_fd> held;
+        pid_t pid = open_connections(port, share, held) ? hold_in_child(held) : -1;
         if (pid < 0) {
-            why = std::string("fork: ") + strerror(errno);
+            why = "worker " + std::to_string(k) +
+                  " could not hold its connections: " + strerror(errno);
             return false;
         }
-        if (pid == 0) hold_connections(port, share, ready_write.get());
         workers_.push_back({pid, port, share});
-    }
-    ready_write.reset();
-    for (int k = 0; k < count; k++) {
-        pollfd p = {ready_read.get(), POLLIN, 0};
-        char answer = 0;
-        if (poll(&p, 1, 120000) != 1 || read(ready_read.get(), &answer, 1) != 1 || answer != 'y') {
-            why = "a worker could not open its connections";
-            return false;
-        }
     }
     return true;
 }
@@ -275,56 +266,19 @@ udp_row udp_row_of(int fd, long process)
 
 udp_holder::udp_holder(int count)
 {
-    int data[2], hold[2];
-    if (pipe(data) != 0 || pipe(hold) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-        // Only the two pipe ends stay open: a copy of another holder's pipe would keep that holder
-        // waiting, and a copy of someone's socket would make this process one of its owners.
-        int low = std::min(data[1], hold[0]), high = std::max(data[1], hold[0]);
-        if (low > 3) close_range(3, static_cast<unsigned>(low) - 1, 0);
-        if (high > low + 1)
-            close_range(static_cast<unsigned>(low) + 1, static_cast<unsigned>(high) - 1, 0);
-        close_range(static_cast<unsigned>(high) + 1, ~0u, 0);
-        std::string text;
-        for (int i = 0, fd; i < count && (fd = open_udp(i % 2 ? "::1" : "127.0.0.1", 0)) >= 0;
-             i++) {
-            for (const std::string &field : udp_row_of(fd, getpid()))
-                text += field + " ";
-            text += "\n";
-        }
-        for (size_t done = 0; done < text.size();) {
-            ssize_t n = write(data[1], text.data() + done, text.size() - done);
-            if (n <= 0) _exit(1);
-            done += static_cast<size_t>(n);
-        }
-        close(data[1]);
-        char c;
-        while (read(hold[0], &c, 1) > 0) {
-        }
-        _exit(0);
-    }
-    close(data[1]);
-    close(hold[0]);
-    hold_fd_ = hold[1];
-    std::string text;
-    char buf[65536];
-    for (ssize_t n; (n = read(data[0], buf, sizeof buf)) > 0;)
-        text.append(buf, static_cast<size_t>(n));
-    close(data[0]);
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream fields(line);
-        rows_.emplace_back();
-        for (std::string f; fields >> f;)
-            rows_.back().push_back(f);
-    }
+    std::vector<unique_fd> held;
+    for (int i = 0, fd; i < count && (fd = open_udp(i % 2 ? "::1" : "127.0.0.1", 0)) >= 0; i++)
+        held.emplace_back(fd);
+    pid_ = hold_in_child(held);
+    for (const unique_fd &fd : held)
+        if (pid_ > 0) rows_.push_back(udp_row_of(fd.get(), pid_));
 }
 
 udp_holder::~udp_holder()
 {
-    if (hold_fd_ >= 0) close(hold_fd_);
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
 }
 
 } // namespace sockets

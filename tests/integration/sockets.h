@@ -1,10 +1,10 @@
-// Real sockets for tests and benchmarks: TCP listeners and connections, UDP endpoints, their
-// index values, and processes holding many of them.
+// Real sockets for tests and benchmarks: TCP and UDP endpoints, their index values, their holders.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace sockets
@@ -20,10 +20,7 @@ class unique_fd
     unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
     unique_fd &operator=(unique_fd &&other) noexcept
     {
-        if (this != &other) {
-            reset();
-            fd_ = other.release();
-        }
+        std::swap(fd_, other.fd_); // ours is closed with other
         return *this;
     }
 
@@ -41,30 +38,23 @@ class unique_fd
     int fd_ = -1;
 };
 
-// A TCP listener on address (IPv4 or IPv6 text, "0.0.0.0" / "::" for the
-// wildcard) and port; an IPv6 one accepts IPv6 only. Invalid on failure.
+// Invalid on failure: a TCP listener on address (IPv4 or IPv6 text, "0.0.0.0" / "::" for the
+// wildcard; an IPv6 one accepts IPv6 only), a blocking connection from an ephemeral port, and the
+// next connection waiting on a listener.
 unique_fd listen_on(const std::string &address, uint16_t port, int backlog = 128);
-
-// A blocking connection to address:port from an ephemeral port; invalid on failure.
 unique_fd connect_to(const std::string &address, uint16_t port);
-
-// The next connection waiting on a listener; invalid on failure.
 unique_fd accept_one(int listener);
 
-// One end of a socket as the MIBs index it, in confd-emu-cli's text forms:
-// InetAddressType ("1" or "2"), the address bytes in lower-case hex, and the
-// port in decimal.
+// One end of a socket as the MIBs index it, in confd-emu-cli's text forms: InetAddressType ("1" or
+// "2"), the address bytes in lower-case hex, and the port in decimal.
 struct end_point {
     std::string type, address, port;
 };
-
-// The local or the remote end of a connected or bound socket.
 end_point local_end(int fd);
 end_point remote_end(int fd);
 
-// Worker processes that each hold a listener on 127.0.0.1 and both ends of
-// loopback connections to it, until the object goes away (then they are
-// killed and reaped). Worker k listens on first_port + k.
+// Worker processes that each hold a listener on 127.0.0.1 (worker k on first_port + k) and both
+// ends of loopback connections to it, until the object goes away.
 class connection_holders
 {
   public:
@@ -79,38 +69,33 @@ class connection_holders
     connection_holders(const connection_holders &) = delete;
     connection_holders &operator=(const connection_holders &) = delete;
 
-    // Opens total connections, spread over as few workers as the open-file
-    // limit allows (raising it where permitted). Returns false with why set
-    // when a worker could not open its share.
+    // Opens total connections, spread over as few workers as the open-file limit allows (raising
+    // it where permitted). False with why set when a worker could not open its share.
     bool start(int total, uint16_t first_port, std::string &why);
-    // Kills and reaps the workers.
-    void stop();
+    void stop(); // kills and reaps the workers
     const std::vector<worker> &workers() const { return workers_; }
 
   private:
     std::vector<worker> workers_;
 };
 
-// A UDP socket's row as confd-emu-cli prints it: the seven index values, then
-// "p" and the owning process.
+// A UDP socket's row as confd-emu-cli prints it: the seven index values, then "p" and the owner.
 using udp_row = std::vector<std::string>;
 
-// udpEndpointTable index order: numbers by value, addresses (lower-case hex)
-// by length first, then bytes.
+// udpEndpointTable index order: numbers by value, addresses (hex) by length first, then bytes.
 bool udp_index_less(const udp_row &a, const udp_row &b);
 
-// A UDP socket (close-on-exec, so that no program the test runs shares it)
-// bound to address:port, with SO_REUSEADDR when asked, connected to
+// A close-on-exec UDP socket bound to address:port, with SO_REUSEADDR when asked, connected to
 // peer:peer_port when a peer is given. -1 on failure.
 int open_udp(const char *address, int port, bool reuse = false, const char *peer = nullptr,
              int peer_port = 0);
 
-// The row of a bound UDP socket held by process; an unconnected one has the
-// all-zero remote address of its family and port 0, as /proc/net shows it.
+// The row of a bound UDP socket held by process; an unconnected one has the all-zero remote
+// address of its family and port 0, as /proc/net shows it.
 udp_row udp_row_of(int fd, long process);
 
-// A child process holding count UDP sockets on the loopback addresses (every
-// other one IPv6, ports chosen by the kernel) until the object goes away.
+// A child process holding count UDP sockets on the loopback addresses (every other one IPv6, ports
+// chosen by the kernel) until the object goes away.
 class udp_holder
 {
   public:
@@ -122,7 +107,6 @@ class udp_holder
 
   private:
     pid_t pid_ = -1;
-    int hold_fd_ = -1;
     std::vector<udp_row> rows_;
 };
 
