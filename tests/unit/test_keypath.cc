@@ -41,7 +41,7 @@ Value typed(int t, std::string_view text)
 } // namespace
 
 // Table leaves and a scalar print back as they were written (the reversed hkeypath layout and the
-// keys typed by their key leaves are what the test daemons of test_emu and test_maapi index into);
+// keys typed by their key leaves are what the test daemons of test_emu index into);
 // a tag the schema does not know prints by number.
 TEST(Keypath, TableLeafLayout)
 {

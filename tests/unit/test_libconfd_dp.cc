@@ -195,8 +195,8 @@ TEST_F(LibconfdDispatch, MisplacedRequestsAndReplies)
 
 // Verifies that no data callback registers after register_done, that an SNMP notification context
 // takes only a connected worker socket of the daemon, and that only the daemon's own sockets are
-// served (an unknown callpoint is EmuTest.UnknownCallpointIsRefused, a closed socket
-// EmuTest.DropClosesTheDaemonSockets, against confd-emu).
+// served (an unknown callpoint is DaemonStartTest.NoConfdOrMissingCallpointIsFatal, a closed
+// socket DaemonLoopTest.ClosedSocketIsFatal, against confd-emu).
 TEST_F(LibconfdDispatch, RegistrationsAndForeignSockets)
 {
     confd_data_cbs late = make_cbs("late");
