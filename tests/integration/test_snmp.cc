@@ -33,10 +33,10 @@ void private_snmp_env()
 }
 
 harness::CmdResult tool(const std::string &name, std::vector<std::string> args,
-                        const std::string &community = "public")
+                        const std::string &community = "public", const char *agent = kAgent)
 {
     std::vector<std::string> argv = {"/usr/bin/" + name, "-v2c", "-c", community};
-    argv.insert(argv.end(), {"-On", "-OQ", "-Oe", "-t", "1", "-r", "0", kAgent});
+    argv.insert(argv.end(), {"-On", "-OQ", "-Oe", "-t", "1", "-r", "0", agent});
     argv.insert(argv.end(), args.begin(), args.end());
     return harness::run(argv, 20000);
 }
@@ -100,6 +100,22 @@ Varbinds cli_column(const daemon_env::Emu &emu, const std::string &table, const 
     return out;
 }
 
+// The row indexes of a column as an agent's snmpbulkwalk gives them, leaving out UDP endpoints on
+// an ephemeral port (the walking tool's own socket differs from one walk to the next).
+std::vector<std::string> indexes(const std::string &column, const char *agent)
+{
+    std::vector<std::string> out;
+    for (auto &vb : varbinds(tool("snmpbulkwalk", {column}, "public", agent).out)) {
+        std::string index = vb.first.substr(column.size());
+        std::vector<unsigned long> part;
+        std::istringstream in(index);
+        for (std::string p; std::getline(in, p, '.');)
+            if (!p.empty()) part.push_back(std::stoul(p));
+        if (part.size() < 7 || part[6] < 32768) out.push_back(index);
+    }
+    return out;
+}
+
 // The column as snmpbulkwalk reads it, the OIDs keep accepts only.
 Varbinds snmp_column(const std::string &column, const OidFilter &keep)
 {
@@ -120,6 +136,12 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
                                                          "\toption pid 'KX100'\n");
         daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
+        daemon_env::write_file("/etc/config/network", "config interface 'lan'\n"
+                                                      "\toption ifname 'veth0'\n");
+        ASSERT_EQ(harness::run({"/sbin/ip", "link", "add", "veth0", "type", "veth", "peer",
+                                "name", "veth1"})
+                      .exit_code,
+                  0);
         // snmptrapd first, so start-up's notifications reach it.
         std::string traps = "/tmp/snmp/traps.log";
         int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -198,9 +220,32 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         r = tool("snmpset", {".1.3.6.1.6.3.18.1.1.1.7.112.114.105.118.97.116.101", "s", "x"});
         EXPECT_NE(r.err.find("wrongType"), std::string::npos) << r.out << r.err;
 
-        // Start-up's coldStart and the authenticationFailure raised on the unknown community's
-        // audit event reach snmptrapd as SNMPv2c traps, sysUpTime first.
-        for (const std::string trap : {"1.3.6.1.6.3.1.1.5.1", "1.3.6.1.6.3.1.1.5.5"})
+        // net-snmp's own snmpd in the same namespace sees the same listeners and UDP endpoints.
+        const std::string snmpd_conf = "/tmp/snmp/snmpd.conf";
+        daemon_env::write_file(snmpd_conf, "rocommunity public\n");
+        pid_t snmpd = harness::spawn({"/usr/sbin/snmpd", "-f", "-Lf", "/dev/null", "-C", "-c",
+                                      snmpd_conf, "udp:127.0.0.1:1163"},
+                                     devnull, devnull);
+        ASSERT_GT(snmpd, 0);
+        ASSERT_TRUE(daemon_env::eventually(
+            [] { return tool("snmpget", {".1.3.6.1.2.1.1.3.0"}, "public", "127.0.0.1:1163")
+                            .exit_code == 0; },
+            5000));
+        for (const std::string column : {".1.3.6.1.2.1.6.20.1.4", ".1.3.6.1.2.1.7.7.1.8"}) {
+            std::vector<std::string> ours = indexes(column, kAgent);
+            EXPECT_GE(ours.size(), 2u) << column;
+            EXPECT_EQ(ours, indexes(column, "127.0.0.1:1163")) << column;
+        }
+
+        // A flap of the interface UCI names "lan" sends linkDown and linkUp.
+        for (const char *step : {"veth1 up", "veth0 up", "veth0 down"})
+            harness::run({"/bin/sh", "-c", std::string("ip link set ") + step});
+
+        // Start-up's coldStart, the authenticationFailure raised on the unknown community's
+        // audit event and the flap's linkDown and linkUp reach snmptrapd as SNMPv2c traps,
+        // sysUpTime first.
+        for (const std::string trap : {"1.3.6.1.6.3.1.1.5.1", "1.3.6.1.6.3.1.1.5.5",
+                                       "1.3.6.1.6.3.1.1.5.3", "1.3.6.1.6.3.1.1.5.4"})
             EXPECT_TRUE(daemon_env::eventually(
                 [&] {
                     return harness::read_file(traps).find(".1.3.6.1.6.3.1.1.4.1.0 = OID: ." +
