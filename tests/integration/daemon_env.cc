@@ -104,12 +104,14 @@ bool eventually(const std::function<bool()> &cond, int timeout_ms)
     return true;
 }
 
-Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra)
+Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra,
+               std::vector<std::string> program)
 {
     char tmpl[] = "/tmp/leisobek-run.XXXXXX";
     if (mkdtemp(tmpl) == nullptr) return;
     dir_ = tmpl;
-    args.insert(args.begin(), LEISOBEK_BIN);
+    if (program.empty()) program = {LEISOBEK_BIN};
+    args.insert(args.begin(), program.begin(), program.end());
     int out = open((dir_ + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     int err = open((dir_ + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (out >= 0 && err >= 0) pid_ = harness::spawn(args, out, err, env_extra);
@@ -164,6 +166,14 @@ std::string Emu::cli(const std::vector<std::string> &args) const
     while (!r.out.empty() && r.out.back() == '\n')
         r.out.pop_back();
     return r.out;
+}
+
+std::vector<cli_json::row> Emu::walk(const std::string &path) const
+{
+    std::string answer = cli({"walk", path});
+    std::vector<cli_json::row> rows;
+    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 400);
+    return rows;
 }
 
 std::string Emu::wait_notifications(size_t n) const

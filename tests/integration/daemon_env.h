@@ -10,18 +10,22 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
+#include "cli_json.h"
 #include "harness.h"
 
 namespace daemon_env
 {
 
 constexpr int kSkippedInside = 78; // the body skipped itself
+
+// confd-emu-cli's answers to a successful write and to a read of a value that does not exist.
+constexpr char kOk[] = "{\"result\":\"ok\"}";
+constexpr char kNoExists[] = "{\"type\":\"C_NOEXISTS\"}";
 
 // Runs body in private namespaces. Returns 0 when it passed, harness::kNoNamespaces,
 // kSkippedInside, or another code when it failed (its failures are printed from inside).
@@ -59,8 +63,10 @@ bool eventually(const std::function<bool()> &cond, int timeout_ms = 10000);
 class Daemon
 {
   public:
-    // env_extra ("NAME=value") replaces inherited variables of the same name.
-    explicit Daemon(std::vector<std::string> args, std::vector<std::string> env_extra = {});
+    // env_extra ("NAME=value") replaces inherited variables of the same name; program, when
+    // given, is the command that runs the daemon instead of this build's binary.
+    explicit Daemon(std::vector<std::string> args, std::vector<std::string> env_extra = {},
+                    std::vector<std::string> program = {});
     ~Daemon() { stop(); }
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
@@ -72,6 +78,7 @@ class Daemon
     // Kills the daemon if it still runs and reaps it.
     void stop();
     std::string err() const { return harness::read_file(dir_ + "/err"); }
+    pid_t pid() const { return pid_; }
 
   private:
     std::string dir_;
@@ -89,6 +96,8 @@ class Emu
     // Starts the server; false (and a test failure) when it does not come up.
     bool start();
     std::string cli(const std::vector<std::string> &args) const;
+    // The rows of a walk of path; a test failure when the answer is not a walk.
+    std::vector<cli_json::row> walk(const std::string &path) const;
     std::string notifications() const { return cli({"notifications"}); }
     std::string status() const { return cli({"status"}); }
     // Waits until the notification log holds at least n notifications; returns it.

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <string>
 #include <sys/mount.h>
@@ -24,19 +23,14 @@ namespace
 
 using daemon_env::Daemon;
 using daemon_env::Emu;
+using daemon_env::kOk;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
+namespace fs = std::filesystem;
 
 constexpr const char kMarker[] = "/mnt/configcert/config/snmpbootstat";
 const char kTcpScalar[] = "/TCP-MIB/tcp/tcpInSegs";
-const char kOk[] = "{\"result\":\"ok\"}";
-
-bool exists(const char *path)
-{
-    struct stat st;
-    return stat(path, &st) == 0;
-}
 
 std::string notification_log(std::initializer_list<const char *> names)
 {
@@ -46,11 +40,9 @@ std::string notification_log(std::initializer_list<const char *> names)
     return log + "]";
 }
 
-// Verifies that a plain start announces the agent, then a cold start, both in
-// the log by the time the registration is complete (the frames leave at once,
-// no Nagle delay), and keeps serving with its transaction callbacks and
-// notification sender in place; and that a transaction is attached on init
-// and detached on finish, so that none is left open after a walk.
+// A plain start: ucdStart then coldStart logged by the end of the registration (no Nagle delay),
+// every provider's callpoints in start-up order and no others, the transaction callbacks and the
+// notification sender in place; each transaction attached on init and detached on finish.
 TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
 {
     RUN_ISOLATED([] {
@@ -59,9 +51,22 @@ TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
         ASSERT_TRUE(d);
         EXPECT_EQ(emu.notifications(), notification_log({"ucdStart", "coldStart"}));
         std::string st = emu.status();
+        EXPECT_THAT(
+            st, HasSubstr("\"callpoints\":[\"ifstatus-snmp\",\"ifentries-snmp\",\"if-state-snmp\","
+                          "\"tcp_status\",\"udp_status\",\"ip6_scope_zone_idx\",\"ip_def_router\","
+                          "\"ip_traf_status\",\"ip_traf_system_stats\",\"ip_traf_if_stats\","
+                          "\"ip_address_prefix_status\",\"icmp_stat_status\",\"icmp_msg_status\","
+                          "\"ip_status\",\"ip_address_status\",\"ipv6_router_status\","
+                          "\"ip-net-to-physical-stats\",\"memory_stats\",\"sys_stats\","
+                          "\"version_info\",\"process_info\",\"entphyentry-snmp\","
+                          "\"zamrel_model_mib_common\",\"zamrel_model_mib_basicmgt\","
+                          "\"zamrel_model_mib_advancemgt\",\"zamrel_model_mib_mgtcommunitytable\","
+                          "\"zamrel_model_mib_trapmgrtable\","
+                          "\"zamrel_model_mib_wandnsnetaddresstable\","
+                          "\"zamrel_model_mib_wanconnectiontable\",\"snmp_lldp_stats\"]"));
         EXPECT_THAT(st, HasSubstr("\"trans_callbacks\":true"));
         EXPECT_THAT(st, HasSubstr("\"workers\":1,\"notification_contexts\":1"));
-        EXPECT_FALSE(exists(kMarker));
+        EXPECT_FALSE(fs::exists(kMarker));
 
         emu.cli({"walk", "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry"});
         emu.cli({"get", kTcpScalar});
@@ -72,22 +77,21 @@ TEST(DaemonStartTest, NoSwitchesSendsUcdStartThenColdStart)
     });
 }
 
-// Verifies that a boot-state marker, empty or holding any text, turns the
-// boot notification into warmStart and is removed.
+// A boot-state marker, empty or holding any text, turns the boot notification into warmStart
+// and is removed.
 TEST(DaemonStartTest, MarkerGivesWarmStartAndIsRemoved)
 {
     RUN_ISOLATED([] {
         Emu emu;
         ASSERT_TRUE(emu.start());
-        std::filesystem::create_directories("/mnt/configcert/config");
+        fs::create_directories("/mnt/configcert/config");
         for (const char *text : {"", "coldstart please\n"}) {
             SCOPED_TRACE(text);
-            std::ofstream(kMarker) << text;
-            ASSERT_TRUE(exists(kMarker));
+            daemon_env::write_file(kMarker, text);
             Daemon d({});
             EXPECT_EQ(emu.wait_notifications(2), notification_log({"ucdStart", "warmStart"}));
             ASSERT_TRUE(emu.wait_registered()) << d.err();
-            EXPECT_FALSE(exists(kMarker));
+            EXPECT_FALSE(fs::exists(kMarker));
             EXPECT_TRUE(d.running()) << d.err();
             emu.cli({"notifications", "--clear"});
             d.stop();
@@ -96,11 +100,11 @@ TEST(DaemonStartTest, MarkerGivesWarmStartAndIsRemoved)
     });
 }
 
-// Verifies that start mode 0 (any text atoi reads as 0, see the switch unit
-// tests) sends ucdShutdown only and exits with status 1 before the boot
-// notification and before registering anything; and that any other start
-// mode announces no agent, still sends the boot notification and serves on.
-TEST(DaemonStartTest, StartModes)
+// Start mode 0 ("x" through atoi) sends ucdShutdown only and exits with 1 before the boot
+// notification and any registration; another start mode announces no agent, still sends the
+// boot notification and serves on; -d -p (the last level switch winning) sets the library's
+// protocol trace level.
+TEST(DaemonStartTest, StartModesAndTraceLevel)
 {
     RUN_ISOLATED([] {
         Emu emu;
@@ -114,42 +118,29 @@ TEST(DaemonStartTest, StartModes)
             emu.cli({"notifications", "--clear"});
             ASSERT_TRUE(emu.wait_no_daemons());
         }
-        Daemon d({"-n", "7"});
+        Daemon d({"-d", "-p", "-n", "7"});
         ASSERT_TRUE(emu.wait_registered()) << d.err();
         EXPECT_EQ(emu.wait_notifications(1), notification_log({"coldStart"}));
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         EXPECT_EQ(emu.notifications(), notification_log({"coldStart"}));
         EXPECT_TRUE(d.running()) << d.err();
+        EXPECT_THAT(d.err(), HasSubstr("PROTO leisobek"));
     });
 }
 
-// Verifies that -d -p (the last level switch winning, see the switch unit
-// tests) sets the library's protocol trace level.
-TEST(DaemonStartTest, LastLevelSwitchSetsLibraryTrace)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon({"-d", "-p"});
-        ASSERT_TRUE(d);
-        EXPECT_THAT(d->err(), HasSubstr("PROTO leisobek"));
-    });
-}
-
-// Verifies that with nothing listening on 127.0.0.1:4565 the schema load
-// fails first and ends the daemon with status 1, and that a management plane
-// whose models lack a callpoint the daemon registers ends the daemon with
-// that provider's own text.
+// Nothing on 127.0.0.1:4565 fails the schema load first, with status 1; models lacking a
+// callpoint the daemon registers end it with that provider's own text.
 TEST(DaemonStartTest, NoConfdOrMissingCallpointIsFatal)
 {
     RUN_ISOLATED([] {
         Daemon no_confd({});
         EXPECT_EQ(no_confd.wait_exit(), 1);
         EXPECT_EQ(no_confd.err(), "Failed to load schemas from confd\n");
-        const std::string dir = "/tmp/models-without-tcp";
-        std::filesystem::create_directories(dir);
-        for (const auto &e : std::filesystem::directory_iterator(LEISOBEK_MODELS_DIR))
+        const fs::path dir = "/tmp/models-without-tcp";
+        fs::create_directories(dir);
+        for (const auto &e : fs::directory_iterator(LEISOBEK_MODELS_DIR))
             if (e.path().filename() != "TCP-MIB.yang")
-                std::filesystem::copy(e.path(), dir + "/" + e.path().filename().string());
+                fs::copy(e.path(), dir / e.path().filename());
         Emu emu({"--models", dir});
         ASSERT_TRUE(emu.start());
         Daemon d({});
@@ -158,14 +149,12 @@ TEST(DaemonStartTest, NoConfdOrMissingCallpointIsFatal)
     });
 }
 
-// Verifies that the product-identifier command runs, and that the syslog
-// line still shows the shared identifier, which start-up leaves empty
-// whatever the command answers.
+// The product-identifier command runs, yet the syslog line shows the shared identifier, which
+// start-up leaves empty whatever the command answers.
 TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
 {
     RUN_ISOLATED([] {
-        // A private /dev with only what the test needs: null, and a log
-        // socket standing in for the syslog daemon.
+        // A private /dev: null, and a log socket standing in for the syslog daemon.
         if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=755") != 0 ||
             mknod("/dev/null", S_IFCHR | 0666, makedev(1, 3)) != 0)
             GTEST_SKIP() << "cannot set up a private /dev: " << strerror(errno);
@@ -178,8 +167,6 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
         ASSERT_EQ(bind(log, reinterpret_cast<struct sockaddr *>(&sun), sizeof sun), 0);
         struct timeval tv = {10, 0};
         setsockopt(log, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-
-        // A uci that answers like the router and notes how it was asked.
         daemon_env::install_recorders({{"uci", "echo TX410W-0001"}});
 
         Emu emu;
@@ -197,7 +184,7 @@ TEST(DaemonStartTest, ProductIdentifierLineStaysEmpty)
     });
 }
 
-// Verifies that ConfD closing the control or the worker socket ends the daemon.
+// ConfD closing the control or the worker socket ends the daemon.
 TEST(DaemonLoopTest, ClosedSocketIsFatal)
 {
     RUN_ISOLATED([] {
@@ -215,8 +202,8 @@ TEST(DaemonLoopTest, ClosedSocketIsFatal)
     });
 }
 
-// Verifies that a failed MAAPI attach in a transaction's init, or detach in
-// its finish, ends the daemon with the CONFD_OK check's line for that step.
+// A failed MAAPI attach in a transaction's init, or detach in its finish, ends the daemon with
+// the CONFD_OK check's line for that step.
 TEST(DaemonTransactionTest, FailedAttachOrDetachIsFatal)
 {
     RUN_ISOLATED([] {
@@ -232,7 +219,6 @@ TEST(DaemonTransactionTest, FailedAttachOrDetachIsFatal)
             std::regex line("(^|\n)leisobek\\.h:" + std::to_string(step.second) +
                             ": error not CONFD_OK: [0-9]+ : [^\n]* \n$");
             EXPECT_TRUE(std::regex_search(d.err(), line)) << d.err();
-            // The next daemon must not meet the failure meant for this one.
             emu.cli({"fail", step.first, "--times", "0"});
             ASSERT_TRUE(emu.wait_no_daemons());
         }
