@@ -6,21 +6,18 @@
 #include <csignal>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "cli_json.h"
 #include "daemon_env.h"
 
 namespace
 {
 
 using daemon_env::Emu;
+using daemon_env::kOk;
 using daemon_env::write_file;
 
-const char kOk[] = "{\"result\":\"ok\"}";
-const char kNoExists[] = "{\"type\":\"C_NOEXISTS\"}";
 const char kMib[] = "/ZAMREL-MODEL-MIB";
 const char kInitFile[] = "/tmp/pvtmib/init.xml";
 
@@ -55,8 +52,8 @@ const char kInit[] = R"(<system xmlns="urn:leisobek:params:xml:ns:yang:router-sy
 <confdConfig xmlns="urn:leisobek:params:xml:ns:yang:router-agent"><snmpAgent/></confdConfig>
 )";
 
-// Recording scripts in place of every script the provider runs (see daemon_env::install_recorders:
-// a reboot can never run); each prints what the test wrote for it with script_prints.
+// Recording scripts in place of every script the provider runs (a reboot can never run); each
+// prints what the test wrote for it with script_prints. confd-emu gets the test's configuration.
 void install_scripts()
 {
     daemon_env::install_recorders({{"keltopvtmib_common.sh", ""},
@@ -81,14 +78,6 @@ size_t runs_of(const std::string &command)
     return static_cast<size_t>(std::count(all.begin(), all.end(), command));
 }
 
-// confd-emu with the test's configuration (and models of its own when given).
-std::vector<std::string> emu_args(const std::string &models = "")
-{
-    std::vector<std::string> args = {"--init", kInitFile};
-    if (!models.empty()) args.insert(args.end(), {"--models", models});
-    return args;
-}
-
 std::string get(const Emu &emu, const std::string &path)
 {
     return emu.cli({"get", std::string(kMib) + path});
@@ -109,68 +98,53 @@ std::string num(const char *type, long v)
     return value(type, std::to_string(v), false);
 }
 
-// The rows of a walk of the table below kMib.
 std::vector<cli_json::row> walk(const Emu &emu, const std::string &list)
 {
-    std::string answer = emu.cli({"walk", std::string(kMib) + list});
-    std::vector<cli_json::row> rows;
-    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer;
-    return rows;
+    return emu.walk(kMib + list);
 }
 
-// Verifies the common group and the registration: the seven callpoints follow
-// the earlier providers in order; five reads run the script once and the sixth
-// again; "A,B,C,D,3" gives four texts and state 3; fields holding "%s", "%n"
-// or "%%" are copied with only "%%" taken as "%", and the daemon stays up.
+// The common group: five reads run the script once and the sixth again; "A,B,C,D,3" gives four
+// texts and state 3; fields holding "%s", "%n" or "%%" are copied with only "%%" taken as "%", and
+// the daemon stays up.
 TEST(PvtMibTest, CommonGroupFromItsScript)
 {
     RUN_ISOLATED([] {
         install_scripts();
         script_prints("keltopvtmib_common.sh", "old,line,,,1\nA,B,C,D,3\n");
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
-        std::string status = emu.status();
-        size_t at = status.find(
-            "\"zamrel_model_mib_common\",\"zamrel_model_mib_basicmgt\","
-            "\"zamrel_model_mib_advancemgt\",\"zamrel_model_mib_mgtcommunitytable\","
-            "\"zamrel_model_mib_trapmgrtable\",\"zamrel_model_mib_wandnsnetaddresstable\","
-            "\"zamrel_model_mib_wanconnectiontable\"");
-        ASSERT_NE(at, std::string::npos) << status;
-        EXPECT_LT(status.find("\"udp_status\""), at);
-        size_t entity = status.find("\"entphyentry-snmp\"");
-        EXPECT_TRUE(entity == std::string::npos || entity < at) << status;
-
+        auto common = [&] {
+            std::string all;
+            for (const char *leaf :
+                 {"commonProductName", "commonFirmwareVersion", "commonHardwareVersion",
+                  "commonSerialNumber", "commonDeviceState"})
+                all += get(emu, std::string("/common/") + leaf) + "\n";
+            return all;
+        };
         const std::string run = "sh /usr/bin/keltopvtmib_common.sh";
-        const char *leaves[] = {"commonProductName", "commonFirmwareVersion",
-                                "commonHardwareVersion", "commonSerialNumber", "commonDeviceState"};
-        std::vector<std::string> want = {str("A"), str("B"), str("C"), str("D"),
-                                         num("C_ENUM_VALUE", 3)};
-        for (int i = 0; i < 5; i++)
-            EXPECT_EQ(get(emu, std::string("/common/") + leaves[i]), want[i]) << leaves[i];
+        EXPECT_EQ(common(), str("A") + "\n" + str("B") + "\n" + str("C") + "\n" + str("D") + "\n" +
+                                num("C_ENUM_VALUE", 3) + "\n");
         EXPECT_EQ(daemon_env::recorded(), std::vector<std::string>{run});
 
         script_prints("keltopvtmib_common.sh", "100%% up,%s%n%x,%%%%,%n%n%n%n%s%s%s%s,4\n");
-        want = {str("100% up"), str("%s%n%x"), str("%%"), str("%n%n%n%n%s%s%s%s"),
-                num("C_ENUM_VALUE", 4)};
-        for (int i = 0; i < 5; i++)
-            EXPECT_EQ(get(emu, std::string("/common/") + leaves[i]), want[i]) << leaves[i];
+        EXPECT_EQ(common(), str("100% up") + "\n" + str("%s%n%x") + "\n" + str("%%") + "\n" +
+                                str("%n%n%n%n%s%s%s%s") + "\n" + num("C_ENUM_VALUE", 4) + "\n");
         EXPECT_EQ(runs_of(run), 2u);
         EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
-// Verifies the advanced group and the trap-manager table against the SNMP
-// version and UPnP switches: absent switches read as off (UPnP, inverted, as
-// 1); v1 false with v2 true is on; SNMPv3 on empties the trap-manager table
-// without running its script, off gives the first line's row only, and a line
+// The advanced group and the trap-manager table against the SNMP version and UPnP switches: absent
+// switches read as off (UPnP, inverted, as 1); v1 false with v2 true is on; SNMPv3 on empties the
+// trap-manager table without running its script, off gives the first line's row only, and a line
 // without a first field ends the table with no rows.
 TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
 {
     RUN_ISOLATED([] {
         install_scripts();
         script_prints("gettrapsconf.sh", "7,10.0.0.9,pub%%lic\n8,10.0.0.10,other\n");
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         const std::string agent = "/confdConfig/snmpAgent/snmpVersions/";
@@ -186,15 +160,17 @@ TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
         };
         size_t trap_runs = 0;
         for (const auto &s : steps) {
+            std::vector<std::string> commit = {"commit"};
+            commit.insert(commit.end(), s.changes.begin(), s.changes.end());
             if (!s.changes.empty()) {
-                std::vector<std::string> args = {"commit"};
-                args.insert(args.end(), s.changes.begin(), s.changes.end());
-                ASSERT_EQ(emu.cli(args), kOk);
+                ASSERT_EQ(emu.cli(commit), kOk);
             }
             std::string at = s.changes.empty() ? "initial" : s.changes[0];
-            EXPECT_EQ(get(emu, "/advanceMgt/snmpV1V2cStatus"), num("C_ENUM_VALUE", s.v1v2c)) << at;
-            EXPECT_EQ(get(emu, "/advanceMgt/snmpV3Status"), num("C_ENUM_VALUE", s.v3)) << at;
-            EXPECT_EQ(get(emu, "/advanceMgt/upnpStatus"), num("C_ENUM_VALUE", s.upnp)) << at;
+            EXPECT_EQ(get(emu, "/advanceMgt/snmpV1V2cStatus") +
+                          get(emu, "/advanceMgt/snmpV3Status") + get(emu, "/advanceMgt/upnpStatus"),
+                      num("C_ENUM_VALUE", s.v1v2c) + num("C_ENUM_VALUE", s.v3) +
+                          num("C_ENUM_VALUE", s.upnp))
+                << at;
             if (s.trap_rows < 0) continue;
             std::vector<cli_json::row> rows = walk(emu, "/trapMgrTable/trapMgrEntry");
             ASSERT_EQ(rows.size(), size_t(s.trap_rows)) << at;
@@ -211,15 +187,15 @@ TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
     });
 }
 
-// Verifies the basic group's reads: host and domain name, the kelto account,
-// the first pool's mode, range start and size (none without a range end), and
-// the LAN address and mask from "getiface.sh lan", which runs on reads 1, 12, 23.
+// The basic group's reads: host and domain name, the kelto account, the first pool's mode, range
+// start and size (none without a range end), and the LAN address and mask from "getiface.sh lan",
+// which runs on reads 1, 12, 23.
 TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
 {
     RUN_ISOLATED([] {
         install_scripts();
         script_prints("getiface.shlan", "br-lan,192.168.1.1,255.255.255.0,00:1a:2b:3c:4d:5e,x\n");
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         const std::string pool = "/dhcp-pools/pool{1}/ipv4/";
@@ -233,7 +209,7 @@ TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
             {"", "adminPassword", str("$1$q8Rz$stored")},
             {"", "dhcpServerMode", num("C_ENUM_VALUE", 1)},
             {"", "dhcpStartAddress", value("C_IPV4", "192.168.1.100")},
-            {"", "dhcpRangeSize", kNoExists},
+            {"", "dhcpRangeSize", daemon_env::kNoExists},
             {pool + "range-end=192.168.1.149", "dhcpRangeSize", num("C_INT32", 49)},
             {pool + "dhcp-mode=relay", "dhcpServerMode", num("C_ENUM_VALUE", 0)},
             {"", "lanIpAddress", value("C_IPV4", "192.168.1.1")}, // read 11: no new run
@@ -253,15 +229,14 @@ TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
     });
 }
 
-// Verifies the set hook: host and domain name land in the system configuration
-// when the set commits, and a failing MAAPI write fails the set and changes
-// nothing; reboot 1 and factory default 2 run nothing, reboot 2 and factory
-// default 1 run exactly the system's command lines.
+// The set hook: host and domain name land in the system configuration when the set commits, and a
+// failing MAAPI write fails the set and changes nothing; reboot 1 and factory default 2 run
+// nothing, reboot 2 and factory default 1 run exactly the system's command lines.
 TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
 {
     RUN_ISOLATED([] {
         install_scripts();
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         const std::string reboot = "sh /usr/bin/system-reboot firmware-state active option none";
@@ -283,84 +258,70 @@ TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
                 << s.leaf;
             EXPECT_EQ(daemon_env::recorded(), s.ran) << s.leaf << " " << s.value;
         }
-        EXPECT_EQ(emu.cli({"get", "/system/hostname"}),
-                  "{\"type\":\"C_BUF\",\"value\":\"router-b\"}");
-        EXPECT_EQ(emu.cli({"get", "/system/domain-name"}),
-                  "{\"type\":\"C_BUF\",\"value\":\"example.net\"}");
+        EXPECT_EQ(emu.cli({"get", "/system/hostname"}), value("C_BUF", "router-b"));
+        EXPECT_EQ(emu.cli({"get", "/system/domain-name"}), value("C_BUF", "example.net"));
 
         ASSERT_EQ(emu.cli({"fail", "set_elem"}), kOk);
         EXPECT_NE(emu.cli({"set", std::string(kMib) + "/basicMgt/hostName", "lost"}).find("error"),
                   std::string::npos);
-        EXPECT_EQ(emu.cli({"get", "/system/hostname"}),
-                  "{\"type\":\"C_BUF\",\"value\":\"router-b\"}");
+        EXPECT_EQ(emu.cli({"get", "/system/hostname"}), value("C_BUF", "router-b"));
         EXPECT_TRUE(d->running()) << d->err();
     });
 }
 
-// Verifies the community table with 0, 2 and 4 configured communities: always
-// three rows, a security name containing "public" reads 1, "private" 2, and
-// any other keeps the slot's earlier access.
+// The community table with 0, 2 and 4 configured communities: always three rows (read row by row:
+// slots not configured repeat a key, which a whole walk refuses), a security name containing
+// "public" reads 1, "private" 2, and any other keeps the slot's earlier access.
 TEST(PvtMibTest, CommunityTableShowsThreeSlots)
 {
     RUN_ISOLATED([] {
         install_scripts();
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
-        const std::string entry = "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry";
         const std::string list = std::string(kMib) + "/mgtCommunityTable/mgtCommunityEntry";
-        auto add = [&](const std::string &key, const std::string &name, const std::string &sec) {
-            std::string e = entry + "{" + key + "}";
-            ASSERT_EQ(emu.cli({"commit", e, e + "/snmpCommunityName=" + name,
-                               e + "/snmpCommunitySecurityName=" + sec}),
-                      kOk);
+        auto answer = [&](const std::vector<std::string> &args) {
+            cli_json::value v;
+            EXPECT_TRUE(cli_json::parse(emu.cli(args), v));
+            return v;
         };
         struct {
-            std::vector<std::vector<std::string>> add;
-            // keys, names and accesses of the three rows
-            std::vector<std::string> keys, names, access;
+            std::vector<std::vector<std::string>> add; // key, community and security name
+            const char *rows;                          // key, name and access of each row
         } steps[] = {
-            {{}, {"0", "0", "0"}, {"", "", ""}, {"0", "0", "0"}},
+            {{}, "0  0,0  0,0  0,"},
             {{{"a", "pub-ro", "the-public-ro"}, {"b", "h0me", "private"}},
-             {"0", "1", "0"},
-             {"pub-ro", "h0me", "pub-ro"},
-             {"1", "2", "1"}},
-            {{{"c", "odd", "privateX"}, {"d", "fourth", "public"}},
-             {"0", "1", "2"},
-             {"pub-ro", "h0me", "odd"},
-             {"1", "2", "0"}},
+             "0 pub-ro 1,1 h0me 2,0 pub-ro 1,"},
+            {{{"c", "odd", "privateX"}, {"d", "fourth", "public"}}, "0 pub-ro 1,1 h0me 2,2 odd 0,"},
         };
         for (const auto &s : steps) {
-            for (const auto &a : s.add)
-                add(a[0], a[1], a[2]);
-            // Row by row: the table repeats a key where slots are not configured,
-            // which a whole walk refuses.
-            std::string cookie = "-1";
-            for (size_t i = 0;; i++) {
-                cli_json::value next;
-                ASSERT_TRUE(cli_json::parse(emu.cli({"next", list, "--cookie", cookie}), next));
-                if (i == 3) {
-                    EXPECT_EQ(next["keys"].kind, cli_json::value::null) << "a fourth row";
-                    break;
-                }
-                std::string key = next["keys"].items.at(0)["value"].text;
-                cookie = next["next"].text;
-                EXPECT_EQ(key, s.keys[i]) << i;
-                EXPECT_EQ(emu.cli({"get", list + "{" + key + "}/mgtCommunityName"}),
-                          str(s.names[i]));
-                EXPECT_EQ(emu.cli({"get", list + "{" + key + "}/mgtCommunityAccess"}),
-                          value("C_ENUM_VALUE", s.access[i], false));
+            for (const auto &a : s.add) {
+                std::string e =
+                    "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry{" + a[0] + "}";
+                ASSERT_EQ(emu.cli({"commit", e, e + "/snmpCommunityName=" + a[1],
+                                   e + "/snmpCommunitySecurityName=" + a[2]}),
+                          kOk);
             }
+            std::string rows, cookie = "-1";
+            for (int i = 0; i < 4; i++) {
+                cli_json::value next = answer({"next", list, "--cookie", cookie});
+                if (next["keys"].kind == cli_json::value::null) break;
+                std::string row = list + "{" + next["keys"].items.at(0)["value"].text + "}/";
+                rows += next["keys"].items.at(0)["value"].text + " " +
+                        answer({"get", row + "mgtCommunityName"})["value"].text + " " +
+                        answer({"get", row + "mgtCommunityAccess"})["value"].text + ",";
+                cookie = next["next"].text;
+            }
+            EXPECT_EQ(rows, s.rows);
         }
     });
 }
 
-// Verifies the WAN tables from their scripts: two DNS lines give three rows
-// (the last one past the script's lines); the WAN connection row takes its
-// addresses and MAC from "getiface.sh wan", its ifIndex from the interface
-// state and its PPPoE settings from the configuration (no user: "none", demand
-// wins over keep-alive, chap is not automatic), and an L2TP WAN changes only
-// where the PPP settings come from.
+// The WAN tables from their scripts: two DNS lines give three rows (the last one past the script's
+// lines); the WAN connection row takes its addresses and MAC from "getiface.sh wan", its ifIndex
+// from the interface state and its PPPoE settings from the configuration (no user: "none", demand
+// wins over keep-alive, chap is not automatic); an L2TP WAN changes only where the PPP settings
+// come from (its authentication left automatic), the type staying PPPoE's.
 TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
 {
     RUN_ISOLATED([] {
@@ -368,7 +329,7 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
         script_prints("getwandns.sh", "0,1,8.8.8.8\n1,2,8.8.4.4\n");
         script_prints("getiface.shwan",
                       "eth1,203.0.113.5,255.255.255.0,0:1a:2b:3c:4d:5e,203.0.113.1\n");
-        Emu emu(emu_args());
+        Emu emu({"--init", kInitFile});
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         std::vector<cli_json::row> dns = walk(emu, "/wanDnsNetAddressTable/wanDnsNetAddressEntry");
@@ -380,29 +341,25 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
 
         std::vector<cli_json::row> wan = walk(emu, "/wanConnectionTable/wanConnectionEntry");
         ASSERT_EQ(wan.size(), 1u);
-        std::map<std::string, std::string> want = {
-            {"wanConnectionIfIndex", "5"},
-            {"wanConnectionType", "3"},
-            {"wanConnectionIpAddress", "203.0.113.5"},
-            {"wanConnectionSubnetMask", "255.255.255.0"},
-            {"wanConnectionGateway", "203.0.113.1"},
-            {"wanConnectionMacAddress", "001a2b3c4d5e"},
-            {"wanConnectionPppUserName", "none"},
-            {"wanConnectionPppPassword", "s3cret"},
-            {"wanConnectionNatStatus", "2"},
-            {"wanConnectionPppConnectMode", "1"},
-            {"wanConnectionPppIdleTime", "300"},
-            {"wanConnectionPppRetryCount", "2"},
-            {"wanConnectionPppAuthAuto", "0"},
-        };
+        std::map<std::string, std::string> want = {{"wanConnectionIfIndex", "5"},
+                                                   {"wanConnectionType", "3"},
+                                                   {"wanConnectionIpAddress", "203.0.113.5"},
+                                                   {"wanConnectionSubnetMask", "255.255.255.0"},
+                                                   {"wanConnectionGateway", "203.0.113.1"},
+                                                   {"wanConnectionMacAddress", "001a2b3c4d5e"},
+                                                   {"wanConnectionPppUserName", "none"},
+                                                   {"wanConnectionPppPassword", "s3cret"},
+                                                   {"wanConnectionNatStatus", "2"},
+                                                   {"wanConnectionPppConnectMode", "1"},
+                                                   {"wanConnectionPppIdleTime", "300"},
+                                                   {"wanConnectionPppRetryCount", "2"},
+                                                   {"wanConnectionPppAuthAuto", "0"}};
         for (const auto &w : want)
             EXPECT_EQ(wan[0].leaves[w.first], w.second) << w.first;
         EXPECT_EQ(
             daemon_env::recorded(),
             (std::vector<std::string>{"sh /usr/bin/getwandns.sh", "sh /usr/bin/getiface.sh wan"}));
 
-        // L2TP names only the mode: the type stays PPPoE's and the PPP settings
-        // now come from the L2TP session (its authentication left automatic).
         ASSERT_EQ(emu.cli({"commit", "/interfaces/interface{WAN1}/ipv4/setting/l2tp/username=l2"}),
                   kOk);
         wan = walk(emu, "/wanConnectionTable/wanConnectionEntry");
@@ -415,10 +372,9 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
     });
 }
 
-// Verifies the fatal ends: a table key of another type than the model's stops
-// the daemon with the assertion naming the type and the callback, and a
-// refused registration of the WAN DNS table ends it with the text it shares
-// with the trap manager.
+// The fatal ends: a table key of another type than the model's stops the daemon with the assertion
+// naming the type and the callback; a refused registration of the WAN DNS table ends it with the
+// text it shares with the trap manager.
 TEST(PvtMibTest, FailuresEndTheDaemonWithTheirTexts)
 {
     RUN_ISOLATED([] {
@@ -434,7 +390,7 @@ TEST(PvtMibTest, FailuresEndTheDaemonWithTheirTexts)
              "keltopvt_wancontbl_get_elem"},
         };
         for (const auto &c : cases) {
-            Emu emu(emu_args());
+            Emu emu({"--init", kInitFile});
             auto d = emu.start_with_daemon();
             ASSERT_TRUE(d);
             get(emu, c.path);
@@ -451,7 +407,7 @@ TEST(PvtMibTest, FailuresEndTheDaemonWithTheirTexts)
         std::string yang = harness::read_file(models + "/ZAMREL-MODEL-MIB.yang");
         yang.replace(yang.find("\"zamrel_model_mib_wandnsnetaddresstable\""), 7, "\"other");
         write_file(models + "/ZAMREL-MODEL-MIB.yang", yang);
-        Emu emu(emu_args(models));
+        Emu emu({"--init", kInitFile, "--models", models});
         ASSERT_TRUE(emu.start());
         daemon_env::Daemon d({});
         EXPECT_EQ(d.wait_exit(), 1);
