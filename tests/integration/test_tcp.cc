@@ -21,13 +21,12 @@ using sockets::unique_fd;
 
 const char kConnections[] = "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry";
 const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
-// The management plane's own sessions (daemon, emulator, CLI) share the
-// namespace; rows on this port are theirs.
+// The management plane's own sessions (daemon, emulator, CLI) share the namespace on this port.
 const char kConfdPort[] = "4565";
 const char kTimeWait[] = "11";
 
-// Index order of TCP-MIB keys, in groups of (type, address, port): type,
-// then address length, then address bytes, then port.
+// Index order of TCP-MIB keys in groups of (type, address, port): type, then address length and
+// bytes, then port.
 bool index_less(const row &ra, const row &rb)
 {
     const std::vector<std::string> &a = ra.keys, &b = rb.keys;
@@ -60,27 +59,13 @@ bool on_port(const row &r, const std::string &port)
     return false;
 }
 
-// The rows, less the management plane's and those on port skip, in index order, one line each.
-std::vector<std::string> lines(std::vector<row> rows, const std::string &skip = kConfdPort)
+// The rows in their order, less the management plane's and those on port skip, one line each.
+std::vector<std::string> lines(const std::vector<row> &rows, const std::string &skip = kConfdPort)
 {
-    std::sort(rows.begin(), rows.end(), index_less);
     std::vector<std::string> out;
     for (const row &r : rows)
         if (!on_port(r, kConfdPort) && !on_port(r, skip)) out.push_back(describe(r));
     return out;
-}
-
-// The rows of a walk, checked to come in strictly increasing index order.
-std::vector<row> walk(const Emu &emu, const char *path)
-{
-    std::vector<row> rows;
-    std::string answer = emu.cli({"walk", path});
-    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 400);
-    for (size_t i = 1; i < rows.size(); i++)
-        EXPECT_TRUE(index_less(rows[i - 1], rows[i])) << "rows " << i - 1 << " and " << i << ":\n"
-                                                      << describe(rows[i - 1]) << "\n"
-                                                      << describe(rows[i]);
-    return rows;
 }
 
 row connection(const end_point &local, const end_point &remote, const char *state, pid_t pid)
@@ -94,10 +79,9 @@ row listener(const end_point &local, pid_t pid)
     return {{local.type, local.address, local.port}, {{"tcpListenerProcess", std::to_string(pid)}}};
 }
 
-// Verifies that both walks list exactly the kernel's sockets (listeners on
-// wildcard and specific IPv4 and IPv6 addresses, loopback connections of
-// both families) in index order with their owning processes (get by keys is
-// pinned by the provider's unit tests, and through the wire by the UDP table's).
+// Both walks list exactly the kernel's sockets (listeners on wildcard and specific IPv4 and IPv6
+// addresses, loopback connections of both families) in index order with their owning processes
+// (get by keys is pinned by the provider's unit tests, and through the wire by the UDP table's).
 TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
 {
     RUN_ISOLATED([] {
@@ -105,9 +89,8 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         const pid_t self = getpid();
-        // Held by other processes, forked first: a socket open in two
-        // processes counts as the last one's found. Worker k listens on
-        // 6005 + k; worker 0 also holds both ends of one connection.
+        // Held by other processes, forked first: a socket open in two processes counts as the last
+        // one's found. Worker 0 listens on 6005 and holds both ends of one connection.
         sockets::connection_holders others;
         std::string why;
         ASSERT_TRUE(others.start(1, 6005, why)) << why;
@@ -129,17 +112,14 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
             listeners.push_back(listener(sockets::local_end(fd->get()), self));
         for (const auto &w : others.workers())
             listeners.push_back(listener({"1", "7f000001", std::to_string(w.port)}, w.pid));
-        EXPECT_EQ(lines(walk(emu, kListeners)), lines(listeners));
+        std::sort(listeners.begin(), listeners.end(), index_less);
+        EXPECT_EQ(lines(emu.walk(kListeners)), lines(listeners));
 
-        std::vector<row> connections = walk(emu, kConnections);
-        auto ends = [](const unique_fd &fd) {
-            return std::make_pair(sockets::local_end(fd.get()), sockets::remote_end(fd.get()));
-        };
-        std::vector<row> expected;
-        for (const unique_fd *fd : {&c4, &s4, &c6, &s6}) {
-            auto e = ends(*fd);
-            expected.push_back(connection(e.first, e.second, "5", self));
-        }
+        std::vector<row> connections = emu.walk(kConnections), expected;
+        for (const unique_fd *fd : {&c4, &s4, &c6, &s6})
+            expected.push_back(connection(sockets::local_end(fd->get()),
+                                          sockets::remote_end(fd->get()), "5", self));
+        std::sort(expected.begin(), expected.end(), index_less);
         EXPECT_EQ(lines(connections, "6005"), lines(expected));
         const std::string holder = std::to_string(others.workers().front().pid);
         EXPECT_EQ(std::count_if(connections.begin(), connections.end(),
@@ -153,9 +133,8 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
     });
 }
 
-// Verifies, with 20 000 loopback connections held by several processes,
-// that every one of the 40 000 rows carries the process that owns its
-// socket, and that no live socket goes without an owner.
+// With 20 000 loopback connections held by several processes, every one of the 40 000 rows
+// carries the process that owns its socket, and no live socket goes without an owner.
 TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
 {
     RUN_ISOLATED([] {
