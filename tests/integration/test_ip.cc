@@ -37,9 +37,8 @@ std::string if_index(const std::string &name)
     return std::to_string(if_nametoindex(name.c_str()));
 }
 
-// Two veth pairs with fixed MACs (so fixed link-local addresses) and IPv4 and IPv6 addresses of
-// every kind the address table tells apart (broadcast, link-local, deprecated, without a fixed
-// lifetime), DAD off so that no address is tentative while the test reads.
+// Two veth pairs with fixed MACs (so link-local addresses) and addresses of every kind the address
+// table tells apart; DAD off so that none is tentative while the test reads.
 void make_interfaces()
 {
     daemon_env::write_file("/proc/sys/net/ipv6/conf/default/accept_dad", "0\n");
@@ -84,13 +83,14 @@ std::map<std::string, std::map<std::string, std::string>> walk(const Emu &emu,
     return out;
 }
 
-// One ipAddressTable row as compared: keys, then the leaves.
 struct address_row {
     int type;
     std::string addr, dev;
     int kind, prefix_len, origin, status, storage; // prefix_len 0: no prefix row (zeroDotZero)
 };
 
+// An ipAddressTable row as compared: keys, then ifIndex, type, prefix pointer, origin, status and
+// storage type.
 std::string text(const address_row &r)
 {
     std::string index = if_index(r.dev), prefix = "0.0";
@@ -105,36 +105,27 @@ std::string text(const address_row &r)
         }
         prefix += "." + std::to_string(r.prefix_len);
     }
-    std::ostringstream s;
-    s << r.type << " " << r.addr << " if=" << index << " type=" << r.kind << " prefix=" << prefix
-      << " origin=" << r.origin << " status=" << r.status << " storage=" << r.storage;
-    return s.str();
+    return std::to_string(r.type) + " " + r.addr + " " + index + " " + std::to_string(r.kind) +
+           " " + prefix + " " + std::to_string(r.origin) + " " + std::to_string(r.status) + " " +
+           std::to_string(r.storage);
 }
 
-// ipAddressTable as a walk answers it, in its order.
 std::vector<std::string> walked_addresses(const Emu &emu)
 {
     std::vector<std::string> out;
     for (cli_json::row &r : emu.walk(kAddresses)) {
-        auto n = [&](const char *leaf) { return std::stoi(r.leaves[leaf]); };
-        std::ostringstream s;
-        s << r.keys.at(0) << " " << r.keys.at(1) << " if=" << n("ipAddressIfIndex")
-          << " type=" << n("ipAddressType") << " prefix=" << r.leaves["ipAddressPrefix"]
-          << " origin=" << n("ipAddressOrigin") << " status=" << n("ipAddressStatus")
-          << " storage=" << n("ipAddressStorageType");
-        out.push_back(s.str());
+        std::string line = r.keys.at(0) + " " + r.keys.at(1);
+        for (const char *leaf : {"IfIndex", "Type", "Prefix", "Origin", "Status", "StorageType"})
+            line += " " + r.leaves[std::string("ipAddress") + leaf];
+        out.push_back(line);
         EXPECT_EQ(r.leaves["ipAddressCreated"], "0");
         EXPECT_EQ(r.leaves["ipAddressRowStatus"], ""); // C_NOEXISTS: no value
     }
     return out;
 }
 
-// ipAddressTable: every address in index order with its type, interface, prefix pointer, origin,
-// state and storage type, and per address of an interface with a broadcast address a broadcast row
-// carrying the last one listed there; C_NOEXISTS before the first walk; an address added is
-// listed only 3 seconds after the last refresh. ipv6RouterAdvertTable: one row per interface with
-// an IPv4 address, MTU, hop limit and neighbour timers from /proc/sys/net/ipv6 and the fixed
-// columns; advertising while forwarding is on, and none 3 seconds after it is turned off.
+// Both tables against the kernel, each broadcast row carrying the interface's last broadcast
+// address, and a change seen only once their 3-second caches have expired.
 TEST(IpMibTest, AddressAndRouterAdvertTablesFollowTheKernel)
 {
     RUN_ISOLATED([] {
@@ -208,7 +199,7 @@ TEST(IpMibTest, AddressAndRouterAdvertTablesFollowTheKernel)
     });
 }
 
-// An address in the hex of the walks' binary keys.
+// An address as the walks' binary keys print it.
 std::string addr_hex(const std::string &text)
 {
     unsigned char b[16];
@@ -223,14 +214,9 @@ std::string addr_hex(const std::string &text)
     return out;
 }
 
-// The netlink tables on the test's veths: ipNetToPhysicalTable holds exactly the kernel's
-// neighbours with their link-layer addresses, static for permanent and no-ARP entries, reachable
-// also when permanent, no-ARP or failed; ipDefaultRouterTable lists only the IPv4 default route via
-// a gateway, with lifetime 65535 (neither the device-only one nor the IPv6 one without an expiry);
-// ipAddressPrefixTable has manual, wellknown and link-local prefixes with lifetimes in millions
-// of seconds, one row per address; ipv6ScopeZoneIndexTable one row per interface with a link-local
-// address and none for loopback.
-TEST(IpMibTest, NetlinkTablesMatchTheKernel)
+// The netlink tables against the kernel's neighbours, routes and addresses; writes accepted and
+// ignored; a key of the wrong type ends the daemon with the getter's assertion.
+TEST(IpMibTest, NetlinkTablesWritesAndKeyTypes)
 {
     RUN_ISOLATED([] {
         make_interfaces();
@@ -299,8 +285,7 @@ TEST(IpMibTest, NetlinkTablesMatchTheKernel)
         EXPECT_EQ(prefix(vb0 + " 1 a9fe0000 16"), "3 1 2 4294 4294");
         EXPECT_EQ(prefix(va0 + " 2 fe800000000000000000000000000000 64"), "3 1 2 4294 4294");
         EXPECT_EQ(prefix(vb0 + " 2 20010db8000400000000000000000000 48"), "5 1 2 0 0");
-        // The dump's end marker, when it shares the datagram, is read as an address of no family
-        // on interface 0; the first two rows differ, so no duplicate is removed.
+        // The dump's end marker sharing a datagram reads as an address of no family on interface 0.
         size_t addresses = 0;
         for (const auto &p : prefixes)
             addresses += p.first.rfind("0 ", 0) != 0;
@@ -314,11 +299,30 @@ TEST(IpMibTest, NetlinkTablesMatchTheKernel)
             EXPECT_EQ(l["ipv6ScopeZoneIndexSiteLocal"], "0");
         }
         EXPECT_EQ(zones, (std::set<std::string>{va0, vb0, if_index("vc0"), if_index("vd0")}));
+
+        std::string before = emu.cli({"walk", kAddresses});
+        for (auto [path, value] : {
+                 std::pair<std::string, const char *>{"/IP-MIB/ip/ipDefaultTTL", "32"},
+                 {std::string(kAddresses) + "{1 7f000001}/ipAddressRowStatus", "6"},
+                 {std::string(kRouterAdvert) + "{1}/ipv6RouterAdvertRowStatus", "2"},
+                 {"/IP-MIB/ipNetToPhysicalTable/ipNetToPhysicalEntry{1 1 7f000002}/"
+                  "ipNetToPhysicalRowStatus",
+                  "6"},
+             })
+            EXPECT_EQ(emu.cli({"set", path, value}), kOk) << path;
+        EXPECT_EQ(emu.cli({"walk", kAddresses}), before);
+
+        emu.cli({"get", std::string(kAddresses) + "{C_UINT32:1 7f000001}/ipAddressIfIndex"});
+        EXPECT_EQ(d->wait_exit(), 128 + SIGABRT);
+        EXPECT_NE(d->err().find("ip_address_get_elem: Assertion `(v_pp)->type == C_ENUM_VALUE' "
+                                "failed."),
+                  std::string::npos)
+            << d->err();
     });
 }
 
-// The kernel's IP and ICMP counters, read at once: "<section>:<name>" from /proc/net/snmp and
-// netstat, the names of snmp6 as they are, those of each interface's file as "<ifIndex>:<name>".
+// The kernel's counters at once: "<section>:<name>" from /proc/net/snmp and netstat, snmp6's names
+// as they are, each interface file's as "<ifIndex>:<name>".
 std::map<std::string, uint64_t> kernel_counters()
 {
     std::map<std::string, uint64_t> out;
@@ -349,13 +353,13 @@ std::map<std::string, uint64_t> kernel_counters()
     return out;
 }
 
-// A walked counter lies between the kernel's values (cut to 32 bits) before and after the walk.
-void expect_between(const std::string &what, const std::string &walked, uint64_t before,
-                    uint64_t after)
+// A walked counter lies between the kernel's values (cut to 32 bits) before and after its walk.
+void between(const std::string &walked, const std::string &kernel,
+             std::map<std::string, uint64_t> &a, std::map<std::string, uint64_t> &b)
 {
     uint64_t v = std::stoull(walked.empty() ? "0" : walked);
-    EXPECT_LE(before & 0xffffffff, v) << what;
-    EXPECT_GE(after & 0xffffffff, v) << what;
+    EXPECT_LE(a[kernel] & 0xffffffff, v) << kernel;
+    EXPECT_GE(b[kernel] & 0xffffffff, v) << kernel;
 }
 
 // Counter columns and their IPv4 kernel names; IPv6 names are "Ip6" and the name without its
@@ -369,9 +373,8 @@ const std::pair<std::string, std::string> counter_columns[] = {
     {"OutFragOKs", "Ip:FragOKs"},         {"ReasmReqds", "Ip:ReasmReqds"},
 };
 
-// Every counter of a row between the kernel's readings a and b, and the HC columns of the
-// received, requested and delivered counts equal to theirs (the first refresh sets each total to
-// the kernel's value). v6 is "" or "<ifIndex>:" for IPv6 rows, null for IPv4.
+// Every counter of a row between the kernel's readings, three HC columns equal to theirs; v6 is ""
+// or "<ifIndex>:" for IPv6 rows, null for IPv4.
 void check_row(const std::string &table, std::map<std::string, std::string> &leaves,
                std::map<std::string, uint64_t> &a, std::map<std::string, uint64_t> &b,
                const char *v6)
@@ -382,31 +385,22 @@ void check_row(const std::string &table, std::map<std::string, std::string> &lea
                                                       ? column
                                                       : v4_name.substr(v4_name.find(':') + 1)));
         const std::string &v = leaves[table + column];
-        expect_between(table + column, v, a[kernel], b[kernel]);
+        between(v, kernel, a, b);
         if (column == "InReceives" || column == "OutRequests" || column == "InDelivers") {
             EXPECT_EQ(leaves[table + "HC" + column], v) << table + column;
         }
     }
 }
 
-// Sends UDP datagrams to a closed port of 127.0.0.1 and of ::1, which the kernel answers with
-// ICMP port-unreachable messages: ICMP traffic in both directions of each IP version.
-void provoke_icmp()
-{
-    sh({"/bin/bash", "-c",
-        "for i in 1 2 3; do echo x >/dev/udp/127.0.0.1/9; echo x >/dev/udp/::1/9; done"});
-}
-
-// The traffic and ICMP tables against the kernel's counters read around their walks (the test's
-// own IPC, neighbour discovery on the veths and port-unreachable replies are the traffic): the
-// two system rows, one IPv6 row per interface file keyed by the file's own ifIndex, the ICMP rows
-// of each version and message type counted; and the scalars from the namespace's sysctls
-// (ip_forward 2 answers notForwarding).
+// The traffic and ICMP tables against the kernel's counters read around their walks, and the
+// scalars against the namespace's sysctls (ip_forward 2 answers notForwarding).
 TEST(IpMibTest, StatisticsAndScalarsFollowTheKernel)
 {
     RUN_ISOLATED([] {
         make_interfaces();
-        provoke_icmp();
+        // Datagrams to closed ports: port-unreachable messages both ways in both IP versions.
+        sh({"/bin/bash", "-c",
+            "for i in 1 2 3; do echo x >/dev/udp/127.0.0.1/9; echo x >/dev/udp/::1/9; done"});
         daemon_env::write_file("/proc/sys/net/ipv4/ip_forward", "2\n");
         daemon_env::write_file("/proc/sys/net/ipv4/ip_default_ttl", "77\n");
         daemon_env::write_file("/proc/sys/net/ipv6/conf/all/forwarding", "1\n");
@@ -438,8 +432,8 @@ TEST(IpMibTest, StatisticsAndScalarsFollowTheKernel)
 
         ASSERT_EQ(stats.size(), 2u);
         for (std::string c : {"InMsgs", "InErrors", "OutMsgs", "OutErrors"}) {
-            expect_between(c, stats["1"]["icmpStats" + c], a["Icmp:" + c], b["Icmp:" + c]);
-            expect_between(c, stats["2"]["icmpStats" + c], a["Icmp6" + c], b["Icmp6" + c]);
+            between(stats["1"]["icmpStats" + c], "Icmp:" + c, a, b);
+            between(stats["2"]["icmpStats" + c], "Icmp6" + c, a, b);
         }
         EXPECT_GT(std::stoull(stats["1"]["icmpStatsOutMsgs"]), 0u);
         std::set<std::string> want_rows, rows;
@@ -452,11 +446,10 @@ TEST(IpMibTest, StatisticsAndScalarsFollowTheKernel)
         }
         for (auto &[key, l] : msgs) {
             rows.insert(key);
-            for (std::string dir : {"In", "Out"}) {
-                std::string name =
-                    (key[0] == '1' ? "IcmpMsg:" : "Icmp6") + dir + "Type" + key.substr(2);
-                expect_between(name, l["icmpMsgStats" + dir + "Pkts"], a[name], b[name]);
-            }
+            for (std::string dir : {"In", "Out"})
+                between(l["icmpMsgStats" + dir + "Pkts"],
+                        (key[0] == '1' ? "IcmpMsg:" : "Icmp6") + dir + "Type" + key.substr(2), a,
+                        b);
         }
         EXPECT_EQ(rows, want_rows);
         EXPECT_TRUE(rows.count("1 3") && rows.count("2 1")) << "port unreachable rows";
@@ -476,35 +469,6 @@ TEST(IpMibTest, StatisticsAndScalarsFollowTheKernel)
                       scalar("ipReasmTimeout"),
                   "2 77 1 " + sysctl("ipv6/conf/default/hop_limit") + " " +
                       sysctl("ipv4/ipfrag_time"));
-    });
-}
-
-// Writes to each of the four writable callpoints succeed and change no answer; a key of the wrong
-// type ends the daemon with the getter's assertion.
-TEST(IpMibTest, WritesAndKeyTypes)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        std::string before = emu.cli({"walk", kAddresses});
-        for (auto [path, value] : {
-                 std::pair<std::string, const char *>{"/IP-MIB/ip/ipDefaultTTL", "32"},
-                 {std::string(kAddresses) + "{1 7f000001}/ipAddressRowStatus", "6"},
-                 {std::string(kRouterAdvert) + "{1}/ipv6RouterAdvertRowStatus", "2"},
-                 {"/IP-MIB/ipNetToPhysicalTable/ipNetToPhysicalEntry{1 1 7f000002}/"
-                  "ipNetToPhysicalRowStatus",
-                  "6"},
-             })
-            EXPECT_EQ(emu.cli({"set", path, value}), kOk) << path;
-        EXPECT_EQ(emu.cli({"walk", kAddresses}), before);
-
-        emu.cli({"get", std::string(kAddresses) + "{C_UINT32:1 7f000001}/ipAddressIfIndex"});
-        EXPECT_EQ(d->wait_exit(), 128 + SIGABRT);
-        EXPECT_NE(d->err().find("ip_address_get_elem: Assertion `(v_pp)->type == C_ENUM_VALUE' "
-                                "failed."),
-                  std::string::npos)
-            << d->err();
     });
 }
 
