@@ -1,13 +1,14 @@
 // The leisobek process and confd-emu on port 4565 in private namespaces, for integration tests.
 #include "daemon_env.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
-#include <sstream>
-#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -26,25 +27,12 @@ int run_isolated(const std::function<void()> &body)
     });
 }
 
-namespace
-{
-
-void make_dirs(const std::string &dir)
-{
-    for (size_t at = dir.find('/', 1);; at = dir.find('/', at + 1)) {
-        mkdir(dir.substr(0, at).c_str(), 0755);
-        if (at == std::string::npos) break;
-    }
-}
-
-} // namespace
-
 void overlay_dir(const std::string &dir)
 {
     static int count = 0;
     std::string layer = "/tmp/.overlay/" + std::to_string(count++);
-    make_dirs(layer + "/upper");
-    make_dirs(layer + "/work");
+    std::filesystem::create_directories(layer + "/upper");
+    std::filesystem::create_directories(layer + "/work");
     std::string options =
         "lowerdir=" + dir + ",upperdir=" + layer + "/upper,workdir=" + layer + "/work";
     if (mount("overlay", dir.c_str(), "overlay", 0, options.c_str()) != 0)
@@ -53,7 +41,8 @@ void overlay_dir(const std::string &dir)
 
 void write_file(const std::string &path, const std::string &text, mode_t mode)
 {
-    make_dirs(path.substr(0, path.rfind('/')));
+    std::error_code exists_or_unmakeable; // then the write below reports it
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')), exists_or_unmakeable);
     {
         std::ofstream out(path, std::ios::trunc);
         out << text;

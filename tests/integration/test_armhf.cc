@@ -1,6 +1,4 @@
-// The router build's daemon (32-bit ARM, from the armhf preset) run under qemu user-mode emulation
-// against the host's confd-emu: it registers, sends its start-up notifications and answers the
-// TCP-MIB and UDP-MIB tables exactly as the host build's daemon does on the same sockets.
+// The router build's daemon under qemu-arm answers the TCP-MIB and UDP-MIB tables as the host's.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,8 +17,7 @@ using daemon_env::Daemon;
 using daemon_env::Emu;
 using sockets::unique_fd;
 
-// Every table walked, one line per row, less the management plane's sessions (daemon, CLI), which
-// are on port 4565 and differ from run to run.
+// Every table, one line per row, less the management plane's sessions (on port 4565).
 std::vector<std::string> tables(const Emu &emu)
 {
     std::vector<std::string> out;

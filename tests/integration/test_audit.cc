@@ -23,8 +23,7 @@ using ::testing::HasSubstr;
 const char kAuditLog[] = "/tmp/snmp_audit_last_log";
 const char kAuthFailure[] = "{\"name\":\"authenticationFailure\",\"varbinds\":[]}";
 
-// Starts confd-emu and the daemon, waits until its audit listener has subscribed and its start
-// notifications are in, and clears them. Null (and a test failure) otherwise.
+// The daemon with its audit listener subscribed and its start notifications cleared, or null.
 std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 {
     auto d = emu.start_with_daemon();
@@ -38,11 +37,8 @@ std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
     return d;
 }
 
-// Only an audit message whose symbol names a failed SNMP authentication raises
-// authenticationFailure, exactly once; other symbols, and a log number without one, raise nothing.
-// The audit line: a commit with no audit-line file creates none; with the file present its whole
-// content becomes the commit's local time as asctime writes it, " user:", the committing user and
-// a blank, then a newline.
+// Only the SNMP authentication symbol raises authenticationFailure; a commit rewrites an existing
+// audit line whole as its asctime and user, and creates none.
 TEST(AuditListenerTest, AuthFailureAndAuditLine)
 {
     RUN_ISOLATED([] {
@@ -88,10 +84,8 @@ TEST(AuditListenerTest, AuthFailureAndAuditLine)
     });
 }
 
-// Commits which change, create and delete list entries and set and remove attributes, with values
-// longer than the diff printer's buffers, are iterated on the daemon's own MAAPI connection and
-// answered: each completes with the daemon's done, and the daemon serves on; ConfD closing the
-// listener's notification socket then ends the whole daemon with 1.
+// Commit diffs longer than the printer's buffers are iterated and answered; a closed notification
+// socket ends the daemon with 1.
 TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
 {
     RUN_ISOLATED([] {
@@ -119,8 +113,7 @@ TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
     });
 }
 
-// Authentication failures raised by the listener thread while the main thread answers TCP and UDP
-// walks on the same worker socket all arrive whole, and every walk is answered whole too.
+// Notifications from the listener thread and walks answered by the main thread arrive whole.
 TEST(AuditListenerConcurrentTest, AuthFailuresDuringWalksArriveWhole)
 {
     RUN_ISOLATED([] {

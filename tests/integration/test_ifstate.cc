@@ -1,5 +1,4 @@
-// IF-MIB and the link monitor end to end: the leisobek binary against confd-emu, a fixture
-// statistics script, a private UCI "network" package and veth pairs in a private network namespace.
+// IF-MIB and the link monitor end to end: a fixture statistics script, a UCI package, veth pairs.
 #include <gtest/gtest.h>
 
 #include <net/if.h>
@@ -20,8 +19,7 @@ namespace
 
 using daemon_env::Emu;
 
-// A statistics script that copies the fixture files below /tmp/fixture into
-// /tmp/stats and notes each run.
+// A statistics script that copies the fixture files into /tmp/stats and notes each run.
 void install_stats_script(const std::string &iface, const std::string &wan, const std::string &lan)
 {
     daemon_env::install_recorders(
@@ -59,9 +57,8 @@ const char kIfTable[] = "/IF-MIB/ifTable/ifEntry";
 const char kIfXTable[] = "/IF-MIB/ifXTable/ifXEntry";
 const char kIfNumber[] = "/IF-MIB/interfaces/ifNumber";
 
-// The IF-MIB tables from the script's files: ifNumber 0 before any refresh, both tables in
-// ascending ifIndex with the duplicate listed, ifType by name, the 32/64-bit counter split, one
-// script run for both walks and another only once 10 seconds have passed.
+// Both tables from the script's files, which it refreshes once for both walks and again only once
+// 10 seconds have passed.
 TEST(IfStateTest, TablesFromTheStatisticsFiles)
 {
     RUN_ISOLATED([] {
@@ -96,8 +93,7 @@ TEST(IfStateTest, TablesFromTheStatisticsFiles)
         EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":6}");
         EXPECT_EQ(script_runs(), 1u);
 
-        // Whole seconds are compared: stale for sure from 12 s (the 10-second edge itself is
-        // pinned with a set clock in the unit tests).
+        // Whole seconds are compared: stale for sure from 12 s.
         std::this_thread::sleep_until(walked + std::chrono::seconds(12));
         EXPECT_EQ(emu.walk(kIfTable).size(), 6u);
         EXPECT_EQ(script_runs(), 2u);
@@ -121,8 +117,7 @@ void veth_and_network()
     ip("link add veth0 type veth peer name veth1");
 }
 
-// The linkUp and linkDown notifications logged, each as its name, then ifName (a string or
-// null), ifIndex, ifAdminStatus and ifOperStatus; the log cleared after reading when asked.
+// The linkUp and linkDown notifications logged, with their varbinds; cleared after when asked.
 std::vector<std::string> link_notifications(const Emu &emu, bool clear = false)
 {
     std::string log = clear ? emu.cli({"notifications", "--clear"}) : emu.notifications();
@@ -147,7 +142,7 @@ std::string expected(const char *name, const std::string &section, int index, in
            " ifOperStatus:C_ENUM_VALUE=" + (name[4] == 'U' ? "1" : "2");
 }
 
-// Waits until the log holds want; the log is cleared first by the caller.
+// Waits until the log holds want.
 bool logged(const Emu &emu, const std::string &want)
 {
     return daemon_env::eventually([&] {
@@ -157,12 +152,8 @@ bool logged(const Emu &emu, const std::string &want)
     });
 }
 
-// The link monitor on a veth pair: up with carrier raises linkUp with admin 1, administratively
-// down linkDown with admin 2, up without carrier linkDown with admin 1, each naming the UCI
-// section; an interface no section names is reported with a null ifName. Then its notifications and
-// the main thread's replies share the worker socket safely: a veth is flapped hundreds of times
-// while both tables are walked; every walk is complete, every notification arrives whole, and the
-// monitor still reports a change after the storm.
+// Link changes raise linkUp or linkDown naming the UCI section; then, a veth flapped hundreds of
+// times while both tables are walked, walks and notifications share the worker socket whole.
 TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
 {
     RUN_ISOLATED([] {
@@ -215,8 +206,7 @@ TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
             walks++;
         }
         flapper.join();
-        // The monitor may fall behind and the kernel then drops events, so the count is only
-        // bounded below; once the log is still, it must be whole.
+        // The kernel drops events the monitor falls behind on: once the log is still, it is whole.
         std::vector<std::string> log;
         for (size_t seen = 1; seen != log.size();) {
             seen = log.size();

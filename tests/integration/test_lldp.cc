@@ -31,8 +31,7 @@ std::vector<std::vector<std::string>> walk(const Emu &emu)
     return out;
 }
 
-// Starts confd-emu and the daemon with a neighbour script that only notes that it ran: the test
-// writes the neighbour file itself.
+// The daemon with a neighbour script that only notes its runs: the test writes the file.
 std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 {
     daemon_env::install_recorders({{"snmp_lldp_neighinfo.sh", ":"}});
@@ -41,10 +40,8 @@ std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 
 using table = std::vector<std::vector<std::string>>;
 
-// Walks of lldpRemTable: each line of the file and one row past it, all three keys equal to the
-// line number, identifiers as six bytes, subtype 4 for "mac", the capability numbers OR-ed; after
-// a shorter file the extra row is the earlier second neighbour and capabilities keep the old bits;
-// with no file the walk ends at once. The script runs before every walk.
+// One row past the file's lines, stale rows and capability bits kept from longer files; the script
+// runs before every walk.
 TEST(LldpTest, WalksKeepTheTableQuirks)
 {
     RUN_ISOLATED([] {

@@ -1,5 +1,4 @@
-// The private model MIB end to end: the leisobek binary against confd-emu, with recording fixture
-// scripts on an overlay of /usr/bin and a router configuration of the test's own.
+// The private model MIB end to end: recording fixture scripts and a router configuration.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,8 +20,7 @@ using daemon_env::write_file;
 const char kMib[] = "/ZAMREL-MODEL-MIB";
 const char kInitFile[] = "/tmp/pvtmib/init.xml";
 
-// A small router: no SNMP version or UPnP switch, no community, a DHCP pool
-// without its range end, WAN1 on PPPoE with keep-alive and demand but no user.
+// No SNMP version or UPnP switch, no community, a pool without range end, WAN1 on PPPoE, no user.
 const char kInit[] = R"(<system xmlns="urn:leisobek:params:xml:ns:yang:router-system">
   <hostname>gateway</hostname>
   <domain-name>home.lan</domain-name>
@@ -52,8 +50,7 @@ const char kInit[] = R"(<system xmlns="urn:leisobek:params:xml:ns:yang:router-sy
 <confdConfig xmlns="urn:leisobek:params:xml:ns:yang:router-agent"><snmpAgent/></confdConfig>
 )";
 
-// Recording scripts in place of every script the provider runs (a reboot can never run); each
-// prints what the test wrote for it with script_prints. confd-emu gets the test's configuration.
+// Recording scripts in place of every script the provider runs: a reboot can never run.
 void install_scripts()
 {
     daemon_env::install_recorders({{"keltopvtmib_common.sh", ""},
@@ -103,9 +100,8 @@ std::vector<cli_json::row> walk(const Emu &emu, const std::string &list)
     return emu.walk(kMib + list);
 }
 
-// The common group: five reads run the script once and the sixth again; "A,B,C,D,3" gives four
-// texts and state 3; fields holding "%s", "%n" or "%%" are copied with only "%%" taken as "%", and
-// the daemon stays up.
+// The common group's script runs every fifth read; its last line's fields are copied with "%%" as
+// "%", any other format directive kept as it is.
 TEST(PvtMibTest, CommonGroupFromItsScript)
 {
     RUN_ISOLATED([] {
@@ -135,10 +131,8 @@ TEST(PvtMibTest, CommonGroupFromItsScript)
     });
 }
 
-// The advanced group and the trap-manager table against the SNMP version and UPnP switches: absent
-// switches read as off (UPnP, inverted, as 1); v1 false with v2 true is on; SNMPv3 on empties the
-// trap-manager table without running its script, off gives the first line's row only, and a line
-// without a first field ends the table with no rows.
+// The SNMP and UPnP switches (UPnP inverted, absent as off) and the trap-manager table they gate:
+// its first line only, none without a first field.
 TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
 {
     RUN_ISOLATED([] {
@@ -187,9 +181,7 @@ TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
     });
 }
 
-// The basic group's reads: host and domain name, the kelto account, the first pool's mode, range
-// start and size (none without a range end), and the LAN address and mask from "getiface.sh lan",
-// which runs on reads 1, 12, 23.
+// The basic group from the configuration and "getiface.sh lan", which runs every eleventh read.
 TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
 {
     RUN_ISOLATED([] {
@@ -229,9 +221,8 @@ TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
     });
 }
 
-// The set hook: host and domain name land in the system configuration when the set commits, and a
-// failing MAAPI write fails the set and changes nothing; reboot 1 and factory default 2 run
-// nothing, reboot 2 and factory default 1 run exactly the system's command lines.
+// The set hook writes the names through MAAPI (a failed write fails the set) and runs the reboot
+// and factory-reset command lines only for their trigger values.
 TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
 {
     RUN_ISOLATED([] {
@@ -269,9 +260,7 @@ TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
     });
 }
 
-// The community table with 0, 2 and 4 configured communities: always three rows (read row by row:
-// slots not configured repeat a key, which a whole walk refuses), a security name containing
-// "public" reads 1, "private" 2, and any other keeps the slot's earlier access.
+// Always three community rows (row by row: unset slots repeat a key), access by security name.
 TEST(PvtMibTest, CommunityTableShowsThreeSlots)
 {
     RUN_ISOLATED([] {
@@ -317,11 +306,8 @@ TEST(PvtMibTest, CommunityTableShowsThreeSlots)
     });
 }
 
-// The WAN tables from their scripts: two DNS lines give three rows (the last one past the script's
-// lines); the WAN connection row takes its addresses and MAC from "getiface.sh wan", its ifIndex
-// from the interface state and its PPPoE settings from the configuration (no user: "none", demand
-// wins over keep-alive, chap is not automatic); an L2TP WAN changes only where the PPP settings
-// come from (its authentication left automatic), the type staying PPPoE's.
+// The WAN tables from their scripts, the interface state and the PPPoE or L2TP settings; the DNS
+// table has a row past the script's lines.
 TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
 {
     RUN_ISOLATED([] {
@@ -372,9 +358,7 @@ TEST(PvtMibTest, WanTablesFromScriptsAndConfiguration)
     });
 }
 
-// The fatal ends: a table key of another type than the model's stops the daemon with the assertion
-// naming the type and the callback; a refused registration of the WAN DNS table ends it with the
-// text it shares with the trap manager.
+// A key of another type, or a refused registration, ends the daemon with its text.
 TEST(PvtMibTest, FailuresEndTheDaemonWithTheirTexts)
 {
     RUN_ISOLATED([] {

@@ -1,5 +1,4 @@
-// UCD-SNMP-MIB and ENTITY-MIB end to end: the leisobek binary against confd-emu, with a fixture
-// /proc/meminfo, systeminfo package, firmware version and process-snapshot script.
+// UCD-SNMP-MIB and ENTITY-MIB end to end on fixture files and a process-snapshot script.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -54,10 +53,7 @@ unsigned long long user_ticks_per_cpu()
     return user / cpus;
 }
 
-// The system MIBs against the fixtures: the memory leaves equal to the fixture's kB values
-// (memCached from SwapCached); ssCpuRawUser between two readings of /proc/stat; prTable from the
-// snapshot in ascending pid, its file removed, and empty when a restart finds no snapshot; the
-// single chassis row.
+// Memory, CPU, process and chassis values from their files; no snapshot, no process rows.
 TEST(SystemMibsTest, ServeTheFixtures)
 {
     RUN_ISOLATED([] {

@@ -25,8 +25,7 @@ const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
 const char kConfdPort[] = "4565";
 const char kTimeWait[] = "11";
 
-// Index order of TCP-MIB keys in groups of (type, address, port): type, then address length and
-// bytes, then port.
+// Index order of (type, address, port) key groups: type, address length and bytes, port.
 bool index_less(const row &ra, const row &rb)
 {
     const std::vector<std::string> &a = ra.keys, &b = rb.keys;
@@ -79,9 +78,7 @@ row listener(const end_point &local, pid_t pid)
     return {{local.type, local.address, local.port}, {{"tcpListenerProcess", std::to_string(pid)}}};
 }
 
-// Both walks list exactly the kernel's sockets (listeners on wildcard and specific IPv4 and IPv6
-// addresses, loopback connections of both families) in index order with their owning processes
-// (get by keys is pinned by the provider's unit tests, and through the wire by the UDP table's).
+// Both walks list exactly the kernel's sockets of both families in index order with their owners.
 TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
 {
     RUN_ISOLATED([] {
@@ -89,8 +86,7 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
         auto d = emu.start_with_daemon();
         ASSERT_TRUE(d);
         const pid_t self = getpid();
-        // Held by other processes, forked first: a socket open in two processes counts as the last
-        // one's found. Worker 0 listens on 6005 and holds both ends of one connection.
+        // Forked first, as a socket open in two processes counts as the last one's found.
         sockets::connection_holders others;
         std::string why;
         ASSERT_TRUE(others.start(1, 6005, why)) << why;
@@ -133,8 +129,7 @@ TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
     });
 }
 
-// With 20 000 loopback connections held by several processes, every one of the 40 000 rows
-// carries the process that owns its socket, and no live socket goes without an owner.
+// Each of 40 000 rows of 20 000 connections held by several processes carries its owner.
 TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
 {
     RUN_ISOLATED([] {

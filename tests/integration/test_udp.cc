@@ -50,10 +50,7 @@ std::vector<udp_row> ours(const std::vector<udp_row> &rows, const std::vector<ud
     return out;
 }
 
-// udpEndpointTable on real sockets: IPv4 and IPv6, bound and connected, two bound to one port with
-// SO_REUSEADDR (told apart by their inodes) and two held by another process. An entry request
-// before any walk is an error; the walk lists as many rows as the kernel's files hold sockets, in
-// index order, ours with their inodes and owners; then the entry request answers.
+// Every kernel socket in index order, ours with inodes and owners; entries answered after a walk.
 TEST(UdpMibTest, EndpointTableListsTheSockets)
 {
     RUN_ISOLATED([] {
