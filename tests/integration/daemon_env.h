@@ -112,3 +112,12 @@ class Emu
             GTEST_SKIP() << "skipped inside its namespace (reason above)";                         \
         EXPECT_EQ(code_, 0) << "the test failed inside its namespace (details above)";             \
     } while (0)
+
+// A test whose body runs in private namespaces as RUN_ISOLATED runs it.
+#define ISOLATED_TEST(suite, name)                                                                 \
+    void suite##_##name##_isolated();                                                              \
+    TEST(suite, name)                                                                              \
+    {                                                                                              \
+        RUN_ISOLATED(suite##_##name##_isolated);                                                   \
+    }                                                                                              \
+    void suite##_##name##_isolated()

@@ -59,45 +59,43 @@ const char kIfNumber[] = "/IF-MIB/interfaces/ifNumber";
 
 // Both tables from the script's files, which it refreshes once for both walks and again only once
 // 10 seconds have passed.
-TEST(IfStateTest, TablesFromTheStatisticsFiles)
+ISOLATED_TEST(IfStateTest, TablesFromTheStatisticsFiles)
 {
-    RUN_ISOLATED([] {
-        install_stats_script(v4("VLAN10", 4, "4294967297") + v4("WLAN0", 2) + v4("VLAN10", 7) +
-                                 "pppoe,PPTP,\n",
-                             port("WAN", 1), port("WLAN", 3));
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":0}");
-        EXPECT_EQ(script_runs(), 0u);
+    install_stats_script(v4("VLAN10", 4, "4294967297") + v4("WLAN0", 2) + v4("VLAN10", 7) +
+                             "pppoe,PPTP,\n",
+                         port("WAN", 1), port("WLAN", 3));
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":0}");
+    EXPECT_EQ(script_runs(), 0u);
 
-        // The refresh happens inside the first walk, before walked.
-        std::vector<cli_json::row> rows = emu.walk(kIfTable);
-        auto walked = std::chrono::steady_clock::now();
-        EXPECT_EQ(keys(rows), "0 1 2 3 4 7 ");
-        ASSERT_EQ(rows.size(), 6u);
-        EXPECT_EQ(rows[0].leaves["ifDescr"], "PPTP");
-        EXPECT_EQ(rows[1].leaves["ifType"] + " " + rows[1].leaves["ifOperStatus"], "6 2");
-        EXPECT_EQ(rows[2].leaves["ifType"], ""); // WLAN0: no type
-        EXPECT_EQ(rows[4].leaves["ifType"] + " " + rows[4].leaves["ifMtu"] + " " +
-                      rows[4].leaves["ifInOctets"] + " " + rows[4].leaves["ifSpeed"],
-                  "135 1500 1 100");
-        EXPECT_EQ(rows[5].leaves["ifDescr"], ""); // the duplicate line has no record
+    // The refresh happens inside the first walk, before walked.
+    std::vector<cli_json::row> rows = emu.walk(kIfTable);
+    auto walked = std::chrono::steady_clock::now();
+    EXPECT_EQ(keys(rows), "0 1 2 3 4 7 ");
+    ASSERT_EQ(rows.size(), 6u);
+    EXPECT_EQ(rows[0].leaves["ifDescr"], "PPTP");
+    EXPECT_EQ(rows[1].leaves["ifType"] + " " + rows[1].leaves["ifOperStatus"], "6 2");
+    EXPECT_EQ(rows[2].leaves["ifType"], ""); // WLAN0: no type
+    EXPECT_EQ(rows[4].leaves["ifType"] + " " + rows[4].leaves["ifMtu"] + " " +
+                  rows[4].leaves["ifInOctets"] + " " + rows[4].leaves["ifSpeed"],
+              "135 1500 1 100");
+    EXPECT_EQ(rows[5].leaves["ifDescr"], ""); // the duplicate line has no record
 
-        rows = emu.walk(kIfXTable);
-        EXPECT_EQ(keys(rows), "0 1 2 3 4 7 ");
-        ASSERT_EQ(rows.size(), 6u);
-        EXPECT_EQ(rows[4].leaves["ifHCInOctets"] + " " + rows[4].leaves["ifName"] + " " +
-                      rows[4].leaves["ifHighSpeed"],
-                  "4294967297 VLAN10 100");
-        EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":6}");
-        EXPECT_EQ(script_runs(), 1u);
+    rows = emu.walk(kIfXTable);
+    EXPECT_EQ(keys(rows), "0 1 2 3 4 7 ");
+    ASSERT_EQ(rows.size(), 6u);
+    EXPECT_EQ(rows[4].leaves["ifHCInOctets"] + " " + rows[4].leaves["ifName"] + " " +
+                  rows[4].leaves["ifHighSpeed"],
+              "4294967297 VLAN10 100");
+    EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":6}");
+    EXPECT_EQ(script_runs(), 1u);
 
-        // Whole seconds are compared: stale for sure from 12 s.
-        std::this_thread::sleep_until(walked + std::chrono::seconds(12));
-        EXPECT_EQ(emu.walk(kIfTable).size(), 6u);
-        EXPECT_EQ(script_runs(), 2u);
-    });
+    // Whole seconds are compared: stale for sure from 12 s.
+    std::this_thread::sleep_until(walked + std::chrono::seconds(12));
+    EXPECT_EQ(emu.walk(kIfTable).size(), 6u);
+    EXPECT_EQ(script_runs(), 2u);
 }
 
 void ip(const std::string &args)
@@ -154,79 +152,77 @@ bool logged(const Emu &emu, const std::string &want)
 
 // Link changes raise linkUp or linkDown naming the UCI section; then, a veth flapped hundreds of
 // times while both tables are walked, walks and notifications share the worker socket whole.
-TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
+ISOLATED_TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
 {
-    RUN_ISOLATED([] {
-        std::string iface;
-        for (int i = 1; i <= 8; i++)
-            iface += v4("eth" + std::to_string(i), i);
-        install_stats_script(iface, "", "");
-        veth_and_network();
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        int veth0 = static_cast<int>(if_nametoindex("veth0"));
-        int veth1 = static_cast<int>(if_nametoindex("veth1"));
-        ASSERT_GT(veth0, 0);
+    std::string iface;
+    for (int i = 1; i <= 8; i++)
+        iface += v4("eth" + std::to_string(i), i);
+    install_stats_script(iface, "", "");
+    veth_and_network();
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    int veth0 = static_cast<int>(if_nametoindex("veth0"));
+    int veth1 = static_cast<int>(if_nametoindex("veth1"));
+    ASSERT_GT(veth0, 0);
 
-        link_notifications(emu, true);
-        ip("link set veth1 up");
-        EXPECT_TRUE(logged(emu, expected("linkDown", "null", veth1, 1)));
-        ip("link set veth0 up");
-        EXPECT_TRUE(logged(emu, expected("linkUp", "lan", veth0, 1)));
-        link_notifications(emu, true);
-        ip("link set veth0 down");
-        EXPECT_TRUE(logged(emu, expected("linkDown", "lan", veth0, 2)));
-        ip("link set veth1 down");
-        link_notifications(emu, true);
-        ip("link set veth0 up");
-        EXPECT_TRUE(logged(emu, expected("linkDown", "lan", veth0, 1)));
-        for (const std::string &n : link_notifications(emu))
-            EXPECT_EQ(n.find("linkUp ifName:C_STR=lan"), std::string::npos) << n;
+    link_notifications(emu, true);
+    ip("link set veth1 up");
+    EXPECT_TRUE(logged(emu, expected("linkDown", "null", veth1, 1)));
+    ip("link set veth0 up");
+    EXPECT_TRUE(logged(emu, expected("linkUp", "lan", veth0, 1)));
+    link_notifications(emu, true);
+    ip("link set veth0 down");
+    EXPECT_TRUE(logged(emu, expected("linkDown", "lan", veth0, 2)));
+    ip("link set veth1 down");
+    link_notifications(emu, true);
+    ip("link set veth0 up");
+    EXPECT_TRUE(logged(emu, expected("linkDown", "lan", veth0, 1)));
+    for (const std::string &n : link_notifications(emu))
+        EXPECT_EQ(n.find("linkUp ifName:C_STR=lan"), std::string::npos) << n;
 
-        ip("link set veth1 up");
-        link_notifications(emu, true);
-        std::atomic<bool> done{false};
-        std::thread flapper([&] {
-            // 300 flaps in small batches, so that walks overlap them.
-            harness::run({"/bin/sh", "-c",
-                          "for i in $(seq 5); do echo link set veth0 up; echo link set veth0 down;"
-                          " done > /tmp/flaps; for i in $(seq 60); do ip -batch /tmp/flaps;"
-                          " sleep 0.1; done"},
-                         120000);
-            done = true;
-        });
-        int walks = 0;
-        while (!done || walks < 2) {
-            for (const char *table : {kIfTable, kIfXTable}) {
-                std::vector<cli_json::row> rows = emu.walk(table);
-                ASSERT_EQ(rows.size(), 8u);
-                EXPECT_EQ(rows[7].leaves["ifDescr"] + rows[7].leaves["ifName"], "eth8");
-            }
-            walks++;
-        }
-        flapper.join();
-        // The kernel drops events the monitor falls behind on: once the log is still, it is whole.
-        std::vector<std::string> log;
-        for (size_t seen = 1; seen != log.size();) {
-            seen = log.size();
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-            log = link_notifications(emu);
-        }
-        // veth1 follows its peer's carrier and has no section.
-        const std::set<std::string> whole = {
-            expected("linkUp", "lan", veth0, 1), expected("linkDown", "lan", veth0, 1),
-            expected("linkDown", "lan", veth0, 2), expected("linkUp", "null", veth1, 1),
-            expected("linkDown", "null", veth1, 1)};
-        EXPECT_GE(log.size(), 20u);
-        for (const std::string &n : log)
-            EXPECT_TRUE(whole.count(n)) << n;
-        link_notifications(emu, true);
-        ip("link set veth0 up");
-        EXPECT_TRUE(logged(emu, expected("linkUp", "lan", veth0, 1)));
-        EXPECT_TRUE(d->running()) << d->err();
-        std::cout << walks << " walks of both tables, " << log.size() << " link notifications\n";
+    ip("link set veth1 up");
+    link_notifications(emu, true);
+    std::atomic<bool> done{false};
+    std::thread flapper([&] {
+        // 300 flaps in small batches, so that walks overlap them.
+        harness::run({"/bin/sh", "-c",
+                      "for i in $(seq 5); do echo link set veth0 up; echo link set veth0 down;"
+                      " done > /tmp/flaps; for i in $(seq 60); do ip -batch /tmp/flaps;"
+                      " sleep 0.1; done"},
+                     120000);
+        done = true;
     });
+    int walks = 0;
+    while (!done || walks < 2) {
+        for (const char *table : {kIfTable, kIfXTable}) {
+            std::vector<cli_json::row> rows = emu.walk(table);
+            ASSERT_EQ(rows.size(), 8u);
+            EXPECT_EQ(rows[7].leaves["ifDescr"] + rows[7].leaves["ifName"], "eth8");
+        }
+        walks++;
+    }
+    flapper.join();
+    // The kernel drops events the monitor falls behind on: once the log is still, it is whole.
+    std::vector<std::string> log;
+    for (size_t seen = 1; seen != log.size();) {
+        seen = log.size();
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        log = link_notifications(emu);
+    }
+    // veth1 follows its peer's carrier and has no section.
+    const std::set<std::string> whole = {
+        expected("linkUp", "lan", veth0, 1), expected("linkDown", "lan", veth0, 1),
+        expected("linkDown", "lan", veth0, 2), expected("linkUp", "null", veth1, 1),
+        expected("linkDown", "null", veth1, 1)};
+    EXPECT_GE(log.size(), 20u);
+    for (const std::string &n : log)
+        EXPECT_TRUE(whole.count(n)) << n;
+    link_notifications(emu, true);
+    ip("link set veth0 up");
+    EXPECT_TRUE(logged(emu, expected("linkUp", "lan", veth0, 1)));
+    EXPECT_TRUE(d->running()) << d->err();
+    std::cout << walks << " walks of both tables, " << log.size() << " link notifications\n";
 }
 
 } // namespace

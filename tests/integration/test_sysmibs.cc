@@ -54,60 +54,54 @@ unsigned long long user_ticks_per_cpu()
 }
 
 // Memory, CPU, process and chassis values from their files; no snapshot, no process rows.
-TEST(SystemMibsTest, ServeTheFixtures)
+ISOLATED_TEST(SystemMibsTest, ServeTheFixtures)
 {
-    RUN_ISOLATED([] {
-        write_fixtures();
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        std::string memory;
-        for (const char *leaf : {"memTotalReal", "memAvailReal", "memTotalSwap", "memAvailSwap",
-                                 "memTotalFree", "memShared", "memBuffer", "memCached"})
-            memory += emu.cli({"get", std::string("/UCD-SNMP-MIB/memory/") + leaf}) + " ";
-        std::string want;
-        for (const char *kb : {"123456", "23456", "65536", "65000", "88456", "789", "3456", "12"})
-            want += value("C_UINT32", kb) + " ";
-        EXPECT_EQ(memory, want);
+    write_fixtures();
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    std::string memory;
+    for (const char *leaf : {"memTotalReal", "memAvailReal", "memTotalSwap", "memAvailSwap",
+                             "memTotalFree", "memShared", "memBuffer", "memCached"})
+        memory += emu.cli({"get", std::string("/UCD-SNMP-MIB/memory/") + leaf}) + " ";
+    std::string want;
+    for (const char *kb : {"123456", "23456", "65536", "65000", "88456", "789", "3456", "12"})
+        want += value("C_UINT32", kb) + " ";
+    EXPECT_EQ(memory, want);
 
-        unsigned long long before = user_ticks_per_cpu();
-        cli_json::value user;
-        ASSERT_TRUE(
-            cli_json::parse(emu.cli({"get", "/UCD-SNMP-MIB/systemStats/ssCpuRawUser"}), user));
-        unsigned long long after = user_ticks_per_cpu();
-        EXPECT_LE(before, std::stoull(user["value"].text));
-        EXPECT_GE(after, std::stoull(user["value"].text));
+    unsigned long long before = user_ticks_per_cpu();
+    cli_json::value user;
+    ASSERT_TRUE(cli_json::parse(emu.cli({"get", "/UCD-SNMP-MIB/systemStats/ssCpuRawUser"}), user));
+    unsigned long long after = user_ticks_per_cpu();
+    EXPECT_LE(before, std::stoull(user["value"].text));
+    EXPECT_GE(after, std::stoull(user["value"].text));
 
-        std::vector<cli_json::row> rows;
-        ASSERT_TRUE(cli_json::parse_walk(
-            emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry", "--leaves", "prNames,prCount"}),
-            rows));
-        ASSERT_EQ(rows.size(), 2u);
-        EXPECT_EQ(rows[0].keys[0] + " " + rows[0].leaves["prNames"] + " " +
-                      rows[0].leaves["prCount"] + " " + rows[1].keys[0] + " " +
-                      rows[1].leaves["prNames"],
-                  "7 procd 4 412 dropbear");
-        EXPECT_FALSE(std::filesystem::exists("/tmp/procstats"));
+    std::vector<cli_json::row> rows;
+    ASSERT_TRUE(cli_json::parse_walk(
+        emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry", "--leaves", "prNames,prCount"}), rows));
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].keys[0] + " " + rows[0].leaves["prNames"] + " " + rows[0].leaves["prCount"] +
+                  " " + rows[1].keys[0] + " " + rows[1].leaves["prNames"],
+              "7 procd 4 412 dropbear");
+    EXPECT_FALSE(std::filesystem::exists("/tmp/procstats"));
 
-        rows = emu.walk("/ENTITY-MIB/entPhysicalTable/entPhysicalEntry");
-        ASSERT_EQ(rows.size(), 1u);
-        EXPECT_EQ(rows[0].keys, std::vector<std::string>{"1"});
-        EXPECT_EQ(rows[0].leaves["entPhysicalMfgName"] + " " +
-                      rows[0].leaves["entPhysicalFirmwareRev"] + " " +
-                      rows[0].leaves["entPhysicalModelName"] + " " +
-                      rows[0].leaves["entPhysicalDescr"],
-                  "Kelto 3.0.2 KX100 Kelto router");
-        EXPECT_TRUE(d->running()) << d->err();
+    rows = emu.walk("/ENTITY-MIB/entPhysicalTable/entPhysicalEntry");
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].keys, std::vector<std::string>{"1"});
+    EXPECT_EQ(rows[0].leaves["entPhysicalMfgName"] + " " +
+                  rows[0].leaves["entPhysicalFirmwareRev"] + " " +
+                  rows[0].leaves["entPhysicalModelName"] + " " + rows[0].leaves["entPhysicalDescr"],
+              "Kelto 3.0.2 KX100 Kelto router");
+    EXPECT_TRUE(d->running()) << d->err();
 
-        // Without the snapshot script (so without /tmp/procstats) prTable is empty.
-        d.reset();
-        std::filesystem::remove("/usr/bin/procdata.sh");
-        ASSERT_TRUE(emu.wait_no_daemons());
-        daemon_env::Daemon again({});
-        ASSERT_TRUE(emu.wait_registered()) << again.err();
-        EXPECT_EQ(emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry"}), "[]");
-        EXPECT_TRUE(again.running()) << again.err();
-    });
+    // Without the snapshot script (so without /tmp/procstats) prTable is empty.
+    d.reset();
+    std::filesystem::remove("/usr/bin/procdata.sh");
+    ASSERT_TRUE(emu.wait_no_daemons());
+    daemon_env::Daemon again({});
+    ASSERT_TRUE(emu.wait_registered()) << again.err();
+    EXPECT_EQ(emu.cli({"walk", "/UCD-SNMP-MIB/prTable/prEntry"}), "[]");
+    EXPECT_TRUE(again.running()) << again.err();
 }
 
 } // namespace
