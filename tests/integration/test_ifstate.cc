@@ -29,11 +29,6 @@ void install_stats_script(const std::string &iface, const std::string &wan, cons
     daemon_env::write_file("/tmp/fixture/snmp_lanport_stats", lan);
 }
 
-size_t script_runs()
-{
-    return daemon_env::recorded().size();
-}
-
 std::string v4(const std::string &name, int index, const std::string &in_octets = "1000")
 {
     return "v4," + name + ",1,10.0.0.1 24,,,,1500,,-,," + std::to_string(index) + ",0,0,100,0,0," +
@@ -68,7 +63,7 @@ ISOLATED_TEST(IfStateTest, TablesFromTheStatisticsFiles)
     auto d = emu.start_with_daemon();
     ASSERT_TRUE(d);
     EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":0}");
-    EXPECT_EQ(script_runs(), 0u);
+    EXPECT_EQ(daemon_env::recorded().size(), 0u);
 
     // The refresh happens inside the first walk, before walked.
     std::vector<cli_json::row> rows = emu.walk(kIfTable);
@@ -90,12 +85,12 @@ ISOLATED_TEST(IfStateTest, TablesFromTheStatisticsFiles)
                   rows[4].leaves["ifHighSpeed"],
               "4294967297 VLAN10 100");
     EXPECT_EQ(emu.cli({"get", kIfNumber}), "{\"type\":\"C_INT32\",\"value\":6}");
-    EXPECT_EQ(script_runs(), 1u);
+    EXPECT_EQ(daemon_env::recorded().size(), 1u);
 
     // Whole seconds are compared: stale for sure from 12 s.
     std::this_thread::sleep_until(walked + std::chrono::seconds(12));
     EXPECT_EQ(emu.walk(kIfTable).size(), 6u);
-    EXPECT_EQ(script_runs(), 2u);
+    EXPECT_EQ(daemon_env::recorded().size(), 2u);
 }
 
 void ip(const std::string &args)

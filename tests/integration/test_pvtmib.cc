@@ -100,12 +100,14 @@ std::vector<cli_json::row> walk(const Emu &emu, const std::string &list)
     return emu.walk(kMib + list);
 }
 
-// The common group's script runs every fifth read; its last line's fields are copied with "%%" as
-// "%", any other format directive kept as it is.
-ISOLATED_TEST(PvtMibTest, CommonGroupFromItsScript)
+// The common group's script runs every fifth read, its last line's fields copied with "%%" as "%"
+// and other format directives kept; the basic group from the configuration and "getiface.sh lan",
+// which runs every eleventh read.
+ISOLATED_TEST(PvtMibTest, CommonAndBasicGroupsFromScriptsAndConfiguration)
 {
     install_scripts();
     script_prints("keltopvtmib_common.sh", "old,line,,,1\nA,B,C,D,3\n");
+    script_prints("getiface.shlan", "br-lan,192.168.1.1,255.255.255.0,00:1a:2b:3c:4d:5e,x\n");
     Emu emu({"--init", kInitFile});
     auto d = emu.start_with_daemon();
     ASSERT_TRUE(d);
@@ -127,11 +129,41 @@ ISOLATED_TEST(PvtMibTest, CommonGroupFromItsScript)
                             str("%n%n%n%n%s%s%s%s") + "\n" + num("C_ENUM_VALUE", 4) + "\n");
     EXPECT_EQ(runs_of(run), 2u);
     EXPECT_TRUE(d->running()) << d->err();
+
+    const std::string pool = "/dhcp-pools/pool{1}/ipv4/";
+    struct {
+        std::string change, leaf, want;
+    } reads[] = {
+        {"", "hostName", str("gateway")},
+        {"/system/hostname=edge", "hostName", str("edge")},
+        {"", "domainName", str("home.lan")},
+        {"", "adminUserName", str("kelto")},
+        {"", "adminPassword", str("$1$q8Rz$stored")},
+        {"", "dhcpServerMode", num("C_ENUM_VALUE", 1)},
+        {"", "dhcpStartAddress", value("C_IPV4", "192.168.1.100")},
+        {"", "dhcpRangeSize", daemon_env::kNoExists},
+        {pool + "range-end=192.168.1.149", "dhcpRangeSize", num("C_INT32", 49)},
+        {pool + "dhcp-mode=relay", "dhcpServerMode", num("C_ENUM_VALUE", 0)},
+        {"", "lanIpAddress", value("C_IPV4", "192.168.1.1")}, // read 11: no new run
+        {"", "lanSubnetMask", value("C_IPV4", "255.255.255.0")},
+    };
+    for (const auto &r : reads) {
+        if (!r.change.empty()) {
+            ASSERT_EQ(emu.cli({"commit", r.change}), kOk);
+        }
+        EXPECT_EQ(get(emu, "/basicMgt/" + r.leaf), r.want) << r.leaf << " " << r.change;
+    }
+    const std::string lan = "sh /usr/bin/getiface.sh lan";
+    EXPECT_EQ(runs_of(lan), 2u); // reads 1 and 12
+    for (int read = 13; read <= 23; read++)
+        get(emu, "/basicMgt/reboot");
+    EXPECT_EQ(runs_of(lan), 3u);
 }
 
 // The SNMP and UPnP switches (UPnP inverted, absent as off) and the trap-manager table they gate:
-// its first line only, none without a first field.
-ISOLATED_TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
+// its first line only, none without a first field; always three community rows (row by row: unset
+// slots repeat a key), access by security name.
+ISOLATED_TEST(PvtMibTest, AgentSwitchesTrapManagersAndCommunities)
 {
     install_scripts();
     script_prints("gettrapsconf.sh", "7,10.0.0.9,pub%%lic\n8,10.0.0.10,other\n");
@@ -175,44 +207,42 @@ ISOLATED_TEST(PvtMibTest, AdvancedGroupAndTrapManagersFollowTheSwitches)
     ASSERT_EQ(emu.cli({"commit", agent + "v3=false"}), kOk);
     script_prints("gettrapsconf.sh", "7,10.0.0.9,c\n,\n");
     EXPECT_TRUE(walk(emu, "/trapMgrTable/trapMgrEntry").empty());
-}
 
-// The basic group from the configuration and "getiface.sh lan", which runs every eleventh read.
-ISOLATED_TEST(PvtMibTest, BasicGroupReadsConfigurationAndLanScript)
-{
-    install_scripts();
-    script_prints("getiface.shlan", "br-lan,192.168.1.1,255.255.255.0,00:1a:2b:3c:4d:5e,x\n");
-    Emu emu({"--init", kInitFile});
-    auto d = emu.start_with_daemon();
-    ASSERT_TRUE(d);
-    const std::string pool = "/dhcp-pools/pool{1}/ipv4/";
-    struct {
-        std::string change, leaf, want;
-    } reads[] = {
-        {"", "hostName", str("gateway")},
-        {"/system/hostname=edge", "hostName", str("edge")},
-        {"", "domainName", str("home.lan")},
-        {"", "adminUserName", str("kelto")},
-        {"", "adminPassword", str("$1$q8Rz$stored")},
-        {"", "dhcpServerMode", num("C_ENUM_VALUE", 1)},
-        {"", "dhcpStartAddress", value("C_IPV4", "192.168.1.100")},
-        {"", "dhcpRangeSize", daemon_env::kNoExists},
-        {pool + "range-end=192.168.1.149", "dhcpRangeSize", num("C_INT32", 49)},
-        {pool + "dhcp-mode=relay", "dhcpServerMode", num("C_ENUM_VALUE", 0)},
-        {"", "lanIpAddress", value("C_IPV4", "192.168.1.1")}, // read 11: no new run
-        {"", "lanSubnetMask", value("C_IPV4", "255.255.255.0")},
+    const std::string list = std::string(kMib) + "/mgtCommunityTable/mgtCommunityEntry";
+    auto answer = [&](const std::vector<std::string> &args) {
+        cli_json::value v;
+        EXPECT_TRUE(cli_json::parse(emu.cli(args), v));
+        return v;
     };
-    for (const auto &r : reads) {
-        if (!r.change.empty()) {
-            ASSERT_EQ(emu.cli({"commit", r.change}), kOk);
+    struct {
+        std::vector<std::vector<std::string>> add; // key, community and security name
+        const char *rows;                          // key, name and access of each row
+    } communities[] = {
+        {{}, "0  0,0  0,0  0,"},
+        {{{"a", "pub-ro", "the-public-ro"}, {"b", "h0me", "private"}},
+         "0 pub-ro 1,1 h0me 2,0 pub-ro 1,"},
+        {{{"c", "odd", "privateX"}, {"d", "fourth", "public"}}, "0 pub-ro 1,1 h0me 2,2 odd 0,"},
+    };
+    for (const auto &s : communities) {
+        for (const auto &a : s.add) {
+            std::string e =
+                "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry{" + a[0] + "}";
+            ASSERT_EQ(emu.cli({"commit", e, e + "/snmpCommunityName=" + a[1],
+                               e + "/snmpCommunitySecurityName=" + a[2]}),
+                      kOk);
         }
-        EXPECT_EQ(get(emu, "/basicMgt/" + r.leaf), r.want) << r.leaf << " " << r.change;
+        std::string rows, cookie = "-1";
+        for (int i = 0; i < 4; i++) {
+            cli_json::value next = answer({"next", list, "--cookie", cookie});
+            if (next["keys"].kind == cli_json::value::null) break;
+            std::string row = list + "{" + next["keys"].items.at(0)["value"].text + "}/";
+            rows += next["keys"].items.at(0)["value"].text + " " +
+                    answer({"get", row + "mgtCommunityName"})["value"].text + " " +
+                    answer({"get", row + "mgtCommunityAccess"})["value"].text + ",";
+            cookie = next["next"].text;
+        }
+        EXPECT_EQ(rows, s.rows);
     }
-    const std::string lan = "sh /usr/bin/getiface.sh lan";
-    EXPECT_EQ(runs_of(lan), 2u); // reads 1 and 12
-    for (int read = 13; read <= 23; read++)
-        get(emu, "/basicMgt/reboot");
-    EXPECT_EQ(runs_of(lan), 3u);
 }
 
 // The set hook writes the names through MAAPI (a failed write fails the set) and runs the reboot
@@ -250,50 +280,6 @@ ISOLATED_TEST(PvtMibTest, SetHookWritesNamesAndRunsRebootScripts)
               std::string::npos);
     EXPECT_EQ(emu.cli({"get", "/system/hostname"}), value("C_BUF", "router-b"));
     EXPECT_TRUE(d->running()) << d->err();
-}
-
-// Always three community rows (row by row: unset slots repeat a key), access by security name.
-ISOLATED_TEST(PvtMibTest, CommunityTableShowsThreeSlots)
-{
-    install_scripts();
-    Emu emu({"--init", kInitFile});
-    auto d = emu.start_with_daemon();
-    ASSERT_TRUE(d);
-    const std::string list = std::string(kMib) + "/mgtCommunityTable/mgtCommunityEntry";
-    auto answer = [&](const std::vector<std::string> &args) {
-        cli_json::value v;
-        EXPECT_TRUE(cli_json::parse(emu.cli(args), v));
-        return v;
-    };
-    struct {
-        std::vector<std::vector<std::string>> add; // key, community and security name
-        const char *rows;                          // key, name and access of each row
-    } steps[] = {
-        {{}, "0  0,0  0,0  0,"},
-        {{{"a", "pub-ro", "the-public-ro"}, {"b", "h0me", "private"}},
-         "0 pub-ro 1,1 h0me 2,0 pub-ro 1,"},
-        {{{"c", "odd", "privateX"}, {"d", "fourth", "public"}}, "0 pub-ro 1,1 h0me 2,2 odd 0,"},
-    };
-    for (const auto &s : steps) {
-        for (const auto &a : s.add) {
-            std::string e =
-                "/SNMP-COMMUNITY-MIB/snmpCommunityTable/snmpCommunityEntry{" + a[0] + "}";
-            ASSERT_EQ(emu.cli({"commit", e, e + "/snmpCommunityName=" + a[1],
-                               e + "/snmpCommunitySecurityName=" + a[2]}),
-                      kOk);
-        }
-        std::string rows, cookie = "-1";
-        for (int i = 0; i < 4; i++) {
-            cli_json::value next = answer({"next", list, "--cookie", cookie});
-            if (next["keys"].kind == cli_json::value::null) break;
-            std::string row = list + "{" + next["keys"].items.at(0)["value"].text + "}/";
-            rows += next["keys"].items.at(0)["value"].text + " " +
-                    answer({"get", row + "mgtCommunityName"})["value"].text + " " +
-                    answer({"get", row + "mgtCommunityAccess"})["value"].text + ",";
-            cookie = next["next"].text;
-        }
-        EXPECT_EQ(rows, s.rows);
-    }
 }
 
 // The WAN tables from their scripts, the interface state and the PPPoE or L2TP settings; the DNS

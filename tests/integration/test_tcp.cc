@@ -25,19 +25,10 @@ const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
 const char kConfdPort[] = "4565";
 const char kTimeWait[] = "11";
 
-// Index order of (type, address, port) key groups: type, address length and bytes, port.
-bool index_less(const row &ra, const row &rb)
+// Index order: numbers by value, addresses by length and bytes, as the UDP table's.
+bool index_less(const row &a, const row &b)
 {
-    const std::vector<std::string> &a = ra.keys, &b = rb.keys;
-    for (size_t i = 0; i + 2 < a.size() && i + 2 < b.size(); i += 3) {
-        long ta = std::stol(a[i]), tb = std::stol(b[i]);
-        if (ta != tb) return ta < tb;
-        if (a[i + 1].size() != b[i + 1].size()) return a[i + 1].size() < b[i + 1].size();
-        if (a[i + 1] != b[i + 1]) return a[i + 1] < b[i + 1];
-        unsigned long pa = std::stoul(a[i + 2]), pb = std::stoul(b[i + 2]);
-        if (pa != pb) return pa < pb;
-    }
-    return false;
+    return sockets::udp_index_less(a.keys, b.keys);
 }
 
 std::string describe(const row &r)
