@@ -1,13 +1,14 @@
 // The leisobek process and confd-emu on port 4565 in private namespaces, for integration tests.
 #include "daemon_env.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
-#include <sstream>
-#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -26,25 +27,12 @@ int run_isolated(const std::function<void()> &body)
     });
 }
 
-namespace
-{
-
-void make_dirs(const std::string &dir)
-{
-    for (size_t at = dir.find('/', 1);; at = dir.find('/', at + 1)) {
-        mkdir(dir.substr(0, at).c_str(), 0755);
-        if (at == std::string::npos) break;
-    }
-}
-
-} // namespace
-
 void overlay_dir(const std::string &dir)
 {
     static int count = 0;
     std::string layer = "/tmp/.overlay/" + std::to_string(count++);
-    make_dirs(layer + "/upper");
-    make_dirs(layer + "/work");
+    std::filesystem::create_directories(layer + "/upper");
+    std::filesystem::create_directories(layer + "/work");
     std::string options =
         "lowerdir=" + dir + ",upperdir=" + layer + "/upper,workdir=" + layer + "/work";
     if (mount("overlay", dir.c_str(), "overlay", 0, options.c_str()) != 0)
@@ -53,7 +41,8 @@ void overlay_dir(const std::string &dir)
 
 void write_file(const std::string &path, const std::string &text, mode_t mode)
 {
-    make_dirs(path.substr(0, path.rfind('/')));
+    std::error_code exists_or_unmakeable; // then the write below reports it
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')), exists_or_unmakeable);
     {
         std::ofstream out(path, std::ios::trunc);
         out << text;
@@ -104,12 +93,14 @@ bool eventually(const std::function<bool()> &cond, int timeout_ms)
     return true;
 }
 
-Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra)
+Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> env_extra,
+               std::vector<std::string> program)
 {
     char tmpl[] = "/tmp/leisobek-run.XXXXXX";
     if (mkdtemp(tmpl) == nullptr) return;
     dir_ = tmpl;
-    args.insert(args.begin(), LEISOBEK_BIN);
+    if (program.empty()) program = {LEISOBEK_BIN};
+    args.insert(args.begin(), program.begin(), program.end());
     int out = open((dir_ + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     int err = open((dir_ + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (out >= 0 && err >= 0) pid_ = harness::spawn(args, out, err, env_extra);
@@ -164,6 +155,14 @@ std::string Emu::cli(const std::vector<std::string> &args) const
     while (!r.out.empty() && r.out.back() == '\n')
         r.out.pop_back();
     return r.out;
+}
+
+std::vector<cli_json::row> Emu::walk(const std::string &path) const
+{
+    std::string answer = cli({"walk", path});
+    std::vector<cli_json::row> rows;
+    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 400);
+    return rows;
 }
 
 std::string Emu::wait_notifications(size_t n) const

@@ -29,10 +29,9 @@ inline confd_data_cbs data_cbs(const char *callpoint)
     return cbs;
 }
 
-// Control, worker and MAAPI sockets to confd-emu on 127.0.0.1:port. The test registers its
-// callbacks on dx() between connect() and run(); run() ends the registration and serves both
-// sockets on a thread of its own, as the router's daemon does. Everything is closed and released
-// when the object goes away.
+// Control, worker and MAAPI sockets to confd-emu on 127.0.0.1:port: callbacks registered on dx()
+// between connect() and run(), which serves both sockets on a thread of its own as the router's
+// daemon does. Everything is closed and released when the object goes away.
 class EmuDaemon
 {
   public:
@@ -58,9 +57,8 @@ class EmuDaemon
     {
         sockaddr_in sa = harness::loopback(port_);
         auto *sp = reinterpret_cast<sockaddr *>(&sa);
-        ctl_ = socket(AF_INET, SOCK_STREAM, 0);
-        wrk_ = socket(AF_INET, SOCK_STREAM, 0);
-        maapi_ = socket(AF_INET, SOCK_STREAM, 0);
+        for (int *fd : {&ctl_, &wrk_, &maapi_})
+            *fd = socket(AF_INET, SOCK_STREAM, 0);
         if (!dx_) return fail(err, "confd_init_daemon");
         if (confd_connect(dx_, ctl_, CONTROL_SOCKET, sp, sizeof sa) != CONFD_OK)
             return fail(err, "control connect");

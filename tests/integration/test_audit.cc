@@ -6,12 +6,10 @@
 #include <ctime>
 #include <set>
 #include <string>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-#include "cli_json.h"
 #include "daemon_env.h"
 #include "sockets.h"
 
@@ -19,21 +17,13 @@ namespace
 {
 
 using daemon_env::Emu;
+using daemon_env::kOk;
 using ::testing::HasSubstr;
 
-const char kOk[] = "{\"result\":\"ok\"}";
 const char kAuditLog[] = "/tmp/snmp_audit_last_log";
 const char kAuthFailure[] = "{\"name\":\"authenticationFailure\",\"varbinds\":[]}";
 
-bool exists(const char *path)
-{
-    struct stat st;
-    return stat(path, &st) == 0;
-}
-
-// Starts confd-emu (extra arguments) and the daemon, waits until its audit
-// listener has subscribed and its start notifications are in, and clears
-// them. Null (and a test failure) otherwise.
+// The daemon with its audit listener subscribed and its start notifications cleared, or null.
 std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
 {
     auto d = emu.start_with_daemon();
@@ -47,148 +37,114 @@ std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
     return d;
 }
 
-// Verifies that only an audit message whose symbol names a failed SNMP
-// authentication raises authenticationFailure, exactly once; other symbols,
-// and a log number without one, raise nothing.
-TEST(AuditListenerTest, AuthFailureOnlyForItsSymbol)
+// Only the SNMP authentication symbol raises authenticationFailure; a commit rewrites an existing
+// audit line whole as its asctime and user, and creates none.
+ISOLATED_TEST(AuditListenerTest, AuthFailureAndAuditLine)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
-        for (const char *symbol : {"LOGIN_REJECTED", "WEB_COMMIT", "COMMIT_INFO", "3"})
-            EXPECT_EQ(emu.cli({"audit", symbol}), kOk) << symbol;
-        EXPECT_EQ(emu.cli({"audit", "SNMP_AUTHENTICATION_FAILED", "--user", "public", "--msg",
-                           "SNMP authentication failed: 10.0.0.9"}),
-                  kOk);
-        // The events are handled in order: anything the others raised would be logged first.
-        std::string once = std::string("[") + kAuthFailure + "]";
-        EXPECT_EQ(emu.wait_notifications(1), once);
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_EQ(emu.notifications(), once);
-        EXPECT_TRUE(d->running()) << d->err();
-    });
+    Emu emu;
+    auto d = start(emu);
+    ASSERT_TRUE(d);
+    for (const char *symbol : {"LOGIN_REJECTED", "WEB_COMMIT", "COMMIT_INFO", "3"})
+        EXPECT_EQ(emu.cli({"audit", symbol}), kOk) << symbol;
+    EXPECT_EQ(emu.cli({"audit", "SNMP_AUTHENTICATION_FAILED", "--user", "public", "--msg",
+                       "SNMP authentication failed: 10.0.0.9"}),
+              kOk);
+    // The events are handled in order: anything the others raised would be logged first.
+    std::string once = std::string("[") + kAuthFailure + "]";
+    EXPECT_EQ(emu.wait_notifications(1), once);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(emu.notifications(), once);
+
+    EXPECT_EQ(emu.cli({"commit", "--user", "alice", "/system/contact=ops@home.lan"}), kOk);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_NE(access(kAuditLog, F_OK), 0);
+
+    daemon_env::write_file(kAuditLog, "an older and much longer line\nand a second one\n");
+    time_t before = time(nullptr);
+    EXPECT_EQ(emu.cli({"commit", "--user", "bob", "/system/contact=noc@home.lan"}), kOk);
+    time_t after = time(nullptr);
+    // The line is written after the commit is answered.
+    std::string line;
+    EXPECT_TRUE(daemon_env::eventually([&] {
+        line = harness::read_file(kAuditLog);
+        return line.find("bob") != std::string::npos;
+    })) << line;
+    std::set<std::string> expected;
+    for (time_t t = before; t <= after; t++) {
+        struct tm parts;
+        char text[64];
+        localtime_r(&t, &parts);
+        asctime_r(&parts, text);
+        std::string when(text);
+        expected.insert(when.substr(0, when.find('\n')) + " user:bob \n");
+    }
+    EXPECT_TRUE(expected.count(line)) << "[" << line << "]";
+    EXPECT_TRUE(d->running()) << d->err();
 }
 
-// Verifies the audit line: a commit with no audit-line file creates none; with
-// the file present its whole content becomes the commit's local time as
-// asctime writes it, " user:", the committing user and a blank, then a newline.
-TEST(AuditListenerTest, CommitRewritesAnExistingAuditLine)
+// Commit diffs longer than the printer's buffers are iterated and answered; a closed notification
+// socket ends the daemon with 1.
+ISOLATED_TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
-        EXPECT_EQ(emu.cli({"commit", "--user", "alice", "/system/contact=ops@home.lan"}), kOk);
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        EXPECT_FALSE(exists(kAuditLog));
+    Emu emu;
+    auto d = start(emu);
+    ASSERT_TRUE(d);
+    std::string huge(10000, 'w');
+    EXPECT_EQ(emu.cli({"commit", "--user", "carol", "/dhcp-pools/pool{1}/interface=" + huge,
+                       "/dhcp-pools/pool{3}", "/dhcp-pools/pool{3}/name=lab",
+                       "/dhcp-pools/pool{3}/interface=" + huge, "!/dhcp-pools/pool{2}",
+                       "/dhcp-pools/pool{1}@annotation=" + huge, "/system/contact@tags=ops"}),
+              kOk);
+    EXPECT_EQ(emu.cli({"commit", "!/dhcp-pools/pool{1}@annotation"}), kOk);
+    std::string st = emu.status();
+    EXPECT_THAT(st, HasSubstr("\"diff_notifications_done\":2,"));
+    // The daemon's own attaches come first; the emulator's total is the one after them.
+    EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"subscribers\""));
+    EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{3}/name"}),
+              "{\"type\":\"C_BUF\",\"value\":\"lab\"}");
+    EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{2}/name"}), "{\"reply\":\"not-found\"}");
+    EXPECT_TRUE(d->running()) << d->err();
 
-        daemon_env::write_file(kAuditLog, "an older and much longer line\nand a second one\n");
-        time_t before = time(nullptr);
-        EXPECT_EQ(emu.cli({"commit", "--user", "bob", "/system/contact=noc@home.lan"}), kOk);
-        time_t after = time(nullptr);
-        // The line is written after the commit is answered.
-        std::string line;
-        EXPECT_TRUE(daemon_env::eventually([&] {
-            line = harness::read_file(kAuditLog);
-            return line.find("bob") != std::string::npos;
-        })) << line;
-        std::set<std::string> expected;
-        for (time_t t = before; t <= after; t++) {
-            struct tm parts;
-            char text[64];
-            localtime_r(&t, &parts);
-            asctime_r(&parts, text);
-            std::string when(text);
-            expected.insert(when.substr(0, when.find('\n')) + " user:bob \n");
-        }
-        EXPECT_TRUE(expected.count(line)) << "[" << line << "]";
-        EXPECT_TRUE(d->running()) << d->err();
-    });
+    EXPECT_EQ(emu.cli({"drop", "notifications"}), kOk);
+    EXPECT_EQ(d->wait_exit(), 1) << d->err();
 }
 
-// Verifies that commits which change, create and delete list entries and set
-// and remove attributes, with values longer than the diff printer's buffers,
-// are iterated on the daemon's own MAAPI connection and answered: each commit
-// completes with the daemon's done, and the daemon serves on; and that ConfD
-// closing the listener's notification socket then ends the whole daemon with 1.
-TEST(AuditListenerTest, CommitOfListEntriesIsIteratedAndAnswered)
+// Notifications from the listener thread and walks answered by the main thread arrive whole.
+ISOLATED_TEST(AuditListenerConcurrentTest, AuthFailuresDuringWalksArriveWhole)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
-        std::string huge(10000, 'w');
-        EXPECT_EQ(emu.cli({"commit", "--user", "carol", "/dhcp-pools/pool{1}/interface=" + huge,
-                           "/dhcp-pools/pool{3}", "/dhcp-pools/pool{3}/name=lab",
-                           "/dhcp-pools/pool{3}/interface=" + huge, "!/dhcp-pools/pool{2}",
-                           "/dhcp-pools/pool{1}@annotation=" + huge, "/system/contact@tags=ops"}),
-                  kOk);
-        EXPECT_EQ(emu.cli({"commit", "!/dhcp-pools/pool{1}@annotation"}), kOk);
-        std::string st = emu.status();
-        EXPECT_THAT(st, HasSubstr("\"diff_notifications_done\":2,"));
-        // The daemon's own attaches come first; the emulator's total is the one after them.
-        EXPECT_THAT(st, HasSubstr("\"maapi_attaches\":2,\"subscribers\""));
-        EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{3}/name"}),
-                  "{\"type\":\"C_BUF\",\"value\":\"lab\"}");
-        EXPECT_EQ(emu.cli({"get", "/dhcp-pools/pool{2}/name"}), "{\"reply\":\"not-found\"}");
-        EXPECT_TRUE(d->running()) << d->err();
+    Emu emu;
+    auto d = start(emu);
+    ASSERT_TRUE(d);
+    sockets::unique_fd listener = sockets::listen_on("127.0.0.1", 7070);
+    sockets::unique_fd client = sockets::connect_to("127.0.0.1", 7070);
+    sockets::unique_fd udp(sockets::open_udp("127.0.0.1", 7071));
+    ASSERT_TRUE(listener && client && udp);
 
-        EXPECT_EQ(emu.cli({"drop", "notifications"}), kOk);
-        EXPECT_EQ(d->wait_exit(), 1) << d->err();
-    });
-}
-
-// Verifies that authentication failures raised by the listener thread while
-// the main thread answers TCP and UDP walks on the same worker socket all
-// arrive whole, and that every walk is answered whole too.
-TEST(AuditListenerConcurrentTest, AuthFailuresDuringWalksArriveWhole)
-{
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = start(emu);
-        ASSERT_TRUE(d);
-        sockets::unique_fd listener = sockets::listen_on("127.0.0.1", 7070);
-        sockets::unique_fd client = sockets::connect_to("127.0.0.1", 7070);
-        int udp = sockets::open_udp("127.0.0.1", 7071);
-        ASSERT_GE(udp, 0);
-
-        constexpr int kSenders = 2, kPerSender = 25;
-        std::atomic<int> senders_left{kSenders};
-        std::atomic<int> bad_walks{0}, walks{0};
-        std::vector<std::thread> threads;
-        for (int s = 0; s < kSenders; s++)
-            threads.emplace_back([&] {
-                for (int i = 0; i < kPerSender; i++)
-                    emu.cli({"audit", "SNMP_AUTHENTICATION_FAILED"});
-                senders_left--;
-            });
+    constexpr int kSenders = 2, kPerSender = 25;
+    std::atomic<int> senders_left{kSenders};
+    std::atomic<int> bad_walks{0}, walks{0};
+    std::vector<std::thread> threads;
+    for (int s = 0; s < kSenders; s++)
         threads.emplace_back([&] {
-            const char *tables[] = {"/TCP-MIB/tcpConnectionTable/tcpConnectionEntry",
-                                    "/UDP-MIB/udpEndpointTable/udpEndpointEntry"};
-            for (int i = 0; senders_left > 0 || i < 2; i++) {
-                std::vector<cli_json::row> rows;
-                if (!cli_json::parse_walk(emu.cli({"walk", tables[i % 2]}), rows) || rows.empty())
-                    bad_walks++;
-                walks++;
-            }
+            for (int i = 0; i < kPerSender; i++)
+                emu.cli({"audit", "SNMP_AUTHENTICATION_FAILED"});
+            senders_left--;
         });
-        for (std::thread &t : threads)
-            t.join();
-        close(udp);
-
-        std::string log = emu.wait_notifications(kSenders * kPerSender);
-        cli_json::value all;
-        ASSERT_TRUE(cli_json::parse(log, all)) << log;
-        ASSERT_EQ(all.items.size(), static_cast<size_t>(kSenders * kPerSender));
-        for (const cli_json::value &n : all.items) {
-            EXPECT_EQ(n["name"].text, "authenticationFailure");
-            EXPECT_TRUE(n["varbinds"].items.empty());
-        }
-        EXPECT_EQ(bad_walks.load(), 0) << "of " << walks.load() << " walks";
-        EXPECT_TRUE(d->running()) << d->err();
-        EXPECT_THAT(d->err(), ::testing::Not(HasSubstr("ThreadSanitizer")));
+    threads.emplace_back([&] {
+        const char *tables[] = {"/TCP-MIB/tcpConnectionTable/tcpConnectionEntry",
+                                "/UDP-MIB/udpEndpointTable/udpEndpointEntry"};
+        for (int i = 0; senders_left > 0 || i < 2; i++, walks++)
+            bad_walks += emu.walk(tables[i % 2]).empty();
     });
+    for (std::thread &t : threads)
+        t.join();
+    std::string all = "[";
+    for (int i = 0; i < kSenders * kPerSender; i++)
+        all += (i ? "," : "") + std::string(kAuthFailure);
+    EXPECT_EQ(emu.wait_notifications(kSenders * kPerSender), all + "]");
+    EXPECT_EQ(bad_walks.load(), 0) << "of " << walks.load() << " walks";
+    EXPECT_TRUE(d->running()) << d->err();
+    EXPECT_THAT(d->err(), ::testing::Not(HasSubstr("ThreadSanitizer")));
 }
 
 } // namespace

@@ -21,25 +21,14 @@ using sockets::unique_fd;
 
 const char kConnections[] = "/TCP-MIB/tcpConnectionTable/tcpConnectionEntry";
 const char kListeners[] = "/TCP-MIB/tcpListenerTable/tcpListenerEntry";
-// The management plane's own sessions (daemon, emulator, CLI) share the
-// namespace; rows on this port are theirs.
+// The management plane's own sessions (daemon, emulator, CLI) share the namespace on this port.
 const char kConfdPort[] = "4565";
 const char kTimeWait[] = "11";
 
-// Index order of TCP-MIB keys, in groups of (type, address, port): type,
-// then address length, then address bytes, then port.
-bool index_less(const row &ra, const row &rb)
+// Index order: numbers by value, addresses by length and bytes, as the UDP table's.
+bool index_less(const row &a, const row &b)
 {
-    const std::vector<std::string> &a = ra.keys, &b = rb.keys;
-    for (size_t i = 0; i + 2 < a.size() && i + 2 < b.size(); i += 3) {
-        long ta = std::stol(a[i]), tb = std::stol(b[i]);
-        if (ta != tb) return ta < tb;
-        if (a[i + 1].size() != b[i + 1].size()) return a[i + 1].size() < b[i + 1].size();
-        if (a[i + 1] != b[i + 1]) return a[i + 1] < b[i + 1];
-        unsigned long pa = std::stoul(a[i + 2]), pb = std::stoul(b[i + 2]);
-        if (pa != pb) return pa < pb;
-    }
-    return false;
+    return sockets::udp_index_less(a.keys, b.keys);
 }
 
 std::string describe(const row &r)
@@ -60,27 +49,13 @@ bool on_port(const row &r, const std::string &port)
     return false;
 }
 
-// The rows, less the management plane's and those on port skip, in index order, one line each.
-std::vector<std::string> lines(std::vector<row> rows, const std::string &skip = kConfdPort)
+// The rows in their order, less the management plane's and those on port skip, one line each.
+std::vector<std::string> lines(const std::vector<row> &rows, const std::string &skip = kConfdPort)
 {
-    std::sort(rows.begin(), rows.end(), index_less);
     std::vector<std::string> out;
     for (const row &r : rows)
         if (!on_port(r, kConfdPort) && !on_port(r, skip)) out.push_back(describe(r));
     return out;
-}
-
-// The rows of a walk, checked to come in strictly increasing index order.
-std::vector<row> walk(const Emu &emu, const char *path)
-{
-    std::vector<row> rows;
-    std::string answer = emu.cli({"walk", path});
-    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 400);
-    for (size_t i = 1; i < rows.size(); i++)
-        EXPECT_TRUE(index_less(rows[i - 1], rows[i])) << "rows " << i - 1 << " and " << i << ":\n"
-                                                      << describe(rows[i - 1]) << "\n"
-                                                      << describe(rows[i]);
-    return rows;
 }
 
 row connection(const end_point &local, const end_point &remote, const char *state, pid_t pid)
@@ -94,108 +69,94 @@ row listener(const end_point &local, pid_t pid)
     return {{local.type, local.address, local.port}, {{"tcpListenerProcess", std::to_string(pid)}}};
 }
 
-// Verifies that both walks list exactly the kernel's sockets (listeners on
-// wildcard and specific IPv4 and IPv6 addresses, loopback connections of
-// both families) in index order with their owning processes (get by keys is
-// pinned by the provider's unit tests, and through the wire by the UDP table's).
-TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
+// Both walks list exactly the kernel's sockets of both families in index order with their owners.
+ISOLATED_TEST(TcpMibWalkTest, WalksListTheKernelSocketsWithOwners)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        const pid_t self = getpid();
-        // Held by other processes, forked first: a socket open in two
-        // processes counts as the last one's found. Worker k listens on
-        // 6005 + k; worker 0 also holds both ends of one connection.
-        sockets::connection_holders others;
-        std::string why;
-        ASSERT_TRUE(others.start(1, 6005, why)) << why;
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    const pid_t self = getpid();
+    // Forked first, as a socket open in two processes counts as the last one's found.
+    sockets::connection_holders others;
+    std::string why;
+    ASSERT_TRUE(others.start(1, 6005, why)) << why;
 
-        unique_fd any4 = sockets::listen_on("0.0.0.0", 6001);
-        unique_fd lo4 = sockets::listen_on("127.0.0.2", 6002);
-        unique_fd any6 = sockets::listen_on("::", 6003);
-        unique_fd lo6 = sockets::listen_on("::1", 6004);
-        ASSERT_TRUE(any4 && lo4 && any6 && lo6);
+    unique_fd any4 = sockets::listen_on("0.0.0.0", 6001);
+    unique_fd lo4 = sockets::listen_on("127.0.0.2", 6002);
+    unique_fd any6 = sockets::listen_on("::", 6003);
+    unique_fd lo6 = sockets::listen_on("::1", 6004);
+    ASSERT_TRUE(any4 && lo4 && any6 && lo6);
 
-        unique_fd c4 = sockets::connect_to("127.0.0.2", 6002);
-        unique_fd s4 = sockets::accept_one(lo4.get());
-        unique_fd c6 = sockets::connect_to("::1", 6004);
-        unique_fd s6 = sockets::accept_one(lo6.get());
-        ASSERT_TRUE(c4 && s4 && c6 && s6);
+    unique_fd c4 = sockets::connect_to("127.0.0.2", 6002);
+    unique_fd s4 = sockets::accept_one(lo4.get());
+    unique_fd c6 = sockets::connect_to("::1", 6004);
+    unique_fd s6 = sockets::accept_one(lo6.get());
+    ASSERT_TRUE(c4 && s4 && c6 && s6);
 
-        std::vector<row> listeners;
-        for (const unique_fd *fd : {&any4, &lo4, &any6, &lo6})
-            listeners.push_back(listener(sockets::local_end(fd->get()), self));
-        for (const auto &w : others.workers())
-            listeners.push_back(listener({"1", "7f000001", std::to_string(w.port)}, w.pid));
-        EXPECT_EQ(lines(walk(emu, kListeners)), lines(listeners));
+    std::vector<row> listeners;
+    for (const unique_fd *fd : {&any4, &lo4, &any6, &lo6})
+        listeners.push_back(listener(sockets::local_end(fd->get()), self));
+    for (const auto &w : others.workers())
+        listeners.push_back(listener({"1", "7f000001", std::to_string(w.port)}, w.pid));
+    std::sort(listeners.begin(), listeners.end(), index_less);
+    EXPECT_EQ(lines(emu.walk(kListeners)), lines(listeners));
 
-        std::vector<row> connections = walk(emu, kConnections);
-        auto ends = [](const unique_fd &fd) {
-            return std::make_pair(sockets::local_end(fd.get()), sockets::remote_end(fd.get()));
-        };
-        std::vector<row> expected;
-        for (const unique_fd *fd : {&c4, &s4, &c6, &s6}) {
-            auto e = ends(*fd);
-            expected.push_back(connection(e.first, e.second, "5", self));
-        }
-        EXPECT_EQ(lines(connections, "6005"), lines(expected));
-        const std::string holder = std::to_string(others.workers().front().pid);
-        EXPECT_EQ(std::count_if(connections.begin(), connections.end(),
-                                [&](const row &r) {
-                                    return on_port(r, "6005") &&
-                                           r.leaves.at("tcpConnectionProcess") == holder;
-                                }),
-                  2);
+    std::vector<row> connections = emu.walk(kConnections), expected;
+    for (const unique_fd *fd : {&c4, &s4, &c6, &s6})
+        expected.push_back(
+            connection(sockets::local_end(fd->get()), sockets::remote_end(fd->get()), "5", self));
+    std::sort(expected.begin(), expected.end(), index_less);
+    EXPECT_EQ(lines(connections, "6005"), lines(expected));
+    const std::string holder = std::to_string(others.workers().front().pid);
+    EXPECT_EQ(std::count_if(connections.begin(), connections.end(),
+                            [&](const row &r) {
+                                return on_port(r, "6005") &&
+                                       r.leaves.at("tcpConnectionProcess") == holder;
+                            }),
+              2);
 
-        EXPECT_TRUE(d->running()) << d->err();
-    });
+    EXPECT_TRUE(d->running()) << d->err();
 }
 
-// Verifies, with 20 000 loopback connections held by several processes,
-// that every one of the 40 000 rows carries the process that owns its
-// socket, and that no live socket goes without an owner.
-TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
+// Each of 40 000 rows of 20 000 connections held by several processes carries its owner.
+ISOLATED_TEST(TcpMibScaleTest, EveryRowCarriesItsOwningProcess)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
 
-        const int total = 20000;
-        sockets::connection_holders holders;
-        std::string why;
-        ASSERT_TRUE(holders.start(total, 7100, why)) << why;
-        std::map<std::string, pid_t> owner_of_port;
-        for (const auto &w : holders.workers())
-            owner_of_port[std::to_string(w.port)] = w.pid;
+    const int total = 20000;
+    sockets::connection_holders holders;
+    std::string why;
+    ASSERT_TRUE(holders.start(total, 7100, why)) << why;
+    std::map<std::string, pid_t> owner_of_port;
+    for (const auto &w : holders.workers())
+        owner_of_port[std::to_string(w.port)] = w.pid;
 
-        harness::CmdResult r = harness::run(
-            {harness::confd_emu_cli_path(), "--port", "4565", "walk", kConnections}, 120000);
-        ASSERT_EQ(r.exit_code, 0) << r.err;
-        std::vector<row> rows;
-        ASSERT_TRUE(cli_json::parse_walk(r.out, rows)) << r.out.substr(0, 400);
-        EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), index_less));
+    harness::CmdResult r = harness::run(
+        {harness::confd_emu_cli_path(), "--port", "4565", "walk", kConnections}, 120000);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    std::vector<row> rows;
+    ASSERT_TRUE(cli_json::parse_walk(r.out, rows)) << r.out.substr(0, 400);
+    EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), index_less));
 
-        size_t held = 0, wrong = 0, ownerless = 0;
-        for (const row &entry : rows) {
-            const std::string &process = entry.leaves.at("tcpConnectionProcess");
-            auto local = owner_of_port.find(entry.keys[2]);
-            auto remote = owner_of_port.find(entry.keys[5]);
-            auto owner = local != owner_of_port.end() ? local : remote;
-            if (owner != owner_of_port.end()) {
-                held++;
-                if (process != std::to_string(owner->second) && wrong++ < 5)
-                    ADD_FAILURE() << "owner " << owner->second << " expected: " << describe(entry);
-            } else if (entry.leaves.at("tcpConnectionState") != kTimeWait && process == "0") {
-                if (ownerless++ < 5) ADD_FAILURE() << "no owner: " << describe(entry);
-            }
+    size_t held = 0, wrong = 0, ownerless = 0;
+    for (const row &entry : rows) {
+        const std::string &process = entry.leaves.at("tcpConnectionProcess");
+        auto local = owner_of_port.find(entry.keys[2]);
+        auto remote = owner_of_port.find(entry.keys[5]);
+        auto owner = local != owner_of_port.end() ? local : remote;
+        if (owner != owner_of_port.end()) {
+            held++;
+            if (process != std::to_string(owner->second) && wrong++ < 5)
+                ADD_FAILURE() << "owner " << owner->second << " expected: " << describe(entry);
+        } else if (entry.leaves.at("tcpConnectionState") != kTimeWait && process == "0") {
+            if (ownerless++ < 5) ADD_FAILURE() << "no owner: " << describe(entry);
         }
-        EXPECT_EQ(held, 2u * total);
-        EXPECT_EQ(wrong, 0u);
-        EXPECT_EQ(ownerless, 0u);
-    });
+    }
+    EXPECT_EQ(held, 2u * total);
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(ownerless, 0u);
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 #include <set>
 #include <unistd.h>
 
-#include "cli_json.h"
 #include "daemon_env.h"
 #include "sockets.h"
 
@@ -28,25 +27,11 @@ std::string process_path(const udp_row &r)
     return std::string(kTable) + "{" + keys + "}/udpEndpointProcess";
 }
 
-// The socket lines of /proc/net/udp and udp6, headers not counted.
-size_t kernel_rows()
-{
-    size_t lines = 0;
-    for (const char *file : {"/proc/net/udp", "/proc/net/udp6"}) {
-        std::string text = harness::read_file(file);
-        lines += static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
-    }
-    return lines;
-}
-
 // The rows of a walk of udpEndpointTable, as udp_row.
 std::vector<udp_row> walk(const Emu &emu)
 {
-    std::string answer = emu.cli({"walk", kTable});
-    std::vector<cli_json::row> rows;
-    EXPECT_TRUE(cli_json::parse_walk(answer, rows)) << answer.substr(0, 300);
     std::vector<udp_row> out;
-    for (cli_json::row &r : rows) {
+    for (cli_json::row &r : emu.walk(kTable)) {
         out.push_back(r.keys);
         out.back().push_back("p" + r.leaves["udpEndpointProcess"]);
     }
@@ -65,64 +50,60 @@ std::vector<udp_row> ours(const std::vector<udp_row> &rows, const std::vector<ud
     return out;
 }
 
-// Verifies udpEndpointTable on real sockets: IPv4 and IPv6, bound and
-// connected, two bound to one port with SO_REUSEADDR (told apart by their
-// inodes) and two held by another process. An entry request before any walk
-// is an error; the walk lists every socket of the kernel's files in index
-// order, ours with their inodes and owners; then the entry request answers.
-TEST(UdpMibTest, EndpointTableListsTheSockets)
+// Every kernel socket in index order, ours with inodes and owners; entries answered after a walk.
+ISOLATED_TEST(UdpMibTest, EndpointTableListsTheSockets)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        sockets::udp_holder other(2);
-        std::vector<udp_row> want = other.rows();
-        std::vector<int> fds = {
-            sockets::open_udp("0.0.0.0", 161),
-            sockets::open_udp("127.0.0.1", 5000, true),
-            sockets::open_udp("127.0.0.1", 5000, true),
-            sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000),
-            sockets::open_udp("::", 123),
-            sockets::open_udp("::1", 0, false, "::1", 123),
-        };
-        for (int fd : fds) {
-            ASSERT_GE(fd, 0) << strerror(errno);
-            want.push_back(sockets::udp_row_of(fd, getpid()));
-        }
-        ASSERT_EQ(want.size(), 8u);
-        std::sort(want.begin(), want.end(), sockets::udp_index_less);
-        EXPECT_NE(emu.cli({"get", process_path(want[0])}).find("\"error\""), std::string::npos);
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    sockets::udp_holder other(2);
+    std::vector<udp_row> want = other.rows();
+    std::vector<int> fds = {
+        sockets::open_udp("0.0.0.0", 161),
+        sockets::open_udp("127.0.0.1", 5000, true),
+        sockets::open_udp("127.0.0.1", 5000, true),
+        sockets::open_udp("127.0.0.1", 0, false, "127.0.0.1", 5000),
+        sockets::open_udp("::", 123),
+        sockets::open_udp("::1", 0, false, "::1", 123),
+    };
+    for (int fd : fds) {
+        ASSERT_GE(fd, 0) << strerror(errno);
+        want.push_back(sockets::udp_row_of(fd, getpid()));
+    }
+    ASSERT_EQ(want.size(), 8u);
+    std::sort(want.begin(), want.end(), sockets::udp_index_less);
+    EXPECT_NE(emu.cli({"get", process_path(want[0])}).find("\"error\""), std::string::npos);
 
-        std::vector<udp_row> rows = walk(emu);
-        EXPECT_EQ(rows.size(), kernel_rows());
-        EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), sockets::udp_index_less));
-        EXPECT_EQ(ours(rows, want), want);
-        EXPECT_EQ(emu.cli({"get", process_path(want[1])}),
-                  "{\"type\":\"C_UINT32\",\"value\":" + want[1][7].substr(1) + "}");
-        for (int fd : fds)
-            close(fd);
-    });
+    std::vector<udp_row> rows = walk(emu);
+    size_t kernel_rows = 0; // the socket lines of /proc/net/udp and udp6, not the headers
+    for (const char *file : {"/proc/net/udp", "/proc/net/udp6"}) {
+        std::string text = harness::read_file(file);
+        kernel_rows += static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) - 1;
+    }
+    EXPECT_EQ(rows.size(), kernel_rows);
+    EXPECT_TRUE(std::is_sorted(rows.begin(), rows.end(), sockets::udp_index_less));
+    EXPECT_EQ(ours(rows, want), want);
+    EXPECT_EQ(emu.cli({"get", process_path(want[1])}),
+              "{\"type\":\"C_UINT32\",\"value\":" + want[1][7].substr(1) + "}");
+    for (int fd : fds)
+        close(fd);
 }
 
-// Verifies at scale that every row carries its owning process: 20 000
-// sockets held by four processes, walked through confd-emu.
-TEST(UdpMibScaleTest, EveryRowHasItsProcessAt20000Sockets)
+// At scale every row carries its owning process: 20 000 sockets held by four processes.
+ISOLATED_TEST(UdpMibScaleTest, EveryRowHasItsProcessAt20000Sockets)
 {
-    RUN_ISOLATED([] {
-        Emu emu;
-        auto d = emu.start_with_daemon();
-        ASSERT_TRUE(d);
-        std::vector<std::unique_ptr<sockets::udp_holder>> holders;
-        std::vector<udp_row> want;
-        for (int i = 0; i < 4; i++) {
-            holders.push_back(std::make_unique<sockets::udp_holder>(5000));
-            want.insert(want.end(), holders.back()->rows().begin(), holders.back()->rows().end());
-        }
-        ASSERT_EQ(want.size(), 20000u) << "could not open the sockets";
-        std::sort(want.begin(), want.end(), sockets::udp_index_less);
-        EXPECT_TRUE(ours(walk(emu), want) == want) << "rows differ from the sockets and owners";
-    });
+    Emu emu;
+    auto d = emu.start_with_daemon();
+    ASSERT_TRUE(d);
+    std::vector<std::unique_ptr<sockets::udp_holder>> holders;
+    std::vector<udp_row> want;
+    for (int i = 0; i < 4; i++) {
+        holders.push_back(std::make_unique<sockets::udp_holder>(5000));
+        want.insert(want.end(), holders.back()->rows().begin(), holders.back()->rows().end());
+    }
+    ASSERT_EQ(want.size(), 20000u) << "could not open the sockets";
+    std::sort(want.begin(), want.end(), sockets::udp_index_less);
+    EXPECT_TRUE(ours(walk(emu), want) == want) << "rows differ from the sockets and owners";
 }
 
 } // namespace
