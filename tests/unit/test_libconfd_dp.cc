@@ -196,7 +196,7 @@ TEST_F(LibconfdDispatch, MisplacedRequestsAndReplies)
 // Verifies that no data callback registers after register_done, that an SNMP notification context
 // takes only a connected worker socket of the daemon, and that only the daemon's own sockets are
 // served (an unknown callpoint is DaemonStartTest.NoConfdOrMissingCallpointIsFatal, a closed
-// socket DaemonLoopTest.ClosedSocketIsFatal, against confd-emu).
+// socket DaemonLoopTest.ClosedSocketOrFailedAttachIsFatal, against confd-emu).
 TEST_F(LibconfdDispatch, RegistrationsAndForeignSockets)
 {
     confd_data_cbs late = make_cbs("late");
