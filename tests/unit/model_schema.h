@@ -1,4 +1,4 @@
-// The project's YANG models loaded once for the model, keypath and catalogue tests, with lookups.
+// The project's YANG models loaded once for the model and keypath tests, with lookups.
 #pragma once
 
 #include "schema.h"
@@ -20,12 +20,6 @@ inline const emu::Schema &models()
         return sc;
     }();
     return *s;
-}
-
-// The path of node names to n ("/IF-MIB/ifTable/ifEntry/ifType").
-inline std::string path_of(const emu::SchemaNode *n)
-{
-    return n ? path_of(n->parent) + "/" + n->name : "";
 }
 
 // A scratch directory of YANG modules, removed when the object goes away.

@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-extern "C" void uci_c_walk(struct uci_package *p, int *sections, int *options, int *items);
-
 namespace {
 
 const char kNetwork[] = R"(
@@ -107,8 +105,8 @@ class UciTest : public ::testing::Test
     int rc_ = -1;
 };
 
-// Verifies that a typical network file is walked in file order with every value and list item, from
-// C++ and from C (lookups by name are in the providers' tests on fixture files).
+// Verifies that a typical network file is walked in file order with every value and list item
+// (lookups by name are in the providers' tests on fixture files).
 TEST_F(UciTest, NetworkFileWalksInFileOrder)
 {
     uci_package *p = load_text(kNetwork, "network");
@@ -120,12 +118,6 @@ TEST_F(UciTest, NetworkFileWalksInFileOrder)
         "lan interface", "  device=br-lan", "  proto=static", "  ipaddr=192.168.1.1",
         "wan interface", "  ifname=eth1",   "  proto=dhcp"};
     EXPECT_EQ(expected, dump(p));
-
-    int sections, options, items;
-    uci_c_walk(p, &sections, &options, &items);
-    EXPECT_EQ(3, sections);
-    EXPECT_EQ(8, options);
-    EXPECT_EQ(2, items);
 }
 
 // Verifies quoting (literal single quotes, escapes, concatenation, '#' handling, empty and
