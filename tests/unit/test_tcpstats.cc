@@ -101,9 +101,9 @@ TEST_F(TcpTablesTest, KeyedSortMatchesTheComparators)
     }
 }
 
-// Verifies the Tcp line reader: MaxConn signed, 64-bit counters equal to the 32-bit ones; a short
-// values line reports -1, a missing one leaves all zero, a missing file changes nothing.
-TEST(TcpGlobalStats, CountersFromTheTcpLine)
+// Verifies the Tcp line reader where the provider's scalars do not reach: a short values line
+// reports -1 with the fields it had, a missing one leaves all zero, a missing file changes nothing.
+TEST(TcpGlobalStats, ShortOrMissingTcpLine)
 {
     tcp_global_stats stats;
     memset(&stats, 0xff, sizeof stats);
@@ -116,11 +116,6 @@ TEST(TcpGlobalStats, CountersFromTheTcpLine)
         fclose(in);
         return result;
     };
-    EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 1 2 3 4 5 10 20 6 7 8 0\n"), 0);
-    EXPECT_EQ(stats.HCInSegs, 10u);
-    EXPECT_EQ(stats.HCOutSegs, 20u);
-    EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 1 2 3 4 5 7 20 6 7 8 0\n"), 0);
-    EXPECT_EQ(stats.HCInSegs, 7u);
     EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 9\n"), -1);
     EXPECT_EQ(stats.MaxConn, -1);
     EXPECT_EQ(stats.ActiveOpens, 9u);
