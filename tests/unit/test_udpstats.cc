@@ -183,13 +183,20 @@ TEST_F(UdpEndpointsTest, MergesDuplicatesOnlyAtTheTop)
             udp_endpoint_compare(stats_list_record(&list, p - 1), stats_list_record(&list, p)), 0);
 }
 
-// Verifies that the udp counters are all zero with -1 when the Udp section is missing (their values,
-// refreshes and a missing file are the provider's scalar test).
-TEST(UdpGlobalStats, MissingSectionClearsTheCounters)
+// Verifies that each 64-bit udp total equals its 32-bit counter on every refresh, even one that
+// went down (no widening across refreshes), and that all are zero with -1 when the Udp section is
+// missing (a missing file is the provider's scalar test).
+TEST(UdpGlobalStats, TotalsEqualTheCountersAndMissingSectionClears)
 {
     fake_proc proc;
     udp_global_stats stats, zero = {};
-    memset(&stats, 0xff, sizeof stats);
+    const std::string section = "Udp: InDatagrams NoPorts InErrors OutDatagrams\nUdp: ";
+    for (const char *values : {"9 1 2 9", "5 1 2 6"}) {
+        proc.write("net/snmp", section + values + "\n");
+        EXPECT_EQ(update_udp_stats(&stats), 0);
+    }
+    EXPECT_EQ(stats.HCInDatagrams, 5u);
+    EXPECT_EQ(stats.HCOutDatagrams, 6u);
     proc.write("net/snmp", "Ip: Forwarding\nIp: 1\nUdpLite: a\nUdpLite: 5\n");
     EXPECT_EQ(update_udp_stats(&stats), -1);
     EXPECT_EQ(memcmp(&stats, &zero, sizeof stats), 0);
