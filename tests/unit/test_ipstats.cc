@@ -75,20 +75,14 @@ TEST(IpKit, ReadStatPairs)
     EXPECT_EQ(pairs_of("\n  \n", nullptr, true), "fail");
 }
 
-// Verifies counter widening: a wrap (or a restart lower) adds the way round; a raw value beyond 32
-// bits is cut to them.
-TEST(IpKit, WidenCounter)
+// Verifies that counter widening takes only the low 32 bits of a raw value (a wrap between two
+// refreshes is the IP-MIB provider's system statistics test).
+TEST(IpKit, WidenCounterCutsRawValuesTo32Bits)
 {
     uint32_t last = 0;
     uint64_t total = 0;
     widen_counter((uint64_t(1) << 32) + 7, &last, &total);
     EXPECT_EQ(total, 7u);
-    widen_counter(4294967290u, &last, &total);
-    widen_counter(5, &last, &total);
-    EXPECT_EQ(total, 4294967290ull + 11);
-    EXPECT_EQ(last, 5u);
-    widen_counter(3, &last, &total);
-    EXPECT_EQ(total, 4294967290ull + 11 + 4294967294ull);
 }
 
 std::string hex(const ip_addr_value &a)

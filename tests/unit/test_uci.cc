@@ -275,23 +275,6 @@ TEST_F(UciTest, LimitsOnLineAndFileSize)
     EXPECT_EQ(nullptr, load_text(comments, "huge"));
     EXPECT_EQ(UCI_ERR_PARSE, rc_);
 }
-
-// Verifies the test seam: contexts allocated after the default changes read fixtures from there.
-// (Freeing a context with packages loaded releases them: every test here leaves some, under ASan.)
-TEST_F(UciTest, DefaultConfdirSeam)
-{
-    write("network", kNetwork);
-    ASSERT_EQ(0, leisobek_uci_set_default_confdir(dir_.c_str()));
-    uci_context *ctx = uci_alloc_context();
-    ASSERT_EQ(0, leisobek_uci_set_default_confdir(nullptr));
-    uci_package *p = nullptr;
-    EXPECT_EQ(UCI_OK, uci_load(ctx, "network", &p));
-    uci_free_context(ctx);
-    ctx = uci_alloc_context();
-    EXPECT_STREQ("/etc/config", ctx->confdir);
-    uci_free_context(ctx);
-    uci_free_context(nullptr);
-}
 #endif
 
 } // namespace
