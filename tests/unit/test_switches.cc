@@ -32,9 +32,6 @@ TEST(SwitchesTest, LevelsAndStartModes)
         int level, mode;
     } cases[] = {
         {{}, 0, 1},
-        {{"-d"}, 1, 1},
-        {{"-t"}, 2, 1},
-        {{"-p"}, 3, 1},
         {{"-d", "-p"}, 3, 1},
         {{"-p", "-d"}, 1, 1},
         {{"-t", "-s"}, 0, 1},
