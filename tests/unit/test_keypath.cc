@@ -70,8 +70,8 @@ TEST(Keypath, TableLeafLayout)
     EXPECT_EQ(emu::pp_keypath(s, {{tag}, {top}}), "/TCP-MIB/tag12345");
 }
 
-// Keys by enum name and prefixed node names (keys of a forced type reach the daemon's type guards in
-// the IP-MIB and private MIB end-to-end tests).
+// Keys by enum name and prefixed node names (keys of a forced type reach the daemon's type guards
+// in the IP-MIB and private MIB end-to-end tests).
 TEST(Keypath, KeyForms)
 {
     const Schema &s = models();
