@@ -30,28 +30,25 @@ class IpProviderTest : public provider_test
         cbs_ = confd_inproc_data_cbs(dx_, callpoint);
         ASSERT_NE(cbs_, nullptr);
     }
-    void write(const std::string &relative, const std::string &text)
-    {
-        proc_.write(relative, text);
-    }
     // /proc/net/snmp, netstat and snmp6 with the given IPv4 InReceives.
     void write_system_counters(const std::string &in_receives)
     {
-        write("net/snmp", "Ip: Forwarding DefaultTTL InReceives InHdrErrors InAddrErrors "
-                          "ForwDatagrams InUnknownProtos InDiscards InDelivers OutRequests "
-                          "OutDiscards OutNoRoutes ReasmTimeout ReasmReqds ReasmOKs ReasmFails "
-                          "FragOKs FragFails FragCreates OutTransmits\n"
-                          "Ip: 1 64 " +
-                              in_receives +
-                              " 1 2 100 3 4 5000 6000 7 8 30 9 10 11 12 13 14 6100\n"
-                              "Icmp: InMsgs InErrors\nIcmp: 1 2\n");
-        write("net/netstat", "TcpExt: SyncookiesSent\nTcpExt: 0\n"
-                             "IpExt: InNoRoutes InTruncatedPkts InMcastPkts OutMcastPkts "
-                             "InBcastPkts OutBcastPkts InOctets OutOctets\n"
-                             "IpExt: 20 21 22 23 24 25 26 27\n");
-        write("net/snmp6", "Ip6InReceives\t700\nIp6InNoRoutes\t2\nIp6OutForwDatagrams\t3\n"
-                           "Ip6OutRequests\t50\nIp6FragOKs\t1\nIp6FragFails\t1\n"
-                           "Ip6InMcastPkts\t9\nIcmp6InMsgs\t4\n");
+        proc_.write("net/snmp",
+                    "Ip: Forwarding DefaultTTL InReceives InHdrErrors InAddrErrors "
+                    "ForwDatagrams InUnknownProtos InDiscards InDelivers OutRequests "
+                    "OutDiscards OutNoRoutes ReasmTimeout ReasmReqds ReasmOKs ReasmFails "
+                    "FragOKs FragFails FragCreates OutTransmits\n"
+                    "Ip: 1 64 " +
+                        in_receives +
+                        " 1 2 100 3 4 5000 6000 7 8 30 9 10 11 12 13 14 6100\n"
+                        "Icmp: InMsgs InErrors\nIcmp: 1 2\n");
+        proc_.write("net/netstat", "TcpExt: SyncookiesSent\nTcpExt: 0\n"
+                                   "IpExt: InNoRoutes InTruncatedPkts InMcastPkts OutMcastPkts "
+                                   "InBcastPkts OutBcastPkts InOctets OutOctets\n"
+                                   "IpExt: 20 21 22 23 24 25 26 27\n");
+        proc_.write("net/snmp6", "Ip6InReceives\t700\nIp6InNoRoutes\t2\nIp6OutForwDatagrams\t3\n"
+                                 "Ip6OutRequests\t50\nIp6FragOKs\t1\nIp6FragFails\t1\n"
+                                 "Ip6InMcastPkts\t9\nIcmp6InMsgs\t4\n");
     }
 };
 
@@ -108,11 +105,11 @@ keypath if_row(const std::string &keys, uint32_t leaf)
 TEST_F(IpProviderTest, InterfaceStatsRows)
 {
     use("ip_traf_if_stats");
-    write("net/dev_snmp6/eth0", "ifIndex\t2\nIp6InReceives\t10\nIp6InNoRoutes\t10\n"
-                                "Ip6OutForwDatagrams\t4294967290\n");
-    write("net/dev_snmp6/lo", "ifIndex\t1\nIp6InReceives\t7\n");
-    write("net/dev_snmp6/noindex", "Ip6InReceives\t3\n");
-    write("net/dev_snmp6/.hidden", "ifIndex\t9\nIp6InReceives\t3\n");
+    proc_.write("net/dev_snmp6/eth0", "ifIndex\t2\nIp6InReceives\t10\nIp6InNoRoutes\t10\n"
+                                      "Ip6OutForwDatagrams\t4294967290\n");
+    proc_.write("net/dev_snmp6/lo", "ifIndex\t1\nIp6InReceives\t7\n");
+    proc_.write("net/dev_snmp6/noindex", "Ip6InReceives\t3\n");
+    proc_.write("net/dev_snmp6/.hidden", "ifIndex\t9\nIp6InReceives\t3\n");
     EXPECT_EQ(get(if_row("e2 i2", IP_MIB_ipIfStatsInReceives)), noexists);
     EXPECT_EQ(walk(ip({IP_MIB_ipIfStatsTable, IP_MIB_ipIfStatsEntry})),
               (std::vector<std::string>{"e2 i0", "e2 i1", "e2 i2"}));
@@ -148,7 +145,7 @@ TEST_F(IpProviderTest, Scalars)
         {"sys/net/ipv6/conf/default/hop_limit", "0x40\n"},
     };
     for (const auto &f : files)
-        write(f.first, f.second);
+        proc_.write(f.first, f.second);
     std::string values;
     for (uint32_t leaf : {IP_MIB_ipForwarding, IP_MIB_ipDefaultTTL, IP_MIB_ipReasmTimeout,
                           IP_MIB_ipv6IpForwarding, IP_MIB_ipv6IpDefaultHopLimit,
@@ -156,8 +153,8 @@ TEST_F(IpProviderTest, Scalars)
         values += get(scalar(leaf)) + " ";
     EXPECT_EQ(values, "e2 i8 i30 e1 i64 0 0 ");
 
-    write("sys/net/ipv4/ip_default_ttl", "none\n");
-    write("sys/net/ipv4/ip_forward", "1\n");
+    proc_.write("sys/net/ipv4/ip_default_ttl", "none\n");
+    proc_.write("sys/net/ipv4/ip_forward", "1\n");
     now += 3;
     testing::internal::CaptureStderr();
     EXPECT_EQ(get(scalar(IP_MIB_ipForwarding)), "e1");
@@ -176,12 +173,12 @@ TEST_F(IpProviderTest, Scalars)
 TEST_F(IpProviderTest, ScopeZones)
 {
     use("ip6_scope_zone_idx");
-    write("net/if_inet6", "fe800000000000000000000000000003 03 40 20 80     eth1\n"
-                          "00000000000000000000000000000001 01 80 10 80       lo\n"
-                          "fe80000000000000000000000000000a 03 40 20 80     eth1\n"
-                          "20010db8000000000000000000000001 04 40 00 80     eth2\n"
-                          "fe800000000000000000000000000002 02 40 20 80     eth0\n"
-                          "fe800000000000000000000000000009 09 40\n");
+    proc_.write("net/if_inet6", "fe800000000000000000000000000003 03 40 20 80     eth1\n"
+                                "00000000000000000000000000000001 01 80 10 80       lo\n"
+                                "fe80000000000000000000000000000a 03 40 20 80     eth1\n"
+                                "20010db8000000000000000000000001 04 40 00 80     eth2\n"
+                                "fe800000000000000000000000000002 02 40 20 80     eth0\n"
+                                "fe800000000000000000000000000009 09 40\n");
     keypath rows = ip({IP_MIB_ipv6ScopeZoneIndexTable, IP_MIB_ipv6ScopeZoneIndexEntry});
     EXPECT_EQ(walk(rows), (std::vector<std::string>{"i2", "i3"}));
     auto zone = [](uint32_t leaf) {
@@ -198,12 +195,12 @@ TEST_F(IpProviderTest, ScopeZones)
 // unused direction; without snmp6 and an "IcmpMsg:" section only the IPv4 statistics row is left.
 TEST_F(IpProviderTest, IcmpTables)
 {
-    write("net/snmp", "Icmp: InMsgs InErrors InCsumErrors OutMsgs OutErrors\n"
-                      "Icmp: 12 1 0 4294967301 2\n"
-                      "IcmpMsg: InType3 InType8 OutType0 OutType3\n"
-                      "IcmpMsg: 5 4 4 7\n");
-    write("net/snmp6", "Icmp6InMsgs\t9\nIcmp6InErrors\t0\nIcmp6OutMsgs\t3\n"
-                       "Icmp6InType133\t6\nIcmp6OutType135\t3\nIcmp6OutType133\t0\n");
+    proc_.write("net/snmp", "Icmp: InMsgs InErrors InCsumErrors OutMsgs OutErrors\n"
+                            "Icmp: 12 1 0 4294967301 2\n"
+                            "IcmpMsg: InType3 InType8 OutType0 OutType3\n"
+                            "IcmpMsg: 5 4 4 7\n");
+    proc_.write("net/snmp6", "Icmp6InMsgs\t9\nIcmp6InErrors\t0\nIcmp6OutMsgs\t3\n"
+                             "Icmp6InType133\t6\nIcmp6OutType135\t3\nIcmp6OutType133\t0\n");
     use("icmp_stat_status");
     keypath stats = ip({IP_MIB_icmpStatsTable, IP_MIB_icmpStatsEntry});
     EXPECT_EQ(walk(stats), (std::vector<std::string>{"e1", "e2"}));
@@ -229,7 +226,7 @@ TEST_F(IpProviderTest, IcmpTables)
                      "e2 i133")),
               "i133");
 
-    write("net/snmp", "Icmp: InMsgs InErrors OutMsgs OutErrors\nIcmp: 1 0 1 0\n");
+    proc_.write("net/snmp", "Icmp: InMsgs InErrors OutMsgs OutErrors\nIcmp: 1 0 1 0\n");
     std::filesystem::remove(proc_.root() + "/net/snmp6");
     now += 3;
     EXPECT_EQ(walk(msgs), std::vector<std::string>{});

@@ -40,7 +40,6 @@ class UcdTest : public provider_test
         provider_test::SetUp();
     }
     void use(const char *callpoint) { cbs_ = confd_inproc_data_cbs(dx_, callpoint); }
-    void write(const std::string &name, const std::string &text) { proc_.write(name, text); }
     FixtureEnv env_;
 };
 
@@ -54,8 +53,8 @@ TEST_F(UcdTest, SystemStatsTimeRuleAndVmstatFallback)
     std::string intr = "intr 9";
     for (int i = 0; i < 300; i++)
         intr += " 0";
-    write("stat", "cpu  4000 0 800 1200\n" + cpus + "swap 1 2\n" + intr + "\nctxt 77\n");
-    write("vmstat", "pswpin 30\npswpout 40\n");
+    proc_.write("stat", "cpu  4000 0 800 1200\n" + cpus + "swap 1 2\n" + intr + "\nctxt 77\n");
+    proc_.write("vmstat", "pswpin 30\npswpout 40\n");
     std::string leaves;
     for (uint32_t leaf :
          {UCD_SNMP_MIB_ssIndex, UCD_SNMP_MIB_ssErrorName, UCD_SNMP_MIB_ssCpuRawUser,
@@ -65,7 +64,7 @@ TEST_F(UcdTest, SystemStatsTimeRuleAndVmstatFallback)
         leaves += ss(leaf) + " ";
     EXPECT_EQ(leaves, "1 'systemStats' 1000 200 300 0 30 40 77 noexists noexists ");
 
-    write("stat", "cpu  8000 0 0 0\n" + cpus + "swap 1 2\n");
+    proc_.write("stat", "cpu  8000 0 0 0\n" + cpus + "swap 1 2\n");
     now += 5;
     EXPECT_EQ(ss(UCD_SNMP_MIB_ssCpuRawUser), "1000");
     now += 1;
@@ -73,7 +72,7 @@ TEST_F(UcdTest, SystemStatsTimeRuleAndVmstatFallback)
     std::remove((proc_.root() + "/vmstat").c_str());
     now += 6;
     EXPECT_EQ(ss(UCD_SNMP_MIB_ssRawSwapIn), "1");
-    write("vmstat", "pswpin 30\npswpout 40\n");
+    proc_.write("vmstat", "pswpin 30\npswpout 40\n");
     now += 6;
     EXPECT_EQ(ss(UCD_SNMP_MIB_ssRawSwapOut), "2");
 }
@@ -84,7 +83,7 @@ TEST_F(UcdTest, MemoryAndVersionRereadByRequestCount)
 {
     use("memory_stats");
     for (int n = 1; n <= 39; n++) {
-        write("meminfo", "MemTotal: " + std::to_string(n) + " kB\n");
+        proc_.write("meminfo", "MemTotal: " + std::to_string(n) + " kB\n");
         EXPECT_EQ(get(ucd(UCD_SNMP_MIB_memory, UCD_SNMP_MIB_memTotalReal)),
                   std::to_string(n < 20   ? 1
                                  : n < 39 ? 20
@@ -95,7 +94,7 @@ TEST_F(UcdTest, MemoryAndVersionRereadByRequestCount)
 
     use("version_info");
     for (int n = 1; n <= 23; n++, now += 60) {
-        write("version", "Linux version " + std::to_string(n) + " (b@h) #1 SMP x\n");
+        proc_.write("version", "Linux version " + std::to_string(n) + " (b@h) #1 SMP x\n");
         EXPECT_EQ(get(ucd(UCD_SNMP_MIB_version, UCD_SNMP_MIB_versionTag)),
                   "'" +
                       std::to_string(n < 12   ? 1
