@@ -146,8 +146,7 @@ class provider_test : public ::testing::Test
         return rows;
     }
 
-    // One get_elem: the value's text, "not-found", "end" for an end-of-list reply, or "CONFD_ERR"
-    // when it failed without a reply.
+    // One get_elem: the value's text, "not-found", or "CONFD_ERR" when it failed without a reply.
     std::string get(const keypath &leaf)
     {
         confd_inproc_reset(tctx_);
@@ -160,7 +159,6 @@ class provider_test : public ::testing::Test
         EXPECT_EQ(ret, CONFD_OK);
         EXPECT_EQ(cap->nreplies, 1);
         if (cap->kind == CONFD_INPROC_NOT_FOUND) return "not-found";
-        if (cap->kind == CONFD_INPROC_NEXT_END) return "end";
         EXPECT_EQ(cap->kind, CONFD_INPROC_VALUE);
         return value_text(cap->values[0]);
     }

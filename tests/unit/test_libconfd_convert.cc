@@ -158,27 +158,3 @@ TEST(LibconfdConvert, KeypathLayoutBoundsAndText)
     ASSERT_TRUE(libconfd::keypath_from_wire({{t}, {}, {t}}, kp, &store, err));
     EXPECT_EQ(kp.v[1][0].type, C_NOEXISTS);
 }
-
-// Verifies the ConfD path format escapes used by cs_node_cd and MAAPI paths (%x, %h and %*h are
-// in the MAAPI reads and writes of the end-to-end and interface-configuration tests).
-TEST(LibconfdConvert, PathFormatEscapes)
-{
-    auto fmt = [](const char *f, ...) {
-        va_list ap;
-        va_start(ap, f);
-        std::string out, err;
-        bool ok = libconfd::format_path(out, f, ap, err);
-        va_end(ap);
-        return ok ? out : "ERR:" + err;
-    };
-    confd_value_t keys[2];
-    CONFD_SET_UINT32(&keys[0], 5);
-    CONFD_SET_STR(&keys[1], "a b");
-    struct in_addr a4;
-    a4.s_addr = htonl(0xc0a80001);
-    EXPECT_EQ(fmt("/t/e{%d %u}/%s", -1, 7u, "leaf"), "/t/e{-1 7}/leaf");
-    EXPECT_EQ(fmt("/t/e{%*x}", 2, keys), "/t/e{5 \"a b\"}");
-    EXPECT_EQ(fmt("/r{%ip4}/%i%%", &a4, 3), "/r{192.168.0.1}/3%");
-    EXPECT_EQ(fmt("/a/%q"), "ERR:unknown conversion in path format: %q");
-    EXPECT_EQ(fmt("/a/%s", static_cast<const char *>(nullptr)), "ERR:NULL string in path");
-}
