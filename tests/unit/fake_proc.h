@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 // The bytes in lower-case hex, as the tests write addresses.
@@ -20,6 +21,12 @@ inline std::string hex_text(const uint8_t *bytes, uint32_t length)
         out += two;
     }
     return out;
+}
+
+// The text as a read-only stream, closed when the pointer goes (the text must outlive it).
+inline std::unique_ptr<FILE, int (*)(FILE *)> text_stream(const std::string &text)
+{
+    return {fmemopen(const_cast<char *>(text.data()), text.size(), "r"), fclose};
 }
 
 // Creates a temporary directory and points the collectors at it until it goes out of scope.

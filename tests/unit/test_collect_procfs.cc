@@ -27,14 +27,13 @@ TEST(ReadSnmpSection, FindsTheValuesLine)
     EXPECT_EQ(read_snmp_section(buffer, sizeof buffer, "Tcp"), nullptr);
 
     std::string text = "Tcp: Rto\nUdp: In\nTcp: 1\nTcp: 2\n";
-    FILE *in = fmemopen(text.data(), text.size(), "r");
-    char *values = read_snmp_section_from(in, buffer, sizeof buffer, "Tcp");
+    auto in = text_stream(text);
+    char *values = read_snmp_section_from(in.get(), buffer, sizeof buffer, "Tcp");
     ASSERT_NE(values, nullptr);
     EXPECT_STREQ(values, "2\n"); // "Tcp: 1" followed a non-header line: it is a header
     // fgets with room for the NUL only never reaches the end of the file.
-    rewind(in);
-    EXPECT_EQ(read_snmp_section_from(in, buffer, 1, "Tcp"), nullptr);
-    fclose(in);
+    rewind(in.get());
+    EXPECT_EQ(read_snmp_section_from(in.get(), buffer, 1, "Tcp"), nullptr);
 }
 
 // Verifies socket owner resolution: numeric process directories and "socket:[N]" links under 63

@@ -17,12 +17,11 @@ namespace
 // The pairs a reader appends, "name=value" in file order; "fail" when it returns -1.
 std::string pairs_of(const std::string &text, const char *section, bool stat_pairs = false)
 {
-    FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+    auto in = text_stream(text);
     item_list out;
     item_list_init(&out, sizeof(stat_pair), 4);
-    int rc =
-        stat_pairs ? read_stat_pairs_from(in, &out) : read_stat_section_from(in, &out, section);
-    fclose(in);
+    int rc = stat_pairs ? read_stat_pairs_from(in.get(), &out)
+                        : read_stat_section_from(in.get(), &out, section);
     std::string result = rc == 0 ? "" : "fail";
     for (uint32_t i = 0; rc == 0 && i < out.count; i++) {
         const auto *p = static_cast<const stat_pair *>(item_list_get(&out, i));

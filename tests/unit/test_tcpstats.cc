@@ -34,9 +34,7 @@ class TcpTablesTest : public ::testing::Test
 TEST_F(TcpTablesTest, HexLettersInTheQueueShiftTheInode)
 {
     std::string odd = "header\n 0: 0100007F:0016 0100007F:D431 01 000001A4:0 0:0 0 0 0 77 1\n";
-    FILE *in = fmemopen(odd.data(), odd.size(), "r");
-    tcp_read_table(in, &tables, 1);
-    fclose(in);
+    tcp_read_table(text_stream(odd).get(), &tables, 1);
     ASSERT_EQ(tables.conns.count, 1);
     const auto &e = *static_cast<tcp_conn_entry *>(stats_list_record(&tables.conns, 0));
     EXPECT_EQ(std::to_string(e.local_type) + " " + hex_text(e.local_addr, e.local_addr_len) + " " +
@@ -97,17 +95,12 @@ TEST(TcpGlobalStats, ShortOrMissingTcpLine)
     fake_proc proc;
     EXPECT_EQ(update_tcp_table(&stats), -1);
     EXPECT_EQ(stats.ActiveOpens, 0xFFFFFFFFu);
-    auto parse = [&stats](std::string text) {
-        FILE *in = fmemopen(text.data(), text.size(), "r");
-        int result = tcp_read_snmp(in, &stats);
-        fclose(in);
-        return result;
-    };
-    EXPECT_EQ(parse("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 9\n"), -1);
+    EXPECT_EQ(tcp_read_snmp(text_stream("Ip: x\nTcp: a\nTcp: 1 200 120000 -1 9\n").get(), &stats),
+              -1);
     EXPECT_EQ(stats.MaxConn, -1);
     EXPECT_EQ(stats.ActiveOpens, 9u);
     EXPECT_EQ(stats.OutRsts, 0u);
-    EXPECT_EQ(parse("Ip: x\nIp: 1\nUdp: y\nUdp: 2\n"), -1);
+    EXPECT_EQ(tcp_read_snmp(text_stream("Ip: x\nIp: 1\nUdp: y\nUdp: 2\n").get(), &stats), -1);
     tcp_global_stats zero = {};
     EXPECT_EQ(memcmp(&stats, &zero, sizeof stats), 0);
 }

@@ -1,4 +1,5 @@
 // Unit tests of the UCD collector's parsers on fixture text: /proc/stat, meminfo and version.
+#include "fake_proc.h"
 #include "ucdstats.h"
 
 #include <gtest/gtest.h>
@@ -8,14 +9,6 @@
 
 namespace
 {
-
-// Runs parse on a stream over text.
-template <typename T> void parse_text(std::string text, void (*parse)(FILE *, T *), T *out)
-{
-    FILE *in = fmemopen(&text[0], text.size(), "r");
-    parse(in, out);
-    fclose(in);
-}
 
 // Verifies the systemStats parse: per-CPU division by the last cpuN plus one (one CPU without cpuN
 // lines), seven values or four (clearing the flag for good), paging from vmstat or else the page
@@ -60,10 +53,11 @@ TEST(UcdMemoryParse, LaterMatchesWin)
     ucd_memory m;
     memset(&m, 0, sizeof m);
     m.index = 5;
-    parse_text("MemTotal: 1000 kB\nMemFree:   300 kB\nBuffers: 40 kB\nCached: 200 kB\n"
-               "SwapCached: 7 kB\nShmem: 30 kB\nSwapTotal: 2000 kB\nSwapFree: 1500 kB\n"
-               "ShmemHugePages: 4 kB\nno colon MemTotal 9\n",
-               ucd_parse_meminfo, &m);
+    const std::string meminfo =
+        "MemTotal: 1000 kB\nMemFree:   300 kB\nBuffers: 40 kB\nCached: 200 kB\nSwapCached: 7 kB\n"
+        "Shmem: 30 kB\nSwapTotal: 2000 kB\nSwapFree: 1500 kB\nShmemHugePages: 4 kB\n"
+        "no colon MemTotal 9\n";
+    ucd_parse_meminfo(text_stream(meminfo).get(), &m);
     char text[100];
     snprintf(text, sizeof text, "%u %u %u %u %u %u %u %u %u %s", m.total_real, m.avail_real,
              m.buffer, m.cached, m.shared, m.total_swap, m.avail_swap, m.total_free, m.index,
@@ -93,7 +87,7 @@ TEST(UcdVersionParse, ReleaseAndBuildText)
     for (const auto &c : cases) {
         ucd_version v;
         memset(&v, 0, sizeof v);
-        parse_text(c.banner, ucd_parse_version, &v);
+        ucd_parse_version(text_stream(c.banner).get(), &v);
         EXPECT_EQ(v.release, c.release);
         EXPECT_EQ(v.build, c.build);
     }

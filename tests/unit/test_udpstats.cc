@@ -23,12 +23,9 @@ class UdpEndpointsTest : public ::testing::Test
     }
     void TearDown() override { stats_list_free(&list); }
 
-    int32_t read(std::string text, int32_t position, int32_t type)
+    int32_t read(const std::string &text, int32_t position, int32_t type)
     {
-        FILE *in = fmemopen(text.data(), text.size(), "r");
-        int32_t next = udp_read_endpoints(in, &list, position, type);
-        fclose(in);
-        return next;
+        return udp_read_endpoints(text_stream(text).get(), &list, position, type);
     }
     int32_t read_fixture(const char *name, int32_t position, int32_t type)
     {
@@ -119,10 +116,7 @@ TEST(UdpEndpointLine, ReadsAsSscanfDoes)
         for (int32_t type : {1, 2}) {
             stats_list list = {};
             udp_endpoints_init(&list);
-            std::string text = "header\n" + line;
-            FILE *in = fmemopen(text.data(), text.size(), "r");
-            udp_read_endpoints(in, &list, 0, type);
-            fclose(in);
+            udp_read_endpoints(text_stream("header\n" + line).get(), &list, 0, type);
             udp_endpoint_entry want = reference_row(line, type);
             ASSERT_EQ(memcmp(stats_list_record(&list, 0), &want, sizeof want), 0) << line;
             stats_list_free(&list);
