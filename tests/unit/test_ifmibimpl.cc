@@ -73,20 +73,10 @@ class IfConfigProviderTest : public provider_test
     {
         return keypath(if__ns, {if_interfaces, if_interface, tag}, "i" + std::to_string(index));
     }
-    // The ifIndex keys of a walk over the node cookies.
+    // The ifIndex keys of a walk (its cookies are the map's nodes).
     std::vector<std::string> keys()
     {
-        keypath list(if__ns, {if_interfaces, if_interface});
-        std::vector<std::string> out;
-        for (long cookie = -1; out.size() < 10;) {
-            confd_inproc_reset(tctx_);
-            cbs_->get_next(tctx_, list.get(), cookie);
-            const confd_inproc_capture *cap = confd_inproc_captured(tctx_);
-            if (cap->kind != CONFD_INPROC_NEXT_KEY) break;
-            out.push_back(value_text(cap->values[0]));
-            cookie = cap->next;
-        }
-        return out;
+        return walk(keypath(if__ns, {if_interfaces, if_interface}), false);
     }
 
     static inline int maapi_fd = -1;
