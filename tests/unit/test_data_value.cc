@@ -7,7 +7,6 @@
 
 #include "data_value.h"
 #include "model_schema.h"
-#include "nshash.h"
 
 namespace
 {
@@ -96,22 +95,6 @@ TEST(DataValue, TypesRoundTrip)
     EXPECT_EQ(round_trip("bin", "AAEC/w==", back).bytes, std::string("\x00\x01\x02\xff", 4));
     EXPECT_EQ(round_trip("mac", "00:1a:2B", back).bytes, std::string("\x00\x1a\x2b", 3));
     EXPECT_EQ(round_trip("e", "x", back).i, -3);
-}
-
-// Verifies that values a leaf cannot hold are refused rather than stored as something else (a value
-// of another type is refused in the MAAPI integration tests).
-TEST(DataValue, MisfitValuesAreRefused)
-{
-    std::string out, err;
-    Value v;
-    v.type = emu::vt::ENUM_VALUE;
-    v.i = 99;
-    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("e"), v, out, err));
-    v = Value();
-    v.type = emu::vt::IDENTITYREF;
-    v.a = confd_wire::ns_hash("urn:dv");
-    v.b = 12345;
-    EXPECT_FALSE(emu::value_to_data_text(schema(), leaf("id"), v, out, err));
 }
 
 // Verifies that prefixes become module names only where they are prefixes of known modules.

@@ -41,8 +41,7 @@ Value typed(int t, std::string_view text)
 } // namespace
 
 // Table leaves and a scalar print back as they were written (the reversed hkeypath layout and the
-// keys typed by their key leaves are what the test daemons of test_emu index into);
-// a tag the schema does not know prints by number.
+// keys typed by their key leaves are what the test daemons of test_emu index into).
 TEST(Keypath, TableLeafLayout)
 {
     const Schema &s = models();
@@ -60,14 +59,6 @@ TEST(Keypath, TableLeafLayout)
     EXPECT_EQ(p.steps[2].keys[1].type, 39);
     EXPECT_TRUE(p.steps[2].keys[1].bytes.empty());
     EXPECT_EQ(emu::pp_path(s, p), udp);
-
-    // A keypath from the daemon's side prints even with a tag the schema does not know.
-    Value tag, top;
-    tag.type = top.type = 2;
-    tag.a = 12345;
-    top.a = s.top("TCP-MIB")->tag;
-    top.b = s.top("TCP-MIB")->ns;
-    EXPECT_EQ(emu::pp_keypath(s, {{tag}, {top}}), "/TCP-MIB/tag12345");
 }
 
 // Keys by enum name and prefixed node names (keys of a forced type reach the daemon's type guards
