@@ -65,8 +65,8 @@ TEST(UcdMemoryParse, LaterMatchesWin)
     EXPECT_STREQ(text, "1000 300 40 7 4 2000 1500 1800 0 swap");
 }
 
-// Verifies the version banner: the third word is the release, the words after SMP the build text
-// (empty without SMP), both cut to their buffers.
+// Verifies the version banner: the words after SMP are the build text (empty without SMP); release
+// and build text are cut to their buffers (the provider's version test reads an ordinary banner).
 TEST(UcdVersionParse, ReleaseAndBuildText)
 {
     std::string words, built; // six 10-letter words: 66 bytes of build text
@@ -78,8 +78,6 @@ TEST(UcdVersionParse, ReleaseAndBuildText)
     const struct {
         std::string banner, release, build;
     } cases[] = {
-        {"Linux version 5.10.161 (b@h) (gcc 12.2) #1 SMP PREEMPT Tue Jan 3 2023\n", "5.10.161",
-         "PREEMPT Tue Jan 3 2023 "},
         {"Linux version 4.14.0 (b@h) #2 PREEMPT Mon Feb 6 2023\n", "4.14.0", ""},
         {"Linux version " + long_release + " #1 SMP " + words + "\n", long_release.substr(0, 79),
          built.substr(0, 59)},
