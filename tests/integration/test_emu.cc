@@ -152,8 +152,9 @@ enum class Quirk {
 
 // A data provider on the client library with a main loop on its own thread like the daemon's:
 // control, worker and MAAPI sockets to confd-emu on 127.0.0.1:port, closed and released when it
-// goes away. Its transactions attach to MAAPI at init and detach at finish, which it records. Its own callbacks serve "tcp_status": rows listeners on
-// 127.0.0.1, ports 1 to rows, port P held by process 100000 + P.
+// goes away. Its transactions attach to MAAPI at init and detach at finish, which it records. Its
+// own callbacks serve "tcp_status": rows listeners on 127.0.0.1, ports 1 to rows, port P held by
+// process 100000 + P.
 class TestDaemon
 {
   public:
@@ -767,11 +768,11 @@ TEST_F(MaapiTest, WritesApplyAndDiffIterate)
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].type, CONFD_NOTIF_COMMIT_DIFF);
     EXPECT_EQ(events[0].user, "carol");
-    EXPECT_EQ(events[0].changes,
-              (std::vector<std::string>{"set /settings/hostname=renamed", "set /settings/mode=off",
-                                        "set /settings/dns=[9.9.9.9]", "deleted /users/user{guest}",
-                                        "created /pools/pool{3}",
-                                        "set /pools/pool{3}/start=10.3.0.1"}));
+    EXPECT_EQ(
+        events[0].changes,
+        (std::vector<std::string>{"set /settings/hostname=renamed", "set /settings/mode=off",
+                                  "set /settings/dns=[9.9.9.9]", "deleted /users/user{guest}",
+                                  "created /pools/pool{3}", "set /pools/pool{3}/start=10.3.0.1"}));
 
     EXPECT_EQ(xpath(reader.fd(), rth, "/settings/hostname", nullptr), "renamed");
     EXPECT_EQ(maapi_exists(reader.fd(), rth, "/users/user{guest}"), 0);
