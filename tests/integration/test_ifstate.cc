@@ -88,17 +88,6 @@ void ip(const std::string &args)
     ASSERT_EQ(r.exit_code, 0) << "ip " << args << ": " << r.err;
 }
 
-// A veth pair veth0/veth1 and a UCI "network" package that names veth0 as section "lan".
-void veth_and_network()
-{
-    daemon_env::overlay_dir("/etc");
-    daemon_env::write_file("/etc/config/network", "config interface 'loopback'\n"
-                                                  "\toption ifname 'lo'\n"
-                                                  "config interface 'lan'\n"
-                                                  "\toption ifname 'veth0'\n");
-    ip("link add veth0 type veth peer name veth1");
-}
-
 // The linkUp and linkDown notifications logged, with their varbinds; cleared after when asked.
 std::vector<std::string> link_notifications(const Emu &emu, bool clear = false)
 {
@@ -142,7 +131,13 @@ ISOLATED_TEST(IfConcurrentTest, ThreadedFlapWhileWalking)
     for (int i = 1; i <= 8; i++)
         iface += v4("eth" + std::to_string(i), i);
     install_stats_script(iface, "", "");
-    veth_and_network();
+    // A veth pair veth0/veth1 and a UCI "network" package that names veth0 as section "lan".
+    daemon_env::overlay_dir("/etc");
+    daemon_env::write_file("/etc/config/network", "config interface 'loopback'\n"
+                                                  "\toption ifname 'lo'\n"
+                                                  "config interface 'lan'\n"
+                                                  "\toption ifname 'veth0'\n");
+    ip("link add veth0 type veth peer name veth1");
     Emu emu;
     auto d = emu.start_with_daemon();
     ASSERT_TRUE(d);
