@@ -91,31 +91,15 @@ std::string text(const confd_value_t *v)
     return buf;
 }
 
-std::string kp_text(const confd_hkeypath_t *kp)
-{
-    char buf[512];
-    confd_pp_kpath(buf, sizeof buf, kp);
-    return buf;
-}
-
-// A leaf's value as text of the leaf's schema type (enumerations by name), as the daemon's audit
-// listener prints the changes of a commit.
-std::string typed_text(confd_hkeypath_t *kp, const confd_value_t *v)
-{
-    char buf[256];
-    confd_cs_node *leaf = confd_find_cs_node(kp, kp->len);
-    if (!leaf || !leaf->info.type) return "<no type>";
-    confd_val2str(leaf->info.type, v, buf, sizeof buf);
-    return buf;
-}
-
 // Appends one change seen by maapi_diff_iterate to the vector of lines state: "OP path[=value]".
 enum maapi_iter_ret collect(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_value_t *oldv,
                             confd_value_t *newv, void *state)
 {
     static const char *const ops[] = {"?",   "created", "deleted", "modified",
                                       "set", "moved",   "attr"};
-    std::string line = std::string(ops[op <= 6 ? op : 0]) + " " + kp_text(kp);
+    char buf[512];
+    confd_pp_kpath(buf, sizeof buf, kp);
+    std::string line = std::string(ops[op <= 6 ? op : 0]) + " " + buf;
     if (newv && op == MOP_ATTR_SET) {
         line += "=" + text(&newv[0]) + " " + (newv[1].type == C_NOEXISTS ? "-" : text(&newv[1]));
     } else if (newv && op == MOP_MOVED_AFTER) {
@@ -123,7 +107,12 @@ enum maapi_iter_ret collect(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_v
         for (int i = 0; newv[i].type != C_NOEXISTS; i++)
             line += (i ? " " : "") + text(&newv[i]);
     } else if (newv) {
-        line += "=" + typed_text(kp, newv);
+        // Text of the leaf's schema type (enumerations by name), as the daemon's audit listener
+        // prints it.
+        confd_cs_node *leaf = confd_find_cs_node(kp, kp->len);
+        if (!leaf || !leaf->info.type || confd_val2str(leaf->info.type, newv, buf, sizeof buf) < 0)
+            snprintf(buf, sizeof buf, "%s", "<no type>");
+        line += "=" + std::string(buf);
     }
     if (oldv) line += " (old value given)";
     static_cast<std::vector<std::string> *>(state)->push_back(line);
