@@ -117,10 +117,6 @@ bool enter_private_namespaces(std::string &why)
 
 } // namespace
 
-const char *confd_emu_path()
-{
-    return CONFD_EMU_BIN;
-}
 const char *confd_emu_cli_path()
 {
     return CONFD_EMU_CLI_BIN;
@@ -240,12 +236,12 @@ bool Emu::start(std::string &err)
     }
     std::string port_file = dir_ + "/port";
     unlink(port_file.c_str());
-    std::vector<std::string> argv = {confd_emu_path(), "--port", "0", "--port-file", port_file};
+    std::vector<std::string> argv = {CONFD_EMU_BIN, "--port", "0", "--port-file", port_file};
     argv.insert(argv.end(), extra_.begin(), extra_.end());
     pid_ = spawn(argv, log_fd, log_fd);
     close(log_fd);
     if (pid_ < 0) {
-        err = std::string("cannot start ") + confd_emu_path();
+        err = std::string("cannot start ") + CONFD_EMU_BIN;
         return false;
     }
     for (int i = 0; i < 1000; i++) {

@@ -10,8 +10,7 @@
 namespace harness
 {
 
-// Paths of the built programs.
-const char *confd_emu_path();
+// Path of the built command-line client.
 const char *confd_emu_cli_path();
 
 sockaddr_in loopback(int port); // 127.0.0.1:port

@@ -31,21 +31,16 @@ std::vector<std::vector<std::string>> walk(const Emu &emu)
     return out;
 }
 
-// The daemon with a neighbour script that only notes its runs: the test writes the file.
-std::unique_ptr<daemon_env::Daemon> start(Emu &emu)
-{
-    daemon_env::install_recorders({{"snmp_lldp_neighinfo.sh", ":"}});
-    return emu.start_with_daemon();
-}
-
 using table = std::vector<std::vector<std::string>>;
 
 // One row past the file's lines, stale rows and capability bits kept from longer files; the script
 // runs before every walk.
 ISOLATED_TEST(LldpTest, WalksKeepTheTableQuirks)
 {
+    // A neighbour script that only notes its runs: the test writes the file.
+    daemon_env::install_recorders({{"snmp_lldp_neighinfo.sh", ":"}});
     Emu emu;
-    auto d = start(emu);
+    auto d = emu.start_with_daemon();
     ASSERT_TRUE(d);
 
     daemon_env::write_file(kFile, "1?eth0.2?mac?0:1a:2b:3c:4d:5e?mac?a4:b1:c2:d3:e4:f5?x?"

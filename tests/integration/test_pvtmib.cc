@@ -161,8 +161,8 @@ ISOLATED_TEST(PvtMibTest, CommonAndBasicGroupsFromScriptsAndConfiguration)
 }
 
 // The SNMP and UPnP switches (UPnP inverted, absent as off) and the trap-manager table they gate:
-// its first line only, none without a first field; always three community rows (row by row: unset
-// slots repeat a key), access by security name.
+// its first line only, none without a first field; always three community rows (unset slots
+// repeat a key), access by security name.
 ISOLATED_TEST(PvtMibTest, AgentSwitchesTrapManagersAndCommunities)
 {
     install_scripts();
@@ -208,12 +208,6 @@ ISOLATED_TEST(PvtMibTest, AgentSwitchesTrapManagersAndCommunities)
     script_prints("gettrapsconf.sh", "7,10.0.0.9,c\n,\n");
     EXPECT_TRUE(walk(emu, "/trapMgrTable/trapMgrEntry").empty());
 
-    const std::string list = std::string(kMib) + "/mgtCommunityTable/mgtCommunityEntry";
-    auto answer = [&](const std::vector<std::string> &args) {
-        cli_json::value v;
-        EXPECT_TRUE(cli_json::parse(emu.cli(args), v));
-        return v;
-    };
     struct {
         std::vector<std::vector<std::string>> add; // key, community and security name
         const char *rows;                          // key, name and access of each row
@@ -231,16 +225,10 @@ ISOLATED_TEST(PvtMibTest, AgentSwitchesTrapManagersAndCommunities)
                                e + "/snmpCommunitySecurityName=" + a[2]}),
                       kOk);
         }
-        std::string rows, cookie = "-1";
-        for (int i = 0; i < 4; i++) {
-            cli_json::value next = answer({"next", list, "--cookie", cookie});
-            if (next["keys"].kind == cli_json::value::null) break;
-            std::string row = list + "{" + next["keys"].items.at(0)["value"].text + "}/";
-            rows += next["keys"].items.at(0)["value"].text + " " +
-                    answer({"get", row + "mgtCommunityName"})["value"].text + " " +
-                    answer({"get", row + "mgtCommunityAccess"})["value"].text + ",";
-            cookie = next["next"].text;
-        }
+        std::string rows;
+        for (cli_json::row &r : walk(emu, "/mgtCommunityTable/mgtCommunityEntry"))
+            rows += r.keys.at(0) + " " + r.leaves["mgtCommunityName"] + " " +
+                    r.leaves["mgtCommunityAccess"] + ",";
         EXPECT_EQ(rows, s.rows);
     }
 }

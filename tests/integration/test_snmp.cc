@@ -22,16 +22,6 @@ namespace
 const char kAgent[] = "127.0.0.1:1161";
 const char kTcpState[] = ".1.3.6.1.2.1.6.19.1.7"; // tcpConnectionState
 
-// The tools read nothing of the host: no configuration, no MIB files, state under /tmp.
-void private_snmp_env()
-{
-    mkdir("/tmp/snmp", 0700);
-    setenv("SNMPCONFPATH", "/tmp/snmp", 1);
-    setenv("SNMP_PERSISTENT_DIR", "/tmp/snmp", 1);
-    setenv("MIBDIRS", "/tmp/snmp", 1);
-    setenv("MIBS", "", 1);
-}
-
 harness::CmdResult tool(const std::string &name, std::vector<std::string> args,
                         const std::string &community = "public", const char *agent = kAgent)
 {
@@ -130,7 +120,12 @@ Varbinds snmp_column(const std::string &column, const OidFilter &keep)
 TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
 {
     RUN_ISOLATED([] {
-        private_snmp_env();
+        // The tools read nothing of the host: no configuration, no MIB files, state under /tmp.
+        mkdir("/tmp/snmp", 0700);
+        setenv("SNMPCONFPATH", "/tmp/snmp", 1);
+        setenv("SNMP_PERSISTENT_DIR", "/tmp/snmp", 1);
+        setenv("MIBDIRS", "/tmp/snmp", 1);
+        setenv("MIBS", "", 1);
         // What the chassis row needs: a bulk walk's last repetitions run on into ENTITY-MIB.
         daemon_env::overlay_dir("/etc");
         daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
@@ -138,8 +133,8 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
         daemon_env::write_file("/etc/config/network", "config interface 'lan'\n"
                                                       "\toption ifname 'veth0'\n");
-        ASSERT_EQ(harness::run({"/sbin/ip", "link", "add", "veth0", "type", "veth", "peer",
-                                "name", "veth1"})
+        ASSERT_EQ(harness::run(
+                      {"/sbin/ip", "link", "add", "veth0", "type", "veth", "peer", "name", "veth1"})
                       .exit_code,
                   0);
         // snmptrapd first, so start-up's notifications reach it.
@@ -149,6 +144,13 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
                                       "--disableAuthorization=yes", "udp:127.0.0.1:1162"},
                                      devnull, devnull);
         ASSERT_GT(trapd, 0);
+        // Bound before the daemon starts, or start-up's coldStart may find no one listening.
+        ASSERT_TRUE(daemon_env::eventually(
+            [] {
+                return harness::read_file("/proc/net/udp").find("0100007F:048A") !=
+                       std::string::npos;
+            },
+            5000));
         daemon_env::Emu emu(
             {"--snmp", std::string("udp:") + kAgent, "--trap-sink", "udp:127.0.0.1:1162"});
         auto daemon = emu.start_with_daemon();
@@ -228,8 +230,10 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
                                      devnull, devnull);
         ASSERT_GT(snmpd, 0);
         ASSERT_TRUE(daemon_env::eventually(
-            [] { return tool("snmpget", {".1.3.6.1.2.1.1.3.0"}, "public", "127.0.0.1:1163")
-                            .exit_code == 0; },
+            [] {
+                return tool("snmpget", {".1.3.6.1.2.1.1.3.0"}, "public", "127.0.0.1:1163")
+                           .exit_code == 0;
+            },
             5000));
         for (const std::string column : {".1.3.6.1.2.1.6.20.1.4", ".1.3.6.1.2.1.7.7.1.8"}) {
             std::vector<std::string> ours = indexes(column, kAgent);

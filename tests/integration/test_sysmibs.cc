@@ -19,26 +19,6 @@ const char kMeminfo[] = "MemTotal:       123456 kB\nMemFree:         23456 kB\n"
                         "SwapCached:         12 kB\nShmem:             789 kB\n"
                         "SwapTotal:       65536 kB\nSwapFree:        65000 kB\n";
 
-std::string value(const char *type, const std::string &v)
-{
-    return std::string("{\"type\":\"") + type + "\",\"value\":" + v + "}";
-}
-
-// The fixture files and the snapshot script, in this namespace only.
-void write_fixtures()
-{
-    daemon_env::overlay_dir("/etc");
-    daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
-                                                     "\toption pid 'KX100'\n"
-                                                     "\toption prod_desc 'Kelto router'\n");
-    daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
-    daemon_env::bind_text("/proc/meminfo", kMeminfo);
-    daemon_env::overlay_dir("/usr/bin");
-    daemon_env::write_file("/usr/bin/procdata.sh",
-                           "printf '412;dropbear;1;2;3\\n7;procd;4;5;6\\n' > /tmp/procstats\n",
-                           0755);
-}
-
 // The aggregate user ticks of /proc/stat divided by its CPU count (the last cpuN plus one).
 unsigned long long user_ticks_per_cpu()
 {
@@ -56,7 +36,17 @@ unsigned long long user_ticks_per_cpu()
 // Memory, CPU, process and chassis values from their files; no snapshot, no process rows.
 ISOLATED_TEST(SystemMibsTest, ServeTheFixtures)
 {
-    write_fixtures();
+    // The fixture files and the snapshot script, in this namespace only.
+    daemon_env::overlay_dir("/etc");
+    daemon_env::write_file("/etc/config/systeminfo", "config systeminfo 'sysinfo'\n"
+                                                     "\toption pid 'KX100'\n"
+                                                     "\toption prod_desc 'Kelto router'\n");
+    daemon_env::write_file("/etc/firmware_version", "3.0.2 build 77\n");
+    daemon_env::bind_text("/proc/meminfo", kMeminfo);
+    daemon_env::overlay_dir("/usr/bin");
+    daemon_env::write_file("/usr/bin/procdata.sh",
+                           "printf '412;dropbear;1;2;3\\n7;procd;4;5;6\\n' > /tmp/procstats\n",
+                           0755);
     Emu emu;
     auto d = emu.start_with_daemon();
     ASSERT_TRUE(d);
@@ -66,7 +56,7 @@ ISOLATED_TEST(SystemMibsTest, ServeTheFixtures)
         memory += emu.cli({"get", std::string("/UCD-SNMP-MIB/memory/") + leaf}) + " ";
     std::string want;
     for (const char *kb : {"123456", "23456", "65536", "65000", "88456", "789", "3456", "12"})
-        want += value("C_UINT32", kb) + " ";
+        want += std::string("{\"type\":\"C_UINT32\",\"value\":") + kb + "} ";
     EXPECT_EQ(memory, want);
 
     unsigned long long before = user_ticks_per_cpu();
