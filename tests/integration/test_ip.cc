@@ -1,4 +1,5 @@
 // IP-MIB end to end: the leisobek binary on veth pairs with IPv4 and IPv6 addresses, confd-emu-cli.
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
