@@ -8,32 +8,29 @@
 
 #include <cstring>
 
-namespace
-{
-
-template <typename T> stats_list table(stats_compare_fn compare)
-{
-    stats_list list;
-    memset(&list, 0, sizeof list);
-    list.elem_size = sizeof(T);
-    list.compare = compare;
-    return list;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const char *files[] = {
-        "/net/snmp", "/net/netstat", "/net/snmp6", "/net/if_inet6", "/net/dev_snmp6/eth0",
-        "/sys/net/ipv4/ip_forward", "/sys/net/ipv4/ip_default_ttl", "/sys/net/ipv4/ipfrag_time",
-        "/sys/net/ipv6/conf/all/forwarding", "/sys/net/ipv6/conf/default/hop_limit",
+        "/net/snmp",
+        "/net/netstat",
+        "/net/snmp6",
+        "/net/if_inet6",
+        "/net/dev_snmp6/eth0",
+        "/sys/net/ipv4/ip_forward",
+        "/sys/net/ipv4/ip_default_ttl",
+        "/sys/net/ipv4/ipfrag_time",
+        "/sys/net/ipv6/conf/all/forwarding",
+        "/sys/net/ipv6/conf/default/hop_limit",
     };
     static ip_system_stats system;
-    static stats_list if_stats = table<ip_system_stats_entry>(ip_if_stats_compare);
-    static stats_list zones = table<ip6_scope_zone_entry>(ip6_scope_zone_compare);
-    static stats_list icmp = table<icmp_stats_entry>(icmp_stats_compare);
-    static stats_list icmp_msg = table<icmp_msg_stats_entry>(icmp_msg_stats_compare);
+    static stats_list if_stats = {
+        0, 0, 0, sizeof(ip_system_stats_entry), nullptr, nullptr, ip_if_stats_compare};
+    static stats_list zones = {
+        0, 0, 0, sizeof(ip6_scope_zone_entry), nullptr, nullptr, ip6_scope_zone_compare};
+    static stats_list icmp = {
+        0, 0, 0, sizeof(icmp_stats_entry), nullptr, nullptr, icmp_stats_compare};
+    static stats_list icmp_msg = {
+        0, 0, 0, sizeof(icmp_msg_stats_entry), nullptr, nullptr, icmp_msg_stats_compare};
     static bool ready = [] {
         for (const char *dir : {"/net/dev_snmp6", "/sys/net/ipv4", "/sys/net/ipv6/conf/all",
                                 "/sys/net/ipv6/conf/default"})

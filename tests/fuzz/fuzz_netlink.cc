@@ -11,25 +11,14 @@
 #include <cstring>
 #include <vector>
 
-namespace
-{
-
-template <typename T> stats_list table(stats_compare_fn compare)
-{
-    stats_list list;
-    memset(&list, 0, sizeof list);
-    list.elem_size = sizeof(T);
-    list.compare = compare;
-    return list;
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static stats_list prefixes = table<ip_addr_prefix_entry>(ip_addr_prefix_compare);
-    static stats_list neighbours = table<ip_net_phys_entry>(ip_net_phys_compare);
-    static stats_list routers = table<ip_def_router_entry>(ip_def_router_compare);
+    static stats_list prefixes = {
+        0, 0, 0, sizeof(ip_addr_prefix_entry), nullptr, nullptr, ip_addr_prefix_compare};
+    static stats_list neighbours = {
+        0, 0, 0, sizeof(ip_net_phys_entry), nullptr, nullptr, ip_net_phys_compare};
+    static stats_list routers = {
+        0, 0, 0, sizeof(ip_def_router_entry), nullptr, nullptr, ip_def_router_compare};
     static bool ready = [] {
         // No "network" package: a link event names no section and raises nothing.
         sys_set_root(fuzz::scratch().c_str());
