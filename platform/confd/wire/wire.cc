@@ -418,9 +418,10 @@ int FrameReader::next(int fd, std::string &payload, int timeout_ms)
             tail_ -= head_;
             head_ = 0;
         }
-        // Room for what has arrived: 64 KiB, or up to the frame's end, doubling with the
-        // bytes received so a large announced length costs memory only as it arrives.
-        size_t want = std::max<size_t>(65536, std::min(need, 2 * std::max<size_t>(tail_, 4096)));
+        // Room for what has arrived: 4 KiB (a request or a reply of the daemon's), or up to a
+        // larger frame's end, doubling with the bytes received so that an announced length
+        // costs memory only as it arrives and an idle connection holds little.
+        size_t want = std::max<size_t>(4096, std::min(need, 2 * std::max<size_t>(tail_, 4096)));
         if (buf_.size() < want) buf_.resize(want);
         if (deadline >= 0) {
             int64_t left = deadline - now_ms();

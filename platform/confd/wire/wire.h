@@ -329,7 +329,7 @@ bool send_frame(int fd, const std::string &payload);
 int recv_frame(int fd, std::string &payload, int timeout_ms = -1);
 
 // Reads the frames of one socket with as few system calls as the data
-// allows: a recv takes whatever has arrived (up to 64 KiB, or what the frame
+// allows: a recv takes whatever has arrived (up to 4 KiB, or what the frame
 // under way still needs), and frames already received are handed out without
 // another call. A request then costs one recv instead of three. Bytes of a
 // later frame may stay buffered: a caller that waits for readability with
