@@ -4,6 +4,7 @@
 #include "procfs.h"
 #include "scan.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
@@ -216,8 +217,11 @@ int mask_prefix(ip_addr_value *address, int prefix_len)
     if (!address) return -1;
     uint32_t length =
         address->length < sizeof address->bytes ? address->length : sizeof address->bytes;
+    // A length from a corrupt source acts as its nearer bound, so that the arithmetic below
+    // cannot overflow.
+    int bits = std::clamp(prefix_len, 0, 8 * static_cast<int>(length));
     for (uint32_t i = 0; i < length; i++) {
-        int rest = prefix_len - 8 * static_cast<int>(i);
+        int rest = bits - 8 * static_cast<int>(i);
         if (rest < 1)
             address->bytes[i] = 0;
         else if (rest < 8)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -43,8 +44,10 @@ const char netstat_text[] = "TcpExt: SyncookiesSent PruneCalled\n"
                             "IpExt: 3 0 18446744073709551615\n";
 
 // Verifies the section reader: a section found by substring ("Ip:" skips "IcmpMsg:"), 64-bit values
-// whole, missing, short or headless sections failing; a two-line file read without a name.
-TEST(IpKit, ReadStatSection)
+// whole, missing, short or headless sections failing; a two-line file read without a name; and the
+// name/value reader on /proc/net/snmp6 text: names with digits, blank and valueless lines skipped,
+// an empty file a failure.
+TEST(IpKit, ReadStatSectionAndPairs)
 {
     EXPECT_EQ(pairs_of(snmp_text, "Ip:"),
               "Forwarding=1 DefaultTTL=64 InReceives=4035512 InHdrErrors=7");
@@ -56,12 +59,7 @@ TEST(IpKit, ReadStatSection)
     EXPECT_EQ(pairs_of("Ip: A B C\nIp: 1 2\n", "Ip:"), "fail");
     EXPECT_EQ(pairs_of("Alpha Beta\n10 20\n", nullptr), "Alpha=10 Beta=20");
     EXPECT_EQ(pairs_of(snmp_text, nullptr), "fail");
-}
 
-// Verifies the name/value reader on /proc/net/snmp6 text: names with digits, blank and valueless
-// lines skipped, an empty file a failure.
-TEST(IpKit, ReadStatPairs)
-{
     EXPECT_EQ(pairs_of("Ip6InReceives                   \t1\n"
                        "\n"
                        "Icmp6InType133                  \t4294967296\n"
@@ -100,6 +98,8 @@ TEST(IpKit, MaskPrefix)
         {32, "ffffffff" + std::string(24, '0')},
         {64, std::string(16, 'f') + std::string(16, '0')},
         {128, std::string(32, 'f')},
+        {INT_MIN, std::string(32, '0')}, // from a corrupt length: no overflow (fuzz finding)
+        {INT_MAX, std::string(32, 'f')},
     };
     for (const auto &c : v6) {
         ip_addr_value a;
