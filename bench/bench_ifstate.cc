@@ -74,7 +74,7 @@ long requests_of(const harness::CmdResult &r)
     if (r.exit_code != 0 || r.out.compare(0, 1, "[") != 0) return -1;
     // Every value printed, key or leaf, carries a type; each row has one key: the get_next requests
     // and the get_elem ones together are one more than the values.
-    return long(bench::count_of(r.out, "\"type\":")) + 1;
+    return long(harness::count_of(r.out, "\"type\":")) + 1;
 }
 
 int run(const std::vector<int> &sizes, int walks)

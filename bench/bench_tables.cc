@@ -243,7 +243,7 @@ bool measure(const table_kind &kind, int n, int rounds, pid_t daemon, time_t &re
         }
         walk_stat.push_back(after.stat_ms - before.stat_ms - (fresh ? 0 : refresh_stat.back()));
         walk_sched.push_back(after.sched_ms - before.sched_ms - (fresh ? 0 : refresh_sched.back()));
-        rows.push_back(static_cast<double>(bench::count_of(w.out, "{\"keys\":")));
+        rows.push_back(static_cast<double>(harness::count_of(w.out, "{\"keys\":")));
 
         // What (a) costs besides the refresh itself: the same request answered from the cache (the
         // cookie of the first row never refreshes).

@@ -110,15 +110,6 @@ inline void wait_until_due(time_t refreshed_at)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-// How often needle occurs in text.
-inline size_t count_of(const std::string &text, const char *needle)
-{
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        n++;
-    return n;
-}
-
 // The positive numbers of a comma-separated list ("1000,10000").
 inline std::vector<int> parse_sizes(const std::string &list)
 {

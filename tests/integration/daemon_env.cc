@@ -170,11 +170,7 @@ std::string Emu::wait_notifications(size_t n) const
     std::string log;
     eventually([&] {
         log = notifications();
-        size_t count = 0;
-        for (size_t at = log.find("\"varbinds\":"); at != std::string::npos;
-             at = log.find("\"varbinds\":", at + 1))
-            ++count;
-        return count >= n;
+        return harness::count_of(log, "\"varbinds\":") >= n;
     });
     return log;
 }

@@ -139,6 +139,14 @@ std::string read_file(const std::string &path)
     return ss.str();
 }
 
+size_t count_of(const std::string &text, const std::string &needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        n++;
+    return n;
+}
+
 pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd,
             const std::vector<std::string> &env_extra)
 {

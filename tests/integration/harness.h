@@ -18,6 +18,9 @@ sockaddr_in loopback(int port); // 127.0.0.1:port
 // The whole text of a file, "" when it cannot be read.
 std::string read_file(const std::string &path);
 
+// How often needle occurs in text.
+size_t count_of(const std::string &text, const std::string &needle);
+
 // Starts argv (argv[0] is its path) with stdin from /dev/null and stdout and stderr on the given
 // fds, and env_extra ("NAME=value") replacing inherited variables of the same name. Returns the
 // pid, -1 when it could not start.

@@ -47,14 +47,6 @@ bool closed_by_server(int fd, int ms)
     return false;
 }
 
-int count(const std::string &text, const std::string &what)
-{
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        n++;
-    return n;
-}
-
 TEST(EmuBadClientTest, EveryOffenderIsClosedWhileTheCliIsServed)
 {
     harness::Emu emu({"--timeout-ms", "1000"});
@@ -71,8 +63,8 @@ TEST(EmuBadClientTest, EveryOffenderIsClosedWhileTheCliIsServed)
     std::vector<Offender> bad;
     bad.push_back({"oversized frame", std::string("\x7f\xff\xff\xff", 4), "Message too long", {}});
     bad.push_back({"garbage", frame("\x42garbage"), "did not open with a hello", {}});
-    bad.push_back({"half a frame", cli_hello() + std::string("\0\0\1\0hal", 7),
-                   "Connection timed out", {}});
+    bad.push_back(
+        {"half a frame", cli_hello() + std::string("\0\0\1\0hal", 7), "Connection timed out", {}});
     bad.push_back({"silent", "", "no hello", {}});
     for (Offender &o : bad) {
         o.fd = sockets::connect_to("127.0.0.1", port);
@@ -91,7 +83,8 @@ TEST(EmuBadClientTest, EveryOffenderIsClosedWhileTheCliIsServed)
     w.u32(2).str("get").str("/" + std::string(60000, 'x'));
     const std::string command = frame(w.payload());
     size_t sent = 0;
-    for (int i = 0; i < 200 && count(emu.log(), "send: Resource temporarily unavailable") == 0;) {
+    for (int i = 0;
+         i < 200 && harness::count_of(emu.log(), "send: Resource temporarily unavailable") == 0;) {
         ssize_t r = send(deaf.get(), command.data() + sent, command.size() - sent, MSG_NOSIGNAL);
         if (r > 0) sent = (sent + size_t(r)) % command.size();
         if (r <= 0) {
@@ -102,20 +95,24 @@ TEST(EmuBadClientTest, EveryOffenderIsClosedWhileTheCliIsServed)
 
     // Hundreds of idle connections at once.
     std::vector<unique_fd> crowd;
-    for (int i = 0; i < 300; i++) crowd.push_back(sockets::connect_to("127.0.0.1", port));
+    for (int i = 0; i < 300; i++)
+        crowd.push_back(sockets::connect_to("127.0.0.1", port));
 
     // While all of them hold on, the command-line client is served.
     harness::CmdResult st = emu.cli({"status"}, 5000);
     EXPECT_EQ(st.exit_code, 0) << st.err;
 
-    for (Offender &o : bad) EXPECT_TRUE(closed_by_server(o.fd.get(), 8000)) << o.name;
+    for (Offender &o : bad)
+        EXPECT_TRUE(closed_by_server(o.fd.get(), 8000)) << o.name;
     EXPECT_TRUE(closed_by_server(deaf.get(), 8000)) << "a client that never reads";
-    for (unique_fd &c : crowd) ASSERT_TRUE(closed_by_server(c.get(), 4000));
+    for (unique_fd &c : crowd)
+        ASSERT_TRUE(closed_by_server(c.get(), 4000));
 
     std::string log = emu.log();
-    for (const Offender &o : bad) EXPECT_GE(count(log, o.logged), 1) << o.name << "\n" << log;
-    EXPECT_GE(count(log, "send: Resource temporarily unavailable"), 1) << log;
-    EXPECT_GE(count(log, "no hello"), 301) << "every idle connection, with its reason";
+    for (const Offender &o : bad)
+        EXPECT_GE(harness::count_of(log, o.logged), 1u) << o.name << "\n" << log;
+    EXPECT_GE(harness::count_of(log, "send: Resource temporarily unavailable"), 1u) << log;
+    EXPECT_GE(harness::count_of(log, "no hello"), 301u) << "every idle connection, with its reason";
     st = emu.cli({"status"}, 5000);
     EXPECT_EQ(st.exit_code, 0) << st.err;
 }

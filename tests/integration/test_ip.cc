@@ -61,13 +61,8 @@ void make_interfaces()
         "preferred_lft", "1000"});
     sh({kIp, "-6", "addr", "add", "fd00::5/128", "dev", "vd0"});
     // Link-local addresses come with the carrier; wait until all four have theirs.
-    ASSERT_TRUE(daemon_env::eventually([] {
-        std::string text = harness::read_file("/proc/net/if_inet6");
-        size_t link_local = 0;
-        for (size_t at = text.find("fe80"); at != std::string::npos; at = text.find("fe80", at + 1))
-            link_local++;
-        return link_local == 4;
-    }));
+    ASSERT_TRUE(daemon_env::eventually(
+        [] { return harness::count_of(harness::read_file("/proc/net/if_inet6"), "fe80") == 4; }));
 }
 
 // The leaves of every row of a walk, by the row's keys joined with blanks.

@@ -47,18 +47,20 @@ Varbinds varbinds(const std::string &out)
     return vbs;
 }
 
+// The numbers of a numeric OID.
+std::vector<unsigned long> oid_parts(const std::string &s)
+{
+    std::vector<unsigned long> v;
+    std::istringstream in(s);
+    for (std::string p; std::getline(in, p, '.');)
+        if (!p.empty()) v.push_back(std::stoul(p));
+    return v;
+}
+
 // Numeric OIDs compared as SNMP orders them.
 bool oid_less(const std::string &a, const std::string &b)
 {
-    auto parts = [](const std::string &s) {
-        std::vector<unsigned long> v;
-        std::istringstream in(s);
-        std::string p;
-        while (std::getline(in, p, '.'))
-            if (!p.empty()) v.push_back(std::stoul(p));
-        return v;
-    };
-    return parts(a) < parts(b);
+    return oid_parts(a) < oid_parts(b);
 }
 
 // A table column as confd-emu-cli walks it, in SNMP order, the OIDs keep accepts only: each row's
@@ -97,10 +99,7 @@ std::vector<std::string> indexes(const std::string &column, const char *agent)
     std::vector<std::string> out;
     for (auto &vb : varbinds(tool("snmpbulkwalk", {column}, "public", agent).out)) {
         std::string index = vb.first.substr(column.size());
-        std::vector<unsigned long> part;
-        std::istringstream in(index);
-        for (std::string p; std::getline(in, p, '.');)
-            if (!p.empty()) part.push_back(std::stoul(p));
+        std::vector<unsigned long> part = oid_parts(index);
         if (part.size() < 7 || part[6] < 32768) out.push_back(index);
     }
     return out;

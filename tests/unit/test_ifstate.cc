@@ -74,9 +74,10 @@ class IfStateTest : public ::testing::Test
     IfStateEnv env_;
 };
 
-// Verifies the tokenizer: empty fields are returned, and text after the last delimiter is never
-// returned.
-TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
+// Verifies the tokenizer (empty fields are returned, text after the last delimiter never is), then
+// one refresh over the three files: the line kinds, a duplicate name, the decimal MAC, a
+// non-numeric counter, the walk order and that the wireless file is read only on a wireless model.
+TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
 {
     char line[] = "a,,b\nc";
     std::vector<std::string> tokens;
@@ -84,12 +85,7 @@ TEST(IfStateTokenTest, EmptyFieldsKeptLastFieldNeedsADelimiter)
         tokens.push_back(t);
     EXPECT_EQ(tokens, (std::vector<std::string>{"a", "", "b"}));
     EXPECT_EQ(if_state_token(nullptr, ",\n"), nullptr);
-}
 
-// Verifies one refresh over the three files: the line kinds, a duplicate name, the decimal MAC, a
-// non-numeric counter, the walk order and that the wireless file is read only on a wireless model.
-TEST_F(IfStateTest, RefreshReadsTheFilesLineByLine)
-{
     env_.files(v4("br-lan", 5, "10", "12a") + "v6,br-lan,whatever,\n" + "ppp,PPTP,\n" +
                    v4("br-lan", 3) + v4("eth0", 4, "1", "1", "-"),
                port("WAN", 9, "7", true), port("LAN1", 2) + "\n");

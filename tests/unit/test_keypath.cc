@@ -41,8 +41,10 @@ Value typed(int t, std::string_view text)
 } // namespace
 
 // Table leaves and a scalar print back as they were written (the reversed hkeypath layout and the
-// keys typed by their key leaves are what the test daemons of test_emu index into).
-TEST(Keypath, TableLeafLayout)
+// keys typed by their key leaves are what the test daemons of test_emu index into); keys by enum
+// name and prefixed node names read (keys of a forced type reach the daemon's type guards in the
+// IP-MIB and private MIB end-to-end tests).
+TEST(Keypath, TableLeafLayoutAndKeyForms)
 {
     const Schema &s = models();
     ParsedPath p;
@@ -59,15 +61,7 @@ TEST(Keypath, TableLeafLayout)
     EXPECT_EQ(p.steps[2].keys[1].type, 39);
     EXPECT_TRUE(p.steps[2].keys[1].bytes.empty());
     EXPECT_EQ(emu::pp_path(s, p), udp);
-}
 
-// Keys by enum name and prefixed node names (keys of a forced type reach the daemon's type guards
-// in the IP-MIB and private MIB end-to-end tests).
-TEST(Keypath, KeyForms)
-{
-    const Schema &s = models();
-    ParsedPath p;
-    std::string err;
     ASSERT_TRUE(emu::parse_keypath(s,
                                    "/TCP-MIB:TCP-MIB/tcpListenerTable/tcpListenerEntry{ipv6 "
                                    "00000000000000000000000000000001 22}",
