@@ -87,27 +87,21 @@ TEST(TraceTest, SilentUnlessEnabled)
     EXPECT_EQ(out.find('\n'), std::string::npos);
 }
 
-// Verifies that a command's answer is its first line, cut to the buffer, "" when it prints nothing.
-TEST(CommandLineTest, FirstLineBoundedAndEmptyWhenSilent)
+// Verifies that a command's answer is its first line, cut to the buffer, "" when it prints nothing;
+// that under a fixture tree the daemon's commands run the fixture's scripts and are recorded, and
+// that a router script the test did not provide cannot run at all.
+TEST(CommandLineTest, FirstLineOfTheFixtureScriptsInPlaceOfTheRouters)
 {
     char answer[128];
     read_command_line("printf 'TX410W\\nsecond line\\n'", answer, sizeof answer);
     EXPECT_STREQ(answer, "TX410W");
-
     read_command_line("printf '%0200d\\n' 0", answer, sizeof answer);
     EXPECT_EQ(std::string(answer), std::string(127, '0'));
-
     read_command_line("true", answer, sizeof answer);
     EXPECT_STREQ(answer, "");
-}
 
-// Verifies that under a fixture tree the daemon's commands run the fixture's scripts and are
-// recorded, and that a router script the test did not provide cannot run at all.
-TEST(CommandLineTest, FixtureScriptsTakeThePlaceOfTheRouters)
-{
     FixtureEnv env;
     env.script("/usr/bin/uci", "echo TX630W-0815");
-    char answer[128];
     read_command_line("uci get systeminfo.sysinfo.pid | cut -d'-' -f1", answer, sizeof answer);
     EXPECT_STREQ(answer, "TX630W");
 
