@@ -40,8 +40,8 @@ const char *trans_cb_name(TransCb cb)
 
 DpSession::DpSession(Registry &reg, const Schema &schema, int mode, std::string context,
                      std::string user)
-    : reg_(reg), schema_(schema), mode_(mode), context_(std::move(context)),
-      user_(std::move(user)), usid_(reg.new_usid())
+    : reg_(reg), schema_(schema), mode_(mode), context_(std::move(context)), user_(std::move(user)),
+      usid_(reg.new_usid())
 {
 }
 
@@ -53,15 +53,25 @@ DpSession::~DpSession()
 bool DpSession::request(Txn &txn, const ConnPtr &conn, uint32_t rid, const std::string &payload,
                         const char *what, DpReply &out, std::string &err)
 {
-    if (txn.dead || !conn) {
-        err = "daemon " + txn.route.daemon + " is gone";
-        txn.dead = true;
-        return false;
-    }
+    if (!usable(txn, conn, err)) return false;
     std::string reply;
-    switch (reg_.call(conn, rid, payload, reply)) {
+    return settled(txn, reg_.call(conn, rid, payload, reply), what, err) &&
+           decode(txn, reply, what, out, err);
+}
+
+bool DpSession::usable(Txn &txn, const ConnPtr &conn, std::string &err)
+{
+    if (!txn.dead && conn) return true;
+    err = "daemon " + txn.route.daemon + " is gone";
+    txn.dead = true;
+    return false;
+}
+
+bool DpSession::settled(Txn &txn, CallStatus status, const char *what, std::string &err)
+{
+    switch (status) {
     case CallStatus::Replied:
-        break;
+        return true;
     case CallStatus::TimedOut:
         err = "daemon " + txn.route.daemon + " did not answer " + what + " within " +
               std::to_string(reg_.timeout_ms()) + " ms";
@@ -79,6 +89,12 @@ bool DpSession::request(Txn &txn, const ConnPtr &conn, uint32_t rid, const std::
         txn.dead = true;
         return false;
     }
+    return false;
+}
+
+bool DpSession::decode(Txn &txn, const std::string &reply, const char *what, DpReply &out,
+                       std::string &err)
+{
     Reader r(reply);
     r.op();
     r.u32(); // rid, matched already
@@ -215,23 +231,60 @@ bool DpSession::data_call(Txn &txn, const SchemaNode *node, DataCb cb,
                           const confd_wire::KeyPath &kp, const std::function<void(Writer &)> &extra,
                           DpReply &out, std::string &err)
 {
-    const SchemaNode *owner = schema_.callpoint_owner(node);
-    const std::string cp = owner ? owner->callpoint : std::string();
-    Route route;
-    std::string ignored;
-    uint32_t mask = txn.route.data_mask;
-    if (reg_.route(cp, route, ignored) && route.daemon_id == txn.route.daemon_id)
-        mask = route.data_mask;
-    if (!(mask & (1u << static_cast<unsigned>(cb)))) {
-        err = "callpoint " + cp + " of daemon " + txn.route.daemon + " has no " + data_cb_name(cb) +
-              " callback";
-        return false;
-    }
+    std::string cp;
+    if (!served(txn, node, cb, cp, err)) return false;
     uint32_t rid = reg_.new_rid();
     Writer w(Op::DataCall);
     w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(cb)).str(cp).keypath(kp);
     if (extra) extra(w);
     return request(txn, txn.worker, rid, w.payload(), data_cb_name(cb), out, err);
+}
+
+bool DpSession::served(Txn &txn, const SchemaNode *node, DataCb cb, std::string &cp,
+                       std::string &err)
+{
+    const SchemaNode *owner = schema_.callpoint_owner(node);
+    cp = owner ? owner->callpoint : std::string();
+    Route route;
+    std::string ignored;
+    uint32_t mask = txn.route.data_mask;
+    if (reg_.route(cp, route, ignored) && route.daemon_id == txn.route.daemon_id)
+        mask = route.data_mask;
+    if (mask & (1u << static_cast<unsigned>(cb))) return true;
+    err = "callpoint " + cp + " of daemon " + txn.route.daemon + " has no " + data_cb_name(cb) +
+          " callback";
+    return false;
+}
+
+bool DpSession::get_elems(Txn &txn, const SchemaNode *leaf,
+                          const std::vector<confd_wire::KeyPath> &kps, std::vector<DpReply> &out,
+                          std::string &err)
+{
+    out.assign(kps.size(), DpReply());
+    std::string cp;
+    if (!served(txn, leaf, DataCb::GetElem, cp, err) || !usable(txn, txn.worker, err)) return false;
+    // Every request goes out before the first answer is awaited: the daemon reads them in one go
+    // and answers them back to back, so the whole batch costs about one round trip.
+    std::vector<uint32_t> rids;
+    CallStatus failed;
+    bool sent = true;
+    for (const confd_wire::KeyPath &kp : kps) {
+        uint32_t rid = reg_.new_rid();
+        Writer w(Op::DataCall);
+        w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(DataCb::GetElem)).str(cp).keypath(kp);
+        if (!(sent = reg_.send_request(txn.worker, rid, w.payload(), failed))) break;
+        rids.push_back(rid);
+    }
+    bool ok = sent || settled(txn, failed, "get_elem", err);
+    // Every answer is collected, also after a failure, so that no request stays registered (a
+    // dead daemon's are failed at once).
+    for (size_t i = 0; i < rids.size(); i++) {
+        std::string reply;
+        CallStatus st = reg_.await_reply(rids[i], reply);
+        if (ok)
+            ok = settled(txn, st, "get_elem", err) && decode(txn, reply, "get_elem", out[i], err);
+    }
+    return ok;
 }
 
 void DpSession::finish(Txn &txn)

@@ -64,6 +64,11 @@ class DpSession
                    const confd_wire::KeyPath &kp,
                    const std::function<void(confd_wire::Writer &)> &extra, DpReply &out,
                    std::string &err);
+    // get_elem of leaf at every keypath of kps in one batch: all requests are sent before the
+    // first answer is awaited. out gets one reply per keypath; false with a message when any
+    // request got no usable answer.
+    bool get_elems(Txn &txn, const SchemaNode *leaf, const std::vector<confd_wire::KeyPath> &kps,
+                   std::vector<DpReply> &out, std::string &err);
     // Finishes (trans_finish) every open transaction; errors are only logged.
     void finish_all();
     // The user session the transactions run in.
@@ -73,6 +78,18 @@ class DpSession
     // Sends a request carrying rid and decodes the Reply. what names the request in messages.
     bool request(Txn &txn, const ConnPtr &conn, uint32_t rid, const std::string &payload,
                  const char *what, DpReply &out, std::string &err);
+    // True when txn's daemon registered callback cb for the callpoint serving node (cp gets its
+    // name); false with a message otherwise.
+    bool served(Txn &txn, const SchemaNode *node, confd_wire::DataCb cb, std::string &cp,
+                std::string &err);
+    // False with a message when txn's daemon is gone.
+    bool usable(Txn &txn, const ConnPtr &conn, std::string &err);
+    // False with a message (and the daemon treated as dead where it timed out) unless the request
+    // was answered.
+    bool settled(Txn &txn, CallStatus status, const char *what, std::string &err);
+    // Reads a Reply frame into out.
+    bool decode(Txn &txn, const std::string &reply, const char *what, DpReply &out,
+                std::string &err);
     void finish(Txn &txn);
 
     Registry &reg_;

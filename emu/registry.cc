@@ -28,8 +28,7 @@ bool Conn::send(const std::string &payload)
 {
     std::lock_guard<std::mutex> lk(send_mu_);
     if (broken_) return false;
-    if (confd_wire::send_frame(fd_, payload))
-        return true;
+    if (confd_wire::send_frame(fd_, payload)) return true;
     // Part of the frame may have gone out: the stream is out of step for good. A peer that has
     // not read its replies for the send time-out ends here too (EAGAIN).
     std::fprintf(stderr, "confd-emu: closing connection %u from %s:%u: send: %s\n", id_,
@@ -299,21 +298,33 @@ uint32_t Registry::new_rid()
 CallStatus Registry::call(const ConnPtr &conn, uint32_t rid, const std::string &payload,
                           std::string &reply)
 {
+    CallStatus failed;
+    if (!send_request(conn, rid, payload, failed)) return failed;
+    return await_reply(rid, reply);
+}
+
+bool Registry::send_request(const ConnPtr &conn, uint32_t rid, const std::string &payload,
+                            CallStatus &failed)
+{
     {
         std::lock_guard<std::mutex> lk(mu_);
-        if (stopping_) return CallStatus::Stopped;
+        failed = stopping_ ? CallStatus::Stopped : CallStatus::Closed;
         // A connection whose reader has ended would never deliver the answer.
-        if (!conns_.count(conn->id())) return CallStatus::Closed;
+        if (stopping_ || !conns_.count(conn->id())) return false;
         pending_[rid].conn_id = conn->id();
     }
     // Sent outside the lock: a daemon that does not read must not stall everybody else.
-    bool sent = conn->send(payload);
+    if (conn->send(payload)) return true;
+    std::lock_guard<std::mutex> lk(mu_);
+    pending_.erase(rid);
+    return false;
+}
+
+CallStatus Registry::await_reply(uint32_t rid, std::string &reply)
+{
     std::unique_lock<std::mutex> lk(mu_);
     auto it = pending_.find(rid);
-    if (!sent) {
-        pending_.erase(it);
-        return CallStatus::Closed;
-    }
+    if (it == pending_.end()) return CallStatus::Closed;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms_);
     bool woke = cv_.wait_until(lk, deadline, [&] { return it->second.done || stopping_; });
     CallStatus st;

@@ -120,6 +120,12 @@ class Registry
     // time-out. On Replied, reply holds the frame. A frame that comes later than that is dropped.
     CallStatus call(const ConnPtr &conn, uint32_t rid, const std::string &payload,
                     std::string &reply);
+    // call() in two halves, so that several requests can be outstanding on one connection:
+    // send_request registers rid and sends payload (false, with the reason in failed, when the
+    // connection is gone or the emulator stops); await_reply waits for that rid's Reply.
+    bool send_request(const ConnPtr &conn, uint32_t rid, const std::string &payload,
+                      CallStatus &failed);
+    CallStatus await_reply(uint32_t rid, std::string &reply);
     // Hands a Reply frame read on conn to the request waiting for it; stale or foreign rids are
     // dropped.
     void deliver(const ConnPtr &conn, uint32_t rid, std::string payload);

@@ -4,7 +4,9 @@
 // branch, nested subtrees merged into their parent). Inside a subtree the handler knows every
 // scalar and column in OID order; a table's rows come from one walk of the daemon's list (kept for
 // a short while, so a bulk walk does not repeat it per PDU), ordered by their SMIv2 index. Values
-// come from get_elem in a transaction opened for the PDU, exactly as confd-emu-cli asks for them.
+// come from get_elem in a transaction opened for the PDU, exactly as confd-emu-cli asks for them;
+// for a GETBULK the values of a column's next rows are asked for in one batch (the repetitions
+// will read them), and kept only until the PDU is answered.
 // net-snmp runs on the agent's own thread only; other threads hand notifications over through a
 // queue and an eventfd.
 #include "snmp_agent.h"
@@ -52,6 +54,9 @@ namespace
 // How long a table's row list serves GETNEXT requests before the daemon is walked again (as
 // long as a bulk walk of a 20 000-row table takes; snmpd keeps its tables about as long).
 constexpr auto kRowsTtl = std::chrono::milliseconds(5000);
+
+// Most values of one column asked for in one batch.
+constexpr size_t kMaxAhead = 64;
 
 // Entries whose last index is IMPLIED in their MIB (a string index without its length).
 bool implied_last(const SchemaNode *list)
@@ -376,6 +381,28 @@ struct Rows {
 
 enum class Got { Value, Missing, Failed };
 
+// What a get_elem reply means for a varbind.
+Got got_of(DpReply &r, Value &out)
+{
+    if (r.kind == ReplyKind::NotFound ||
+        (r.kind == ReplyKind::Value && r.value.type == confd_wire::T_NOEXISTS))
+        return Got::Missing;
+    if (r.kind != ReplyKind::Value) return Got::Failed;
+    out = std::move(r.value);
+    return Got::Value;
+}
+
+// Values of one column read ahead for the PDU being answered: rows first, first + 1, ... of a
+// table's row list as it stood at time at.
+struct Ahead {
+    const SchemaNode *leaf = nullptr;
+    const Rows *rows = nullptr;
+    std::chrono::steady_clock::time_point at;
+    size_t first = 0;
+    std::vector<Got> got;
+    std::vector<Value> values;
+};
+
 } // namespace
 
 struct SnmpAgent::Impl {
@@ -386,6 +413,7 @@ struct SnmpAgent::Impl {
 
     std::vector<std::unique_ptr<Subtree>> subtrees;
     std::map<const SchemaNode *, Rows> rows_cache;
+    Ahead ahead;                        // for the PDU being handled
     std::unique_ptr<DpSession> session; // for the PDU being handled
     std::map<std::string, Oid> names;   // leaf name -> OID, for notification bindings
 
@@ -426,12 +454,14 @@ struct SnmpAgent::Impl {
     }
     ParsedPath path_of(const SchemaNode *leaf, const std::vector<Value> &keys) const;
     Got get(const Object &o, const std::vector<Value> &keys, Value &out);
+    Got get_ahead(const Object &o, const Rows &rows, size_t pos, size_t batch, Value &out);
     const Rows *rows_of(const SchemaNode *list);
     bool walk(const SchemaNode *list, std::vector<std::vector<Value>> &out, std::string &err);
     void handle_get(const Subtree &st, netsnmp_agent_request_info *ri, netsnmp_request_info *r);
     void handle_next(const Subtree &st, netsnmp_agent_request_info *ri, netsnmp_request_info *r);
     bool answer(const Object &o, const Oid &instance, const std::vector<Value> &keys,
-                netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next);
+                netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next,
+                const Rows *rows = nullptr, size_t pos = 0);
     void handle_set(const Subtree &st, int mode, netsnmp_agent_request_info *ri,
                     netsnmp_request_info *requests);
     void end_set();
@@ -527,12 +557,38 @@ Got SnmpAgent::Impl::get(const Object &o, const std::vector<Value> &keys, Value 
         std::fprintf(stderr, "confd-emu: snmp: %s\n", err.c_str());
         return Got::Failed;
     }
-    if (r.kind == ReplyKind::NotFound ||
-        (r.kind == ReplyKind::Value && r.value.type == confd_wire::T_NOEXISTS))
-        return Got::Missing;
-    if (r.kind != ReplyKind::Value) return Got::Failed;
-    out = std::move(r.value);
-    return Got::Value;
+    return got_of(r, out);
+}
+
+// The value of column o at row pos of rows, read with those of the batch - 1 rows after it when
+// the read-ahead does not hold it yet.
+Got SnmpAgent::Impl::get_ahead(const Object &o, const Rows &rows, size_t pos, size_t batch,
+                               Value &out)
+{
+    Ahead &a = ahead;
+    bool held = a.leaf == o.leaf && a.rows == &rows && a.at == rows.at && pos >= a.first &&
+                pos < a.first + a.got.size();
+    if (!held) {
+        size_t n = std::min(batch, rows.rows.size() - pos);
+        std::vector<confd_wire::KeyPath> kps;
+        for (size_t i = pos; i < pos + n; i++)
+            kps.push_back(to_hkeypath(path_of(o.leaf, rows.rows[i].keys)));
+        std::string err;
+        DpSession &s = dp();
+        DpSession::Txn *t = s.txn_for(o.leaf, err);
+        std::vector<DpReply> replies;
+        if (!t || !s.get_elems(*t, o.leaf, kps, replies, err)) {
+            std::fprintf(stderr, "confd-emu: snmp: %s\n", err.c_str());
+            a = Ahead();
+            return Got::Failed;
+        }
+        a = Ahead{o.leaf, &rows, rows.at, pos, std::vector<Got>(n), std::vector<Value>(n)};
+        for (size_t i = 0; i < n; i++)
+            a.got[i] = got_of(replies[i], a.values[i]);
+    }
+    size_t i = pos - a.first;
+    if (a.got[i] == Got::Value) out = a.values[i];
+    return a.got[i];
 }
 
 // Every row of list, keys only, in the daemon's order (get_next, or find_next when the daemon
@@ -634,10 +690,17 @@ const Rows *SnmpAgent::Impl::rows_of(const SchemaNode *list)
 // Fills the request with the object's value at instance; for GETNEXT also its name. False when the
 // instance has no value (the caller then answers noSuchInstance or looks further).
 bool SnmpAgent::Impl::answer(const Object &o, const Oid &instance, const std::vector<Value> &keys,
-                             netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next)
+                             netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next,
+                             const Rows *rows, size_t pos)
 {
+    // A GETBULK will ask for the rows after this one too, up to its max-repetitions.
+    size_t batch = 1;
+    netsnmp_pdu *pdu = ri->asp ? ri->asp->pdu : nullptr;
+    if (rows && pdu && pdu->command == SNMP_MSG_GETBULK && pdu->max_repetitions > 1)
+        batch = std::min(static_cast<size_t>(pdu->max_repetitions), kMaxAhead);
     Value v;
-    Got g = get(o, keys, v);
+    Got g = batch > 1 && !o.leaf->is_key && !stored(o.leaf) ? get_ahead(o, *rows, pos, batch, v)
+                                                            : get(o, keys, v);
     if (g == Got::Missing) return false;
     SnmpValue sv;
     if (g == Got::Failed || !to_snmp(o.smi, v, sv)) {
@@ -703,7 +766,7 @@ void SnmpAgent::Impl::handle_next(const Subtree &st, netsnmp_agent_request_info 
         for (; row != rows->rows.end(); ++row) {
             Oid inst = o.oid;
             inst.insert(inst.end(), row->index.begin(), row->index.end());
-            if (answer(o, inst, row->keys, ri, r, true)) return;
+            if (answer(o, inst, row->keys, ri, r, true, rows, row - rows->rows.begin())) return;
         }
     }
     // Nothing left here: the agent goes on with the next subtree.
@@ -1036,6 +1099,7 @@ void SnmpAgent::Impl::loop()
         netsnmp_check_outstanding_agent_requests();
         // Each PDU runs in transactions of its own.
         session.reset();
+        ahead = Ahead();
         end_set();
     }
 }

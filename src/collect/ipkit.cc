@@ -4,7 +4,6 @@
 #include "procfs.h"
 #include "scan.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
@@ -32,7 +31,7 @@ void append_pair(item_list *out, const char *name, uint64_t value)
 {
     stat_pair pair;
     memset(&pair, 0, sizeof pair);
-    snprintf(pair.name, sizeof pair.name, "%s", name);
+    snprintf(pair.name, sizeof pair.name, "%s", name ? name : "");
     pair.value = value;
     item_list_append(out, &pair);
 }
@@ -219,7 +218,8 @@ int mask_prefix(ip_addr_value *address, int prefix_len)
         address->length < sizeof address->bytes ? address->length : sizeof address->bytes;
     // A length from a corrupt source acts as its nearer bound, so that the arithmetic below
     // cannot overflow.
-    int bits = std::clamp(prefix_len, 0, 8 * static_cast<int>(length));
+    int most = 8 * static_cast<int>(length);
+    int bits = prefix_len < 0 ? 0 : prefix_len > most ? most : prefix_len;
     for (uint32_t i = 0; i < length; i++) {
         int rest = bits - 8 * static_cast<int>(i);
         if (rest < 1)

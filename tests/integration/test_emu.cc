@@ -462,6 +462,26 @@ TEST_F(EmuTest, SilentCallbackTimesOut)
               "{\"error\":\"no daemon has registered callpoint tcp_status\"}");
 }
 
+// Verifies that a GETBULK through the SNMP front end, which reads a column's values ahead in
+// batches, answers each row as one get_elem would: more rows than a batch holds, and a failing
+// get_elem a genErr.
+TEST_F(EmuTest, SnmpBulkReadsAColumnAhead)
+{
+    const std::string agent = "127.0.0.1:" + std::to_string(20000 + getpid() % 10000);
+    start({"--snmp", "udp:" + agent}, true, 100);
+    auto bulk = [&] { // exactly the column's 100 rows
+        return harness::run({"/usr/bin/snmpbulkget", "-v2c", "-c", "public", "-Oqv", "-Cn0",
+                             "-Cr100", "-t", "2", "-r", "0", agent, ".1.3.6.1.2.1.6.20.1.4"});
+    };
+    std::string want;
+    for (int p = 1; p <= 100; p++)
+        want += std::to_string(100000 + p) + "\n";
+    harness::CmdResult r = bulk();
+    EXPECT_EQ(r.out, want) << r.err << emu_->log();
+    daemon_->quirk = Quirk::Error;
+    EXPECT_NE(bulk().err.find("genError"), std::string::npos);
+}
+
 // Verifies that a 10 000-row walk and two threads' SNMP notifications on the same worker socket all
 // arrive whole, each thread's in its own order. (Run under the tsan preset too.)
 TEST_F(EmuTest, ThreadedWalkAndNotificationsShareTheWorkerSocket)
