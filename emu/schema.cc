@@ -468,6 +468,7 @@ bool Schema::Impl::annotate(SchemaNode &n, const lysc_node *ln, std::string &err
         }
         n.oid = e->argument;
     }
+    n.not_accessible = find_ext(ln->exts, "snmp-not-accessible") != nullptr;
     return true;
 }
 

@@ -42,6 +42,7 @@ struct SchemaNode {
     std::string callpoint;
     CpKind cpkind = CpKind::None; // declared on this node
     std::string oid;              // lx:snmp-oid, dotted, or empty
+    bool not_accessible = false;  // lx:snmp-not-accessible: an index object, never read by SNMP
     const struct lysc_node *lys = nullptr;
 };
 

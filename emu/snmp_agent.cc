@@ -489,7 +489,8 @@ void SnmpAgent::Impl::build()
             }
             if (!p->oid.empty()) root = p;
         }
-        if (lists > 1 || (o.list && o.list->oid.empty())) continue;
+        // An index object its MIB declares not-accessible names rows only.
+        if (lists > 1 || (o.list && o.list->oid.empty()) || n->not_accessible) continue;
         Oid r;
         if (!parse_oid(root->oid, r)) continue;
         by_root[r].push_back(std::move(o));

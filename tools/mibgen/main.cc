@@ -143,7 +143,10 @@ bool write_module(const emu::Schema &s, const std::string &module, const std::st
                 }
             out << "\n}\n\n";
         } else if (n->kind == NodeKind::Leaf) {
-            object(out, n->name, syntax(n), n->config ? "read-write" : "read-only", "", oid);
+            const char *access = n->not_accessible ? "not-accessible"
+                                 : n->config       ? "read-write"
+                                                   : "read-only";
+            object(out, n->name, syntax(n), access, "", oid);
         }
         named[n->oid] = n->name;
     }
