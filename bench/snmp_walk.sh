@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# snmpbulkwalk of tcpConnectionState at N loopback connections: wall time and CPU per varbind of
+# snmpbulkwalk of tcpConnectionTable at N loopback connections: wall time and CPU per varbind of
 # confd-emu's SNMP front end plus the daemon, beside net-snmp's snmpd walking the same table in the
-# same namespace. Run as root: bench/snmp_walk.sh [N ...] (PRESET=release by default; build the
+# same namespace (ratio: ours over snmpd's), and how many of the N connections each agent lists
+# with their owning process (tcpConnectionProcess not 0). Run as root: bench/snmp_walk.sh [N ...] (PRESET=release by default; build the
 # leisobek and confd-emu targets first). Everything runs in private network, mount and pid
 # namespaces and dies with them.
 set -euo pipefail
@@ -15,7 +16,7 @@ ip link set lo up
 mount -t tmpfs none /tmp
 mkdir -p /tmp/snmp
 export MIBS= MIBDIRS=/tmp/snmp SNMPCONFPATH=/tmp/snmp SNMP_PERSISTENT_DIR=/tmp/snmp
-column=.1.3.6.1.2.1.6.19.1.7
+table=.1.3.6.1.2.1.6.19
 # CPU time of every thread of a process in microseconds (schedstat counts nanoseconds; the stat
 # file's 10 ms ticks are as coarse as the figure itself at 1 000 rows).
 cpu_us() { cat /proc/$1/task/*/schedstat | awk '{ns += $1} END {printf "%d", ns / 1000}'; }
@@ -33,8 +34,8 @@ holder=
 trap 'kill $emu $daemon $snmpd $holder 2>/dev/null; wait 2>/dev/null || true' EXIT
 sleep 1
 
-printf '%-7s %9s %8s %15s %15s %9s %8s %15s %6s\n' conns varbinds wall_s emu_us_per_vb \
-    daemon_us_per_vb snmpd_vb wall_s snmpd_us_per_vb ratio
+printf '%-7s %9s %8s %15s %15s %9s %8s %15s %6s %8s %8s\n' conns varbinds wall_s emu_us_per_vb \
+    daemon_us_per_vb snmpd_vb wall_s snmpd_us_per_vb ratio owned snmpd_ow
 port=7000
 for n in "${@:-1000}"; do
     [ -n "$holder" ] && kill "$holder" && wait "$holder" 2>/dev/null || true
@@ -79,14 +80,19 @@ PY
         sleep 0.1
     done
     e0=$(cpu_us $emu) d0=$(cpu_us $daemon) t0=$(now)
-    vb=$(snmpbulkwalk -v2c -c public -On -Cr25 -t 10 127.0.0.1:1161 $column | wc -l)
+    snmpbulkwalk -v2c -c public -On -Cr25 -t 60 127.0.0.1:1161 $table >/tmp/snmp/ours
     t1=$(now) e1=$(cpu_us $emu) d1=$(cpu_us $daemon)
     s0=$(cpu_us $snmpd) u0=$(now)
-    svb=$(snmpbulkwalk -v2c -c public -On -Cr25 -t 10 127.0.0.1:1163 $column | wc -l)
+    snmpbulkwalk -v2c -c public -On -Cr25 -t 60 127.0.0.1:1163 $table >/tmp/snmp/snmpd
     u1=$(now) s1=$(cpu_us $snmpd)
+    vb=$(wc -l </tmp/snmp/ours) svb=$(wc -l </tmp/snmp/snmpd)
+    # Connections of this round (local or remote port) listed with a process.
+    owned() { grep -c "^$table\.1\.8\..*\.$port\(\.[0-9.]*\)\? = Gauge32: [1-9]" "$1" || true; }
     awk -v n="$n" -v vb="$vb" -v w="$(echo "$t1 - $t0" | bc)" -v e=$((e1 - e0)) -v d=$((d1 - d0)) \
         -v svb="$svb" -v sw="$(echo "$u1 - $u0" | bc)" -v sc=$((s1 - s0)) \
+        -v ow="$(owned /tmp/snmp/ours)" -v sow="$(owned /tmp/snmp/snmpd)" \
         'BEGIN { ours = (e + d) / (vb ? vb : 1); theirs = sc / (svb ? svb : 1)
-                 printf "%-7d %9d %8.3f %15.1f %15.1f %9d %8.3f %15.1f %6.2f\n", n, vb, w,
-                 e / (vb ? vb : 1), d / (vb ? vb : 1), svb, sw, theirs, ours / (theirs ? theirs : 1) }'
+                 printf "%-7d %9d %8.3f %15.1f %15.1f %9d %8.3f %15.1f %6.2f %8d %8d\n", n, vb, w,
+                 e / (vb ? vb : 1), d / (vb ? vb : 1), svb, sw, theirs, ours / (theirs ? theirs : 1),
+                 ow, sow }'
 done
