@@ -21,7 +21,8 @@ namespace
 const char kUsage[] =
     "usage: confd-emu [--port N] [--models DIR] [--init FILE] [--timeout-ms MS]\n"
     "                 [--diff-timeout-ms MS] [--walk-limit ROWS] [--port-file FILE]\n"
-    "                 [--snmp TRANSPORT [--trap-sink TRANSPORT]...] [--help]\n"
+    "                 [--snmp TRANSPORT [--trap-sink TRANSPORT]... [--snmp-user USER]...]\n"
+    "                 [--help]\n"
     "Serves the YANG models on 127.0.0.1 to data-provider daemons, MAAPI clients and\n"
     "confd-emu-cli.\n"
     "  --port N          TCP port (default 4565; 0 picks a free one)\n"
@@ -35,6 +36,9 @@ const char kUsage[] =
     "  --port-file FILE  write the bound port to FILE once serving\n"
     "  --snmp TRANSPORT  answer SNMP (v1/v2c) on a net-snmp transport such as\n"
     "                    udp:127.0.0.1:1161 (off by default)\n"
+    "  --snmp-user NAME:AUTHPASS[:PRIVPASS]  also answer SNMPv3 for this USM user\n"
+    "                    (SHA authentication, AES privacy; passwords of 8 or more\n"
+    "                    characters); may be repeated\n"
     "  --trap-sink TRANSPORT  send the daemons' notifications there as SNMPv2c traps\n"
     "                    (community public); may be repeated\n"
     "The bound port is also printed on stdout when the server is ready.\n";
@@ -112,6 +116,8 @@ int main(int argc, char **argv)
             snmp.listen = val;
         } else if (a == "--trap-sink") {
             snmp.trap_sinks.push_back(val);
+        } else if (a == "--snmp-user") {
+            snmp.users.push_back(val);
         } else if (a == "--port-file") {
             port_file = val;
         } else {
@@ -167,8 +173,8 @@ int main(int argc, char **argv)
         }
         emu::SnmpAgent *a = agent.get();
         server.registry().on_notification([a](const emu::Notification &n) { a->notify(n); });
-    } else if (!snmp.trap_sinks.empty()) {
-        std::fprintf(stderr, "confd-emu: --trap-sink needs --snmp\n");
+    } else if (!snmp.trap_sinks.empty() || !snmp.users.empty()) {
+        std::fprintf(stderr, "confd-emu: --trap-sink and --snmp-user need --snmp\n");
         return 2;
     }
     if (!port_file.empty() && !write_port_file(port_file, server.port())) {

@@ -416,6 +416,7 @@ struct SnmpAgent::Impl {
     Ahead ahead;                        // for the PDU being handled
     std::unique_ptr<DpSession> session; // for the PDU being handled
     std::map<std::string, Oid> names;   // leaf name -> OID, for notification bindings
+    std::set<std::string> users;        // SNMPv3 users created from the options
 
     // The SET being handled: its writes (checked in RESERVE1), and the datastore transaction they
     // run in from ACTION on.
@@ -967,6 +968,17 @@ int check_community(int, int, void *serverarg, void *)
 {
     auto *vp = static_cast<struct view_parameters *>(serverarg);
     netsnmp_pdu *pdu = vp->pdu;
+    if (pdu->version == SNMP_VERSION_3) {
+        // The user-based security model has checked the user's keys already; a user given on
+        // the command line sees every object, authenticated at least.
+        std::string user(pdu->securityName ? pdu->securityName : "", pdu->securityNameLen);
+        bool known = pdu->securityModel == SNMP_SEC_MODEL_USM &&
+                     pdu->securityLevel >= SNMP_SEC_LEVEL_AUTHNOPRIV &&
+                     g_agent->users.count(user) != 0;
+        vp->errorcode = known ? VACM_SUCCESS : VACM_NOSECNAME;
+        if (known) pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
+        return 0;
+    }
     if (pdu->version != SNMP_VERSION_1 && pdu->version != SNMP_VERSION_2c) {
         vp->errorcode = VACM_NOSECNAME;
         return 0;
@@ -1163,6 +1175,27 @@ bool SnmpAgent::start(std::string &err)
         snmp_shutdown("confd-emu");
         g_agent = nullptr;
         return false;
+    }
+    // SNMPv3 users, as the library's own createUser directive makes them.
+    for (const std::string &u : m.opt.users) {
+        size_t a = u.find(':'), p = a == std::string::npos ? a : u.find(':', a + 1);
+        std::string name = u.substr(0, a),
+                    auth = a == std::string::npos ? "" : u.substr(a + 1, p - a - 1);
+        std::string priv = p == std::string::npos ? "" : u.substr(p + 1);
+        if (name.empty() || auth.size() < 8 || (p != std::string::npos && priv.size() < 8) ||
+            u.find_first_of(" \t") != std::string::npos) {
+            err = "bad --snmp-user " + u +
+                  ": NAME:AUTHPASS[:PRIVPASS], passwords of 8 or more "
+                  "characters, no blanks";
+            snmp_shutdown("confd-emu");
+            g_agent = nullptr;
+            return false;
+        }
+        std::string line = name + " SHA " + auth + (priv.empty() ? "" : " AES " + priv);
+        std::vector<char> buf(line.begin(), line.end());
+        buf.push_back('\0');
+        usm_parse_create_usmUser("createUser", buf.data());
+        m.users.insert(name);
     }
     for (const std::string &sink : m.opt.trap_sinks) {
         std::string line = sink + " public";

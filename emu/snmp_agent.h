@@ -17,6 +17,7 @@ namespace emu
 struct SnmpOptions {
     std::string listen;                  // net-snmp transport, "udp:127.0.0.1:1161"
     std::vector<std::string> trap_sinks; // transports the traps go to
+    std::vector<std::string> users;      // SNMPv3 USM users, "name:authpass[:privpass]"
     int diff_timeout_ms = 10000;         // longest wait of a SET's commit for each diff subscriber
 };
 

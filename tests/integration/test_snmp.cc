@@ -150,8 +150,8 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
                        std::string::npos;
             },
             5000));
-        daemon_env::Emu emu(
-            {"--snmp", std::string("udp:") + kAgent, "--trap-sink", "udp:127.0.0.1:1162"});
+        daemon_env::Emu emu({"--snmp", std::string("udp:") + kAgent, "--trap-sink",
+                             "udp:127.0.0.1:1162", "--snmp-user", "kelto:authpass1:privpass1"});
         auto daemon = emu.start_with_daemon();
         ASSERT_TRUE(daemon);
 
@@ -205,6 +205,35 @@ TEST(SnmpTest, ToolsAgainstEmuAndDaemon)
         EXPECT_NE(r.out.find("TCP-MIB::tcpConnectionState.1.4.127.0.0.1.7000.1.4.127.0.0.1."),
                   std::string::npos)
             << r.out << r.err;
+
+        // SNMPv3 for a user given on the command line: answered with its keys, refused with a
+        // wrong password or without authentication.
+        for (auto [level, auth, ok] : {std::tuple{"authPriv", "authpass1", true},
+                                       {"authPriv", "wrongpass1", false},
+                                       {"noAuthNoPriv", "authpass1", false}}) {
+            r = harness::run({"/usr/bin/snmpget",
+                              "-v3",
+                              "-l",
+                              level,
+                              "-u",
+                              "kelto",
+                              "-a",
+                              "SHA",
+                              "-A",
+                              auth,
+                              "-x",
+                              "AES",
+                              "-X",
+                              "privpass1",
+                              "-On",
+                              "-t",
+                              "1",
+                              "-r",
+                              "0",
+                              kAgent,
+                              ".1.3.6.1.2.1.6.5.0"});
+            EXPECT_EQ(r.exit_code == 0, ok) << level << " " << auth << ": " << r.out << r.err;
+        }
 
         // A community the running configuration does not know gets no answer.
         r = tool("snmpget", {".1.3.6.1.2.1.6.5.0"}, "not-a-community");
