@@ -130,11 +130,36 @@ std::string op_name(const std::string &payload)
     return "Op<" + std::to_string(static_cast<unsigned>(static_cast<uint8_t>(payload[0]))) + ">";
 }
 
+namespace {
+// The batch of the socket this thread is serving in confd_fd_ready, if any.
+thread_local ReplyBatch *t_batch = nullptr;
+} // namespace
+
+ReplyBatch::ReplyBatch(int fd) : fd_(fd), outer_(t_batch) { t_batch = this; }
+
+ReplyBatch::~ReplyBatch()
+{
+    flush();
+    t_batch = outer_;
+}
+
+bool ReplyBatch::flush()
+{
+    if (bytes_.empty())
+        return true;
+    std::lock_guard<std::mutex> lock(send_lock(fd_));
+    bool ok = confd_wire::send_bytes(fd_, bytes_);
+    bytes_.clear();
+    return ok;
+}
+
 bool send_payload(int fd, const std::string &payload)
 {
     if (debug_on(CONFD_PROTO_TRACE))
         logf(CONFD_PROTO_TRACE, "fd %d send %s (%zu bytes)", fd, op_name(payload).c_str(),
              payload.size());
+    if (t_batch != nullptr && t_batch->fd_ == fd)
+        return confd_wire::append_frame(t_batch->bytes_, payload);
     std::lock_guard<std::mutex> lock(send_lock(fd));
     return confd_wire::send_frame(fd, payload);
 }
@@ -186,7 +211,11 @@ int connect_socket(int sock, const struct sockaddr *srv, int srv_sz)
 
 int request(int fd, const std::string &payload, std::string &answer, const char *what)
 {
-    if (!send_payload(fd, payload))
+    // An answer is awaited: what is queued for this socket, the request included, goes now.
+    bool sent = send_payload(fd, payload);
+    if (t_batch != nullptr && t_batch->fd_ == fd)
+        sent = t_batch->flush() && sent;
+    if (!sent)
         return confd_lib_fail(CONFD_ERR_OS, "%s: send failed: %s", what, strerror(errno));
     int r = recv_payload(fd, answer, kAnswerTimeoutMs);
     if (r == 0)

@@ -224,9 +224,13 @@ int serve_trans_call(struct confd_daemon_ctx *dx, DaemonState *st, int fd, Reade
     return after_trans_cb(dx, tctx, cb, ret);
 }
 
+// Most rows one get_next request may ask for.
+constexpr uint32_t kMaxRows = 1024;
+
 // Arguments of a data callback beyond tctx and the keypath.
 struct DataArgs {
     long next = -1;
+    uint32_t rows = 1; // get_next: entries wanted in one answer
     confd_value_t v1{}, v2{};
     uint8_t find_type = 0;
     confd_value_t *keys = nullptr;
@@ -264,6 +268,14 @@ bool read_data_args(Reader &rd, DataCb cb, DataArgs &a, ValueStore &store, std::
 {
     switch (cb) {
     case DataCb::GetNext:
+        a.next = static_cast<long>(rd.i64());
+        if (!rd.at_end())
+            a.rows = rd.u32();
+        if (a.rows < 1 || a.rows > kMaxRows) {
+            err = "bad row count";
+            return false;
+        }
+        break;
     case DataCb::GetNextObject: a.next = static_cast<long>(rd.i64()); break;
     case DataCb::SetElem:
     case DataCb::GetCase: return read_value(rd, a.v1, store, err);
@@ -339,6 +351,79 @@ int call_data_cb(const struct confd_data_cbs &d, DataCb cb, struct confd_trans_c
     return kNoCallback;
 }
 
+// Traces a data callback about to be called.
+void trace_call(uint8_t which, int th, const confd_hkeypath_t &kp, long next)
+{
+    if (!debug_on(CONFD_TRACE))
+        return;
+    std::string path = kpath_text(kp, kp.len);
+    if (which == static_cast<uint8_t>(DataCb::GetNext) ||
+        which == static_cast<uint8_t>(DataCb::GetNextObject))
+        logf(CONFD_TRACE, "CALL %s(thandle=%d, %s, next=%ld)", kDataCbNames[which], th,
+             path.c_str(), next);
+    else
+        logf(CONFD_TRACE, "CALL %s(thandle=%d, %s)", kDataCbNames[which], th, path.c_str());
+}
+
+// The cookie of a gathered get_next answer; false when it ends the walk (the end of the list,
+// or no cookie, so that ConfD goes on with find_next).
+bool next_cookie(const std::string &answer, long &next)
+{
+    Reader r(answer);
+    r.op();
+    r.u32();
+    if (static_cast<ReplyKind>(r.u8()) != ReplyKind::NextKey)
+        return false;
+    uint32_t n = r.u32();
+    for (uint32_t i = 0; i < n && r.ok(); i++)
+        r.value();
+    next = static_cast<long>(r.i64());
+    return r.ok() && next != -1;
+}
+
+// The rest of a get_next that asked for several rows: get_next is called again with each cookie
+// it answered until rows entries are gathered or the walk ends, and the answers go out as one
+// NextRows reply. A call that fails or answers nothing ends the batch with what it has; the
+// walk's next request meets the failure again. A delayed answer ends it too, and is dropped
+// when it comes: its entry is asked for again.
+int serve_more_rows(const struct confd_data_cbs &d, struct confd_trans_ctx *tctx,
+                    confd_hkeypath_t *kp, int th, uint32_t rows, std::vector<std::string> &got)
+{
+    TransState *ts = trans_state(tctx);
+    Pending first = ts->pending;
+    long next;
+    while (got.size() < rows && next_cookie(got.back(), next)) {
+        ts->pending = first;
+        ts->pending.active = true;
+        size_t before = got.size();
+        trace_call(static_cast<uint8_t>(DataCb::GetNext), th, *kp, next);
+        int ret = d.get_next(tctx, kp, next);
+        if (ret == CONFD_DELAYED_RESPONSE) {
+            ts->pending.gather = nullptr;
+            ts->pending.drop = true;
+            break;
+        }
+        if (got.size() == before) {
+            // Its error text belongs to no reply.
+            tctx->error = confd_error{};
+            ts->error_set = false;
+            ts->error_text.clear();
+            ts->pending = Pending{};
+            break;
+        }
+    }
+    if (!ts->pending.drop)
+        ts->pending = Pending{};
+    Writer w = reply_frame(first.rid, ReplyKind::NextRows);
+    w.u32(static_cast<uint32_t>(got.size()));
+    for (const std::string &a : got)
+        w.raw(std::string_view(a).substr(5)); // past op and rid
+    if (!send_payload(first.fd, w.payload()))
+        return confd_lib_fail(CONFD_ERR_OS, "sending a reply on socket %d: %s", first.fd,
+                              strerror(errno));
+    return CONFD_OK;
+}
+
 int serve_data_call(DaemonState *st, int fd, Reader &rd)
 {
     uint32_t rid = rd.u32();
@@ -367,21 +452,22 @@ int serve_data_call(DaemonState *st, int fd, Reader &rd)
     TransState *ts = trans_state(tctx);
     tctx->cb_opaque = reg->second->cb_opaque;
     ts->pending = Pending{true, rid, fd, which};
-    if (debug_on(CONFD_TRACE)) {
-        std::string path = kpath_text(kp, kp.len);
-        if (cb == DataCb::GetNext || cb == DataCb::GetNextObject)
-            logf(CONFD_TRACE, "CALL %s(thandle=%d, %s, next=%ld)", kDataCbNames[which], th,
-                 path.c_str(), args.next);
-        else
-            logf(CONFD_TRACE, "CALL %s(thandle=%d, %s)", kDataCbNames[which], th, path.c_str());
-    }
+    std::vector<std::string> got; // answers of a get_next for several rows
+    if (args.rows > 1 && !ts->capture)
+        ts->pending.gather = &got;
+    trace_call(which, th, kp, args.next);
     int ret = call_data_cb(*reg->second, cb, tctx, &kp, args);
+    ts->pending.gather = nullptr;
     if (ret == kNoCallback) {
         ts->pending.active = false;
         return reject(fd, rid, "callpoint " + cp + " has no " + kDataCbNames[which] + "() callback");
     }
     if (ret == CONFD_DELAYED_RESPONSE)
         return CONFD_OK;
+    if (!got.empty()) {
+        ts->pending.gather = &got;
+        return serve_more_rows(*reg->second, tctx, &kp, th, args.rows, got);
+    }
     if (ret == CONFD_OK || ret == CONFD_ACCUMULATE) {
         if (!ts->pending.active)
             return CONFD_OK;
@@ -694,6 +780,7 @@ try {
     // caller polls again, since the socket is no longer readable for them.
     std::string payload;
     int ret = CONFD_OK;
+    ReplyBatch replies(fd);
     do {
         int r = recv_payload(fd, payload, -1, true);
         if (r == 0) {
@@ -716,6 +803,9 @@ try {
         // what the caller sees.
         if (rc != CONFD_OK) ret = rc;
     } while (ret != CONFD_EOF && frame_pending(fd));
+    if (!replies.flush())
+        return confd_lib_fail(CONFD_ERR_OS, "sending replies on socket %d: %s", fd,
+                              strerror(errno));
     return ret;
 } catch (...) {
     return libconfd::caught(__func__, CONFD_ERR);

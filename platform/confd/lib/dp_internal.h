@@ -32,6 +32,10 @@ struct Pending {
     uint32_t rid = 0;
     int fd = -1;
     int cb = -1; // DataCb number, or kTransBase + TransCb
+    // A get_next asked for several rows: its answers are gathered here and
+    // sent together. drop: the reply belongs to a request already answered.
+    std::vector<std::string> *gather = nullptr;
+    bool drop = false;
 };
 
 // Library state of one transaction (tctx->lib_internal).

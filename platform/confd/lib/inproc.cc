@@ -123,6 +123,7 @@ bool decode_reply(Reader &rd, Capture &cap)
         return rd.ok();
     }
     case ReplyKind::TransInitDone: p.kind = CONFD_INPROC_TRANS_INIT_DONE; return true;
+    case ReplyKind::NextRows: return false; // only a socket's get_next asks for several rows
     }
     return false;
 }

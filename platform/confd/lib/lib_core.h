@@ -28,7 +28,32 @@ std::string op_name(const std::string &payload);
 
 // Sends one frame (single send(), serialised per fd so that frames from
 // several threads never mix) and traces it. false with errno on failure.
+// While a ReplyBatch of fd lives on the calling thread the frame is queued
+// in it instead.
 bool send_payload(int fd, const std::string &payload);
+
+// The replies to the requests that one recv brought: confd_fd_ready holds one
+// while it serves those frames, and they leave together with one send() at
+// flush() or when the batch ends, so a request costs one poll, one recv and
+// one send at most. Only frames of fd sent from this thread are queued
+// (a delayed reply from another thread goes out at once).
+class ReplyBatch
+{
+  public:
+    explicit ReplyBatch(int fd);
+    ~ReplyBatch(); // flushes; a failure there is not reported
+    ReplyBatch(const ReplyBatch &) = delete;
+    ReplyBatch &operator=(const ReplyBatch &) = delete;
+    // Sends what is queued. false with errno on failure (the queue is dropped).
+    bool flush();
+
+  private:
+    friend bool send_payload(int fd, const std::string &payload);
+    friend int request(int fd, const std::string &payload, std::string &answer, const char *what);
+    int fd_;
+    ReplyBatch *outer_;
+    std::string bytes_;
+};
 
 // Receives one frame and traces it. 1 frame, 0 peer closed, -1 error/time-out.
 // With read_ahead one recv takes whatever has arrived, and bytes of later

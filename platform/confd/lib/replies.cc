@@ -50,6 +50,12 @@ int deliver(struct confd_trans_ctx *tctx, const std::string &payload)
 {
     TransState *ts = trans_state(tctx);
     ts->pending.active = false;
+    if (ts->pending.gather != nullptr) {
+        ts->pending.gather->push_back(payload);
+        return CONFD_OK;
+    }
+    if (ts->pending.drop)
+        return CONFD_OK;
     if (ts->capture) {
         ts->capture->take(payload);
         return CONFD_OK;

@@ -311,24 +311,27 @@ KeyPath Reader::keypath()
     return kp;
 }
 
-bool send_frame(int fd, const std::string &payload)
+bool append_frame(std::string &out, const std::string &payload)
 {
     if (payload.size() > kMaxFrame) {
         errno = EMSGSIZE;
         return false;
     }
-    std::string frame;
-    frame.reserve(payload.size() + 4);
     uint32_t n = static_cast<uint32_t>(payload.size());
     for (int s = 24; s >= 0; s -= 8)
-        frame.push_back(static_cast<char>(n >> s));
-    frame += payload;
+        out.push_back(static_cast<char>(n >> s));
+    out += payload;
+    return true;
+}
+
+bool send_bytes(int fd, const std::string &bytes)
+{
     // The loop resumes after a partial send (socket buffer full, or a
     // signal); it is the caller's per-socket lock, not this loop, that keeps
     // another thread's frame from landing in the gap.
     size_t off = 0;
-    while (off < frame.size()) {
-        ssize_t r = send(fd, frame.data() + off, frame.size() - off, MSG_NOSIGNAL);
+    while (off < bytes.size()) {
+        ssize_t r = send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
         if (r < 0 && errno == EINTR)
             continue;
         if (r < 0)
@@ -336,6 +339,13 @@ bool send_frame(int fd, const std::string &payload)
         off += static_cast<size_t>(r);
     }
     return true;
+}
+
+bool send_frame(int fd, const std::string &payload)
+{
+    std::string frame;
+    frame.reserve(payload.size() + 4);
+    return append_frame(frame, payload) && send_bytes(fd, frame);
 }
 
 int recv_frame(int fd, std::string &payload, int timeout_ms)

@@ -102,7 +102,10 @@ enum class Op : uint8_t {
     TransCall = 21,
     // DataCall, on the transaction's worker socket:
     //   u32 rid, u32 thandle, u8 DataCb, str callpoint, KeyPath, then per callback:
-    //   GetNext/GetNextObject: i64 next
+    //   GetNext: i64 next, then optionally u32 rows: up to that many entries
+    //            in one NextRows reply (the library calls get_next again
+    //            with each cookie it answered); absent means 1
+    //   GetNextObject: i64 next
     //   SetElem: Value newval
     //   FindNext/FindNextObject: u8 find_type, u32 n, Value keys[n]
     //   GetCase: Value choice
@@ -126,6 +129,9 @@ enum class Op : uint8_t {
     //   NextObjects: u32 nobj, then per entry: u8 tagged, u32 n,
     //                n times (tagged ? u32 tag, u32 ns, Value : Value), i64 next
     //                (the end of the list is NextEnd)
+    //   NextRows: u32 n, then n get_next answers in walk order, each u8
+    //             ReplyKind (NextKey or NextEnd, only the last may be NextEnd)
+    //             and its fields as above
     Reply = 23,
 
     // --- SNMP notification (daemon -> server on a worker socket; no answer) ---
@@ -169,6 +175,7 @@ enum class ReplyKind : uint8_t {
     Value = 1, NextKey = 2, NextEnd = 3, NotFound = 4, Found = 5, Done = 6,
     ValueArray = 7, Error = 8, TransInitDone = 9,
     TagValueArray = 10, NextObjects = 11, // get_object / get_next_object replies
+    NextRows = 12,                        // get_next asked for several rows
 };
 
 enum class MaapiOp : uint8_t {
@@ -274,6 +281,7 @@ public:
     Writer &str(std::string_view s);
     Writer &value(const Value &v);
     Writer &keypath(const KeyPath &kp);
+    Writer &raw(std::string_view bytes) { buf_.append(bytes); return *this; }
     const std::string &payload() const { return buf_; }
 
 private:
@@ -318,6 +326,11 @@ private:
 // the call (the client library's send lock, confd-emu's Conn::send).
 // Returns true when the whole frame went out.
 bool send_frame(int fd, const std::string &payload);
+// The parts of send_frame, for a sender that queues several frames and
+// writes them with one send(): append_frame adds payload's frame to out
+// (false, EMSGSIZE, when it is too large), send_bytes writes all of bytes.
+bool append_frame(std::string &out, const std::string &payload);
+bool send_bytes(int fd, const std::string &bytes);
 
 // Reads one frame into payload, which grows as the bytes arrive (a length
 // announced by the peer is never allocated up front). timeout_ms bounds the
