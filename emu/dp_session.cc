@@ -130,6 +130,23 @@ bool DpSession::decode(Txn &txn, const std::string &reply, const char *what, DpR
         // The daemon's end-of-list cookie follows when it answered get_next.
         out.next = r.at_end() ? -1 : r.i64();
         break;
+    case ReplyKind::NextRows: {
+        uint32_t n = r.u32();
+        for (uint32_t i = 0; i < n && r.ok(); i++) {
+            DpReply row;
+            row.kind = static_cast<ReplyKind>(r.u8());
+            if (row.kind != ReplyKind::NextKey && (row.kind != ReplyKind::NextEnd || i + 1 < n)) {
+                err = "daemon " + txn.route.daemon + " sent a malformed row list to " + what;
+                return false;
+            }
+            uint32_t nk = row.kind == ReplyKind::NextKey ? r.u32() : 0;
+            for (uint32_t k = 0; k < nk && r.ok(); k++)
+                row.values.push_back(r.value());
+            row.next = r.i64();
+            out.rows.push_back(std::move(row));
+        }
+        break;
+    }
     case ReplyKind::NotFound:
     case ReplyKind::Found:
     case ReplyKind::Done:
@@ -263,24 +280,23 @@ bool DpSession::get_elems(Txn &txn, const SchemaNode *leaf,
     out.assign(kps.size(), DpReply());
     std::string cp;
     if (!served(txn, leaf, DataCb::GetElem, cp, err) || !usable(txn, txn.worker, err)) return false;
-    // Every request goes out before the first answer is awaited: the daemon reads them in one go
-    // and answers them back to back, so the whole batch costs about one round trip.
-    std::vector<uint32_t> rids;
-    CallStatus failed;
-    bool sent = true;
+    // Every request goes out, with one send(), before the first answer is awaited: the daemon
+    // reads them with one recv and answers them together, so the batch costs one round trip.
+    std::vector<Registry::Request> reqs;
     for (const confd_wire::KeyPath &kp : kps) {
         uint32_t rid = reg_.new_rid();
         Writer w(Op::DataCall);
         w.u32(rid).u32(txn.thandle).u8(static_cast<uint8_t>(DataCb::GetElem)).str(cp).keypath(kp);
-        if (!(sent = reg_.send_request(txn.worker, rid, w.payload(), failed))) break;
-        rids.push_back(rid);
+        reqs.emplace_back(rid, w.payload());
     }
-    bool ok = sent || settled(txn, failed, "get_elem", err);
+    CallStatus failed;
+    if (!reg_.send_requests(txn.worker, reqs, failed)) return settled(txn, failed, "get_elem", err);
     // Every answer is collected, also after a failure, so that no request stays registered (a
     // dead daemon's are failed at once).
-    for (size_t i = 0; i < rids.size(); i++) {
+    bool ok = true;
+    for (size_t i = 0; i < reqs.size(); i++) {
         std::string reply;
-        CallStatus st = reg_.await_reply(rids[i], reply);
+        CallStatus st = reg_.await_reply(reqs[i].first, reply);
         if (ok)
             ok = settled(txn, st, "get_elem", err) && decode(txn, reply, "get_elem", out[i], err);
     }

@@ -26,6 +26,7 @@ struct DpReply {
     int64_t next = -1;                     // NextKey cookie
     int32_t result = 0, errcode = 0;       // Error
     std::string message;                   // Error
+    std::vector<DpReply> rows;             // NextRows: NextKey answers, maybe a NextEnd last
 };
 
 class DpSession
@@ -73,6 +74,13 @@ class DpSession
     void finish_all();
     // The user session the transactions run in.
     int32_t usid() const { return usid_; }
+    // A daemon of one of the transactions is gone: the session is of no further use.
+    bool any_dead() const
+    {
+        for (const auto &t : txns_)
+            if (t.second.dead) return true;
+        return false;
+    }
 
   private:
     // Sends a request carrying rid and decodes the Reply. what names the request in messages.

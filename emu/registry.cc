@@ -26,9 +26,17 @@ Conn::~Conn()
 
 bool Conn::send(const std::string &payload)
 {
+    std::string frame;
+    frame.reserve(payload.size() + 4);
+    if (!confd_wire::append_frame(frame, payload)) return false;
+    return send_frames(frame);
+}
+
+bool Conn::send_frames(const std::string &frames)
+{
     std::lock_guard<std::mutex> lk(send_mu_);
     if (broken_) return false;
-    if (confd_wire::send_frame(fd_, payload)) return true;
+    if (confd_wire::send_bytes(fd_, frames)) return true;
     // Part of the frame may have gone out: the stream is out of step for good. A peer that has
     // not read its replies for the send time-out ends here too (EAGAIN).
     std::fprintf(stderr, "confd-emu: closing connection %u from %s:%u: send: %s\n", id_,
@@ -299,24 +307,32 @@ CallStatus Registry::call(const ConnPtr &conn, uint32_t rid, const std::string &
                           std::string &reply)
 {
     CallStatus failed;
-    if (!send_request(conn, rid, payload, failed)) return failed;
+    if (!send_requests(conn, {{rid, payload}}, failed)) return failed;
     return await_reply(rid, reply);
 }
 
-bool Registry::send_request(const ConnPtr &conn, uint32_t rid, const std::string &payload,
-                            CallStatus &failed)
+bool Registry::send_requests(const ConnPtr &conn, const std::vector<Request> &reqs,
+                             CallStatus &failed)
 {
+    std::string frames;
+    for (const Request &r : reqs)
+        if (!confd_wire::append_frame(frames, r.second)) {
+            failed = CallStatus::Closed;
+            return false;
+        }
     {
         std::lock_guard<std::mutex> lk(mu_);
         failed = stopping_ ? CallStatus::Stopped : CallStatus::Closed;
         // A connection whose reader has ended would never deliver the answer.
         if (stopping_ || !conns_.count(conn->id())) return false;
-        pending_[rid].conn_id = conn->id();
+        for (const Request &r : reqs)
+            pending_[r.first].conn_id = conn->id();
     }
     // Sent outside the lock: a daemon that does not read must not stall everybody else.
-    if (conn->send(payload)) return true;
+    if (conn->send_frames(frames)) return true;
     std::lock_guard<std::mutex> lk(mu_);
-    pending_.erase(rid);
+    for (const Request &r : reqs)
+        pending_.erase(r.first);
     return false;
 }
 

@@ -38,6 +38,8 @@ class Conn
     // Sends one frame; sends from several threads are serialised. False when the frame did not go
     // out (peer gone, or the send time-out passed); the connection is then shut down.
     bool send(const std::string &payload);
+    // The same for frames already joined (confd_wire::append_frame), sent with one send().
+    bool send_frames(const std::string &frames);
     // Shuts the socket down both ways, so the peer sees end-of-file and our reader thread wakes up.
     void shut();
     // What the connection's own thread has received; no other thread reads the socket.
@@ -121,10 +123,11 @@ class Registry
     CallStatus call(const ConnPtr &conn, uint32_t rid, const std::string &payload,
                     std::string &reply);
     // call() in two halves, so that several requests can be outstanding on one connection:
-    // send_request registers rid and sends payload (false, with the reason in failed, when the
-    // connection is gone or the emulator stops); await_reply waits for that rid's Reply.
-    bool send_request(const ConnPtr &conn, uint32_t rid, const std::string &payload,
-                      CallStatus &failed);
+    // send_requests registers the rids and sends their payloads with one send() (false, with the
+    // reason in failed, when the connection is gone or the emulator stops; no rid stays
+    // registered then); await_reply waits for one rid's Reply.
+    using Request = std::pair<uint32_t, std::string>; // rid, payload
+    bool send_requests(const ConnPtr &conn, const std::vector<Request> &reqs, CallStatus &failed);
     CallStatus await_reply(uint32_t rid, std::string &reply);
     // Hands a Reply frame read on conn to the request waiting for it; stale or foreign rids are
     // dropped.

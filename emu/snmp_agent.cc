@@ -55,8 +55,16 @@ namespace
 // long as a bulk walk of a 20 000-row table takes; snmpd keeps its tables about as long).
 constexpr auto kRowsTtl = std::chrono::milliseconds(5000);
 
-// Most values of one column asked for in one batch.
-constexpr size_t kMaxAhead = 64;
+// Longest time the transactions of one read session serve PDUs.
+constexpr auto kSessionSpan = std::chrono::milliseconds(1000);
+
+// Values of one column asked for in one batch by a GETNEXT or GETBULK that runs into a table: at
+// least kMinAhead, at most kMaxAhead.
+constexpr size_t kMinAhead = 64;
+constexpr size_t kMaxAhead = 256;
+// Rows asked for with one get_next while a table is walked, and the most rows a table may have.
+constexpr uint32_t kWalkRows = 256;
+constexpr size_t kMaxWalkRows = 10000000;
 
 // Entries whose last index is IMPLIED in their MIB (a string index without its length).
 bool implied_last(const SchemaNode *list)
@@ -392,8 +400,9 @@ Got got_of(DpReply &r, Value &out)
     return Got::Value;
 }
 
-// Values of one column read ahead for the PDU being answered: rows first, first + 1, ... of a
-// table's row list as it stood at time at.
+// Values of one column read ahead for the PDUs of a walk: rows first, first + 1, ... of a
+// table's row list as it stood at time at. They serve as long as the read session does and no
+// SET comes between.
 struct Ahead {
     const SchemaNode *leaf = nullptr;
     const Rows *rows = nullptr;
@@ -413,10 +422,11 @@ struct SnmpAgent::Impl {
 
     std::vector<std::unique_ptr<Subtree>> subtrees;
     std::map<const SchemaNode *, Rows> rows_cache;
-    Ahead ahead;                        // for the PDU being handled
-    std::unique_ptr<DpSession> session; // for the PDU being handled
-    std::map<std::string, Oid> names;   // leaf name -> OID, for notification bindings
-    std::set<std::string> users;        // SNMPv3 users created from the options
+    Ahead ahead;                        // read by the session's PDUs
+    std::unique_ptr<DpSession> session; // for the PDUs of the last moment (see loop())
+    std::chrono::steady_clock::time_point session_at;
+    std::map<std::string, Oid> names; // leaf name -> OID, for notification bindings
+    std::set<std::string> users;      // SNMPv3 users created from the options
 
     // The SET being handled: its writes (checked in RESERVE1), and the datastore transaction they
     // run in from ACTION on.
@@ -450,7 +460,10 @@ struct SnmpAgent::Impl {
     }
     DpSession &dp()
     {
-        if (!session) session = std::make_unique<DpSession>(reg, schema, CONFD_READ, "snmp");
+        if (!session) {
+            session = std::make_unique<DpSession>(reg, schema, CONFD_READ, "snmp");
+            session_at = std::chrono::steady_clock::now();
+        }
         return *session;
     }
     ParsedPath path_of(const SchemaNode *leaf, const std::vector<Value> &keys) const;
@@ -589,8 +602,11 @@ Got SnmpAgent::Impl::get_ahead(const Object &o, const Rows &rows, size_t pos, si
             a.got[i] = got_of(replies[i], a.values[i]);
     }
     size_t i = pos - a.first;
-    if (a.got[i] == Got::Value) out = a.values[i];
-    return a.got[i];
+    Got g = a.got[i];
+    if (g == Got::Value) out = a.values[i];
+    // A failure is not kept: the next request asks the daemon again.
+    if (g == Got::Failed) a = Ahead();
+    return g;
 }
 
 // Every row of list, keys only, in the daemon's order (get_next, or find_next when the daemon
@@ -622,7 +638,7 @@ bool SnmpAgent::Impl::walk(const SchemaNode *list, std::vector<std::vector<Value
     confd_wire::KeyPath kp = to_hkeypath(p);
     int64_t cookie = -1;
     bool use_find = false;
-    for (size_t n = 0;; n++) {
+    for (;;) {
         DpReply r;
         bool ok;
         if (use_find) {
@@ -636,26 +652,35 @@ bool SnmpAgent::Impl::walk(const SchemaNode *list, std::vector<std::vector<Value
                 },
                 r, err);
         } else {
+            // The daemon's library walks up to kWalkRows entries for one request.
             ok = s.data_call(
-                *t, list, DataCb::GetNext, kp, [&](confd_wire::Writer &w) { w.i64(cookie); }, r,
-                err);
+                *t, list, DataCb::GetNext, kp,
+                [&](confd_wire::Writer &w) { w.i64(cookie).u32(kWalkRows); }, r, err);
         }
         if (!ok) return false;
-        if (r.kind == ReplyKind::NextEnd) return true;
-        if (r.kind != ReplyKind::NextKey || r.values.size() != list->keys.size() || n > 10000000) {
-            err = "bad get_next answer on " + list->name;
-            return false;
+        std::vector<DpReply> answers;
+        if (r.kind == ReplyKind::NextRows && !r.rows.empty())
+            answers = std::move(r.rows);
+        else
+            answers.push_back(std::move(r));
+        for (DpReply &a : answers) {
+            if (a.kind == ReplyKind::NextEnd) return true;
+            if (a.kind != ReplyKind::NextKey || a.values.size() != list->keys.size() ||
+                out.size() > kMaxWalkRows) {
+                err = "bad get_next answer on " + list->name;
+                return false;
+            }
+            for (size_t i = 0; i < a.values.size(); i++)
+                if (a.values[i].type == confd_wire::T_STR && list->keys[i]->vtype == vt::BUF)
+                    a.values[i].type = confd_wire::T_BUF;
+            use_find = a.next == -1;
+            if (!use_find && a.next == cookie) {
+                err = "get_next on " + list->name + " does not advance";
+                return false;
+            }
+            cookie = a.next;
+            out.push_back(std::move(a.values));
         }
-        for (size_t i = 0; i < r.values.size(); i++)
-            if (r.values[i].type == confd_wire::T_STR && list->keys[i]->vtype == vt::BUF)
-                r.values[i].type = confd_wire::T_BUF;
-        use_find = r.next == -1;
-        if (!use_find && r.next == cookie) {
-            err = "get_next on " + list->name + " does not advance";
-            return false;
-        }
-        cookie = r.next;
-        out.push_back(std::move(r.values));
     }
 }
 
@@ -695,11 +720,16 @@ bool SnmpAgent::Impl::answer(const Object &o, const Oid &instance, const std::ve
                              netsnmp_agent_request_info *ri, netsnmp_request_info *r, bool next,
                              const Rows *rows, size_t pos)
 {
-    // A GETBULK will ask for the rows after this one too, up to its max-repetitions.
+    // A walk goes on with the rows after this one: a GETBULK in this PDU (up to its
+    // max-repetitions), a GETNEXT or GETBULK walk in the PDUs that follow.
     size_t batch = 1;
     netsnmp_pdu *pdu = ri->asp ? ri->asp->pdu : nullptr;
-    if (rows && pdu && pdu->command == SNMP_MSG_GETBULK && pdu->max_repetitions > 1)
-        batch = std::min(static_cast<size_t>(pdu->max_repetitions), kMaxAhead);
+    if (rows && pdu && pdu->command == SNMP_MSG_GETBULK)
+        batch =
+            std::min(std::max(static_cast<size_t>(std::max(pdu->max_repetitions, 0L)), kMinAhead),
+                     kMaxAhead);
+    else if (rows && pdu && pdu->command == SNMP_MSG_GETNEXT)
+        batch = kMinAhead;
     Value v;
     Got g = batch > 1 && !o.leaf->is_key && !stored(o.leaf) ? get_ahead(o, *rows, pos, batch, v)
                                                             : get(o, keys, v);
@@ -1110,9 +1140,14 @@ void SnmpAgent::Impl::loop()
             snmp_timeout();
         run_alarms();
         netsnmp_check_outstanding_agent_requests();
-        // Each PDU runs in transactions of its own.
-        session.reset();
-        ahead = Ahead();
+        // The reads of PDUs that follow each other share their transactions towards the daemons
+        // for up to kSessionSpan (a bulk walk sends its PDUs back to back, and opening and
+        // finishing a transaction costs two round trips); an idle spell or a daemon gone ends
+        // them.
+        if (session && (n == 0 || session->any_dead() ||
+                        std::chrono::steady_clock::now() - session_at > kSessionSpan))
+            session.reset();
+        if (!session || set_th || !writes.empty()) ahead = Ahead();
         end_set();
     }
 }
