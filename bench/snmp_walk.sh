@@ -2,9 +2,9 @@
 # snmpbulkwalk of tcpConnectionTable at N loopback connections: wall time and CPU per varbind of
 # confd-emu's SNMP front end plus the daemon, beside net-snmp's snmpd walking the same table in the
 # same namespace (ratio: ours over snmpd's), and how many of the N connections each agent lists
-# with their owning process (tcpConnectionProcess not 0). Run as root: bench/snmp_walk.sh [N ...] (PRESET=release by default; build the
-# leisobek and confd-emu targets first). Everything runs in private network, mount and pid
-# namespaces and dies with them.
+# with their owning process (tcpConnectionProcess not 0); a cold and a warm walk per size. Run as
+# root: bench/snmp_walk.sh [N ...] (PRESET=release by default; build the leisobek and confd-emu
+# targets first). Everything runs in private network, mount and pid namespaces and dies with them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ -z "${SNMP_BENCH_INSIDE:-}" ]; then
