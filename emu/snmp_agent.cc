@@ -458,6 +458,13 @@ struct SnmpAgent::Impl {
         const SchemaNode *owner = schema.callpoint_owner(n);
         return !owner || owner->cpkind == CpKind::SetHook;
     }
+    // No daemon serves the callpoint of n (yet): its data does not exist.
+    bool unserved(const SchemaNode *n) const
+    {
+        Route route;
+        std::string err;
+        return !reg.route(schema.callpoint_owner(n)->callpoint, route, err);
+    }
     DpSession &dp()
     {
         if (!session) {
@@ -567,6 +574,7 @@ Got SnmpAgent::Impl::get(const Object &o, const std::vector<Value> &keys, Value 
     }
     DpSession &s = dp();
     DpSession::Txn *t = s.txn_for(o.leaf, err);
+    if (!t && unserved(o.leaf)) return Got::Missing;
     DpReply r;
     if (!t || !s.data_call(*t, o.leaf, DataCb::GetElem, to_hkeypath(p), nullptr, r, err)) {
         std::fprintf(stderr, "confd-emu: snmp: %s\n", err.c_str());
@@ -629,12 +637,7 @@ bool SnmpAgent::Impl::walk(const SchemaNode *list, std::vector<std::vector<Value
     }
     DpSession &s = dp();
     DpSession::Txn *t = s.txn_for(list, err);
-    if (!t) {
-        // A table no daemon serves (yet) has no rows.
-        Route route;
-        std::string rerr;
-        return !reg.route(schema.callpoint_owner(list)->callpoint, route, rerr);
-    }
+    if (!t) return unserved(list); // a table no daemon serves (yet) has no rows
     confd_wire::KeyPath kp = to_hkeypath(p);
     int64_t cookie = -1;
     bool use_find = false;

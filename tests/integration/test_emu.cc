@@ -493,6 +493,12 @@ TEST_F(EmuTest, SnmpBulkReadsAColumnAhead)
     daemon_->quirk = Quirk::None;
     r = bulk();
     EXPECT_EQ(r.out, want) << r.err << emu_->log();
+    // Past the last row, a GETNEXT goes over the groups no daemon serves here (UDP-MIB's scalars
+    // among them) instead of failing on them.
+    r = harness::run({"/usr/bin/snmpgetnext", "-v2c", "-c", "public", "-On", "-t", "2", "-r", "0",
+                      agent, ".1.3.6.1.2.1.6.20.1.4.1.4.127.0.0.1.100"});
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out.find(".1.3.6.1.2.1.6."), std::string::npos) << r.out;
 }
 
 // Verifies that a 10 000-row walk and two threads' SNMP notifications on the same worker socket all
