@@ -1,4 +1,4 @@
-/* In-process access to a daemon's registered callbacks and to SNMP notification frames, for unit tests. */
+/* In-process access to a daemon's registered callbacks, for unit tests. */
 #ifndef LEISOBEK_CONFD_INPROC_H
 #define LEISOBEK_CONFD_INPROC_H
 
@@ -62,30 +62,6 @@ extern const struct confd_inproc_capture *confd_inproc_captured(struct confd_tra
 extern void confd_inproc_reset(struct confd_trans_ctx *tctx);
 /* Frees an in-process transaction context. */
 extern void confd_inproc_free_trans(struct confd_trans_ctx *tctx);
-
-/* An SNMP notification sender on any connected stream socket fd (e.g. one
- * end of a socketpair), without a server; owned and freed by dx. NULL if dx
- * is not a daemon context. */
-extern struct confd_notification_ctx *confd_inproc_notification_ctx(struct confd_daemon_ctx *dx,
-                                                                    int fd,
-                                                                    const char *notify_name,
-                                                                    const char *ctx_name);
-
-/* One SNMP notification frame as read back from a socket. */
-struct confd_inproc_snmp_notif {
-    char notification[256];
-    char notify_name[256];
-    char ctx_name[256];
-    int num_vars;
-    struct confd_snmp_varbind *vb; /* values allocated; see confd_inproc_free_snmp_notif() */
-};
-
-/* Reads one frame from fd (waiting at most timeout_ms, < 0 = forever) and
- * decodes it as an SNMP notification. CONFD_OK, CONFD_EOF when the peer
- * closed, or CONFD_ERR (time-out, another frame, malformed). */
-extern int confd_inproc_recv_snmp_notif(int fd, int timeout_ms, struct confd_inproc_snmp_notif *n);
-/* Releases the varbinds of a decoded notification. */
-extern void confd_inproc_free_snmp_notif(struct confd_inproc_snmp_notif *n);
 
 #ifdef __cplusplus
 }

@@ -337,25 +337,6 @@ bool from_wire(const Value &w, confd_value_t &out, ValueStore *store, std::strin
     return true;
 }
 
-bool keypath_to_wire(const confd_hkeypath_t &kp, confd_wire::KeyPath &out, std::string &err)
-{
-    out.clear();
-    if (kp.len < 0 || kp.len > MAXDEPTH) {
-        err = "keypath length " + std::to_string(kp.len) + " out of range";
-        return false;
-    }
-    out.resize(static_cast<size_t>(kp.len));
-    for (int i = 0; i < kp.len; i++) {
-        for (int j = 0; j < MAXKEYLEN && kp.v[i][j].type != C_NOEXISTS; j++) {
-            Value w;
-            if (!to_wire(kp.v[i][j], w, err))
-                return false;
-            out[static_cast<size_t>(i)].push_back(std::move(w));
-        }
-    }
-    return true;
-}
-
 bool keypath_from_wire(const confd_wire::KeyPath &w, confd_hkeypath_t &out, ValueStore *store,
                        std::string &err)
 {

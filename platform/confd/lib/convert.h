@@ -42,11 +42,6 @@ bool to_wire(const confd_value_t &v, confd_wire::Value &out, std::string &err);
 // `out` is then C_NOEXISTS and owns nothing.
 bool from_wire(const confd_wire::Value &w, confd_value_t &out, ValueStore *store, std::string &err);
 
-// Encodes the first kp.len rows of a keypath; each row ends at its first
-// C_NOEXISTS (or after MAXKEYLEN values). false if len is out of 0..MAXDEPTH
-// or a value does not encode.
-bool keypath_to_wire(const confd_hkeypath_t &kp, confd_wire::KeyPath &out, std::string &err);
-
 // Decodes a keypath into out, writing a C_NOEXISTS after the last key of
 // every row and, when there is room, a C_NOEXISTS row after the last row.
 // An empty row (keys not given) becomes a row starting with C_NOEXISTS.

@@ -1,4 +1,4 @@
-// In-process access for unit tests: callback lookup, transactions with captured replies, notification decoding.
+// In-process access for unit tests: callback lookup, transactions with captured replies.
 #include "confd_inproc.h"
 
 #include <cerrno>
@@ -128,64 +128,6 @@ bool decode_reply(Reader &rd, Capture &cap)
     return false;
 }
 
-void copy_field(char *dst, size_t size, const std::string &s) { snprintf(dst, size, "%s", s.c_str()); }
-
-bool read_oid(Reader &rd, struct confd_snmp_oid &oid)
-{
-    uint32_t n = rd.u32();
-    if (!rd.ok() || n > 128)
-        return false;
-    oid.len = static_cast<int>(n);
-    for (uint32_t i = 0; i < n; i++)
-        oid.oid[i] = rd.u32();
-    return rd.ok();
-}
-
-bool decode_notif(Reader &rd, struct confd_inproc_snmp_notif &n)
-{
-    rd.u32(); // sender id
-    copy_field(n.notify_name, sizeof n.notify_name, rd.str());
-    copy_field(n.ctx_name, sizeof n.ctx_name, rd.str());
-    copy_field(n.notification, sizeof n.notification, rd.str());
-    uint32_t count = rd.u32();
-    if (!rd.ok() || count > 4096)
-        return false;
-    n.vb = static_cast<struct confd_snmp_varbind *>(
-        calloc(count == 0 ? 1 : count, sizeof(struct confd_snmp_varbind)));
-    if (n.vb == nullptr)
-        return false;
-    for (uint32_t i = 0; i < count; i++) {
-        struct confd_snmp_varbind &b = n.vb[i];
-        b.val.type = C_NOEXISTS;
-        uint8_t kind = rd.u8();
-        if (kind < CONFD_SNMP_VARIABLE || kind > CONFD_SNMP_COL_ROW)
-            return false;
-        b.type = static_cast<enum confd_snmp_var_type>(kind);
-        switch (b.type) {
-        case CONFD_SNMP_VARIABLE: copy_field(b.var.name, sizeof b.var.name, rd.str()); break;
-        case CONFD_SNMP_OID:
-            if (!read_oid(rd, b.var.oid))
-                return false;
-            break;
-        case CONFD_SNMP_COL_ROW:
-            copy_field(b.var.cr.column, sizeof b.var.cr.column, rd.str());
-            if (!read_oid(rd, b.var.cr.rowindex))
-                return false;
-            break;
-        default: return false;
-        }
-        confd_wire::Value w = rd.value();
-        std::string err;
-        if (!rd.ok() || !from_wire(w, b.val, nullptr, err))
-            return false;
-        uint8_t vartype = rd.u8();
-        b.vartype = vartype <= CONFD_SNMP_Unsigned32 ? static_cast<enum confd_snmp_type>(vartype)
-                                                     : CONFD_SNMP_NULL;
-        n.num_vars = static_cast<int>(i + 1);
-    }
-    return rd.ok() && rd.at_end();
-}
-
 } // namespace
 
 void capture_reply(Capture &cap, const std::string &payload)
@@ -274,54 +216,6 @@ try {
     TransState *ts = trans_state(tctx);
     if (ts != nullptr && ts->capture)
         free_trans(tctx);
-} catch (...) {
-    libconfd::caught(__func__);
-}
-
-struct confd_notification_ctx *confd_inproc_notification_ctx(struct confd_daemon_ctx *dx, int fd,
-                                                             const char *notify_name,
-                                                             const char *ctx_name)
-try {
-    if (daemon_state(dx) == nullptr)
-        return nullptr;
-    return make_notif_ctx(dx, fd, 0, notify_name, ctx_name);
-} catch (...) {
-    return libconfd::caught(__func__, nullptr);
-}
-
-int confd_inproc_recv_snmp_notif(int fd, int timeout_ms, struct confd_inproc_snmp_notif *n)
-try {
-    if (n == nullptr)
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "no notification buffer");
-    memset(n, 0, sizeof *n);
-    std::string payload;
-    int r = recv_payload(fd, payload, timeout_ms);
-    if (r == 0)
-        return CONFD_EOF;
-    if (r < 0)
-        return confd_lib_fail(CONFD_ERR_OS, "reading socket %d: %s", fd, strerror(errno));
-    Reader rd(payload);
-    if (rd.op() != Op::SnmpNotif)
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "expected SnmpNotif, got %s",
-                              op_name(payload).c_str());
-    if (!decode_notif(rd, *n)) {
-        confd_inproc_free_snmp_notif(n);
-        return confd_lib_fail(CONFD_ERR_PROTOUSAGE, "malformed SnmpNotif frame");
-    }
-    return CONFD_OK;
-} catch (...) {
-    return libconfd::caught(__func__, CONFD_ERR);
-}
-
-void confd_inproc_free_snmp_notif(struct confd_inproc_snmp_notif *n)
-try {
-    if (n == nullptr || n->vb == nullptr)
-        return;
-    for (int i = 0; i < n->num_vars; i++)
-        confd_free_value(&n->vb[i].val);
-    free(n->vb);
-    n->vb = nullptr;
-    n->num_vars = 0;
 } catch (...) {
     libconfd::caught(__func__);
 }
