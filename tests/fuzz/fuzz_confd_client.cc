@@ -36,10 +36,24 @@ int get_elem(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp)
     CONFD_SET_UINT32(&v, static_cast<uint32_t>(kp->len));
     return confd_data_reply_value(tctx, &v);
 }
+// A list of a few entries whose walk (several rows a request, too) meets every kind of answer: a
+// cookie, no cookie (find_next follows), a failure, a delayed answer and the end.
 int get_next(struct confd_trans_ctx *tctx, confd_hkeypath_t *kp, long next)
 {
-    if (next != -1) return confd_data_reply_next_key(tctx, nullptr, -1, -1);
-    return confd_data_reply_next_key(tctx, &kp->v[0][0], 1, 1);
+    switch (next) {
+    case -1:
+    case 1:
+        return confd_data_reply_next_key(tctx, &kp->v[0][0], 1, next + 2);
+    case 3:
+        return confd_data_reply_next_key(tctx, &kp->v[0][0], 1, -1);
+    case 4:
+        confd_trans_seterr(tctx, "entry %ld unreadable", next);
+        return CONFD_ERR;
+    case 5:
+        return CONFD_DELAYED_RESPONSE;
+    default:
+        return confd_data_reply_next_key(tctx, nullptr, -1, -1);
+    }
 }
 int set_elem(struct confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *)
 {

@@ -90,7 +90,7 @@ try {
         uint32_t th = r.u32();
         c.flags = r.i32();
         std::string comment = r.str(), label = r.str();
-        if (!r.ok() || th > 0x7fffffffu) break;
+        if (!r.ok() || th > 0x7fffffffu || db > CONFD_PRE_COMMIT_RUNNING) break;
         c.database = static_cast<enum confd_dbname>(db);
         c.uinfo = et->uinfo;
         snprintf(c.comment, sizeof c.comment, "%s", comment.c_str());
