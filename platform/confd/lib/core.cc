@@ -143,6 +143,8 @@ ReplyBatch::~ReplyBatch()
     t_batch = outer_;
 }
 
+ReplyBatch *ReplyBatch::of(int fd) { return t_batch != nullptr && t_batch->fd_ == fd ? t_batch : nullptr; }
+
 bool ReplyBatch::flush()
 {
     if (bytes_.empty())
@@ -158,8 +160,8 @@ bool send_payload(int fd, const std::string &payload)
     if (debug_on(CONFD_PROTO_TRACE))
         logf(CONFD_PROTO_TRACE, "fd %d send %s (%zu bytes)", fd, op_name(payload).c_str(),
              payload.size());
-    if (t_batch != nullptr && t_batch->fd_ == fd)
-        return confd_wire::append_frame(t_batch->bytes_, payload);
+    if (ReplyBatch *batch = ReplyBatch::of(fd))
+        return batch->queue(payload);
     std::lock_guard<std::mutex> lock(send_lock(fd));
     return confd_wire::send_frame(fd, payload);
 }
@@ -213,8 +215,8 @@ int request(int fd, const std::string &payload, std::string &answer, const char 
 {
     // An answer is awaited: what is queued for this socket, the request included, goes now.
     bool sent = send_payload(fd, payload);
-    if (t_batch != nullptr && t_batch->fd_ == fd)
-        sent = t_batch->flush() && sent;
+    if (ReplyBatch *batch = ReplyBatch::of(fd))
+        sent = batch->flush() && sent;
     if (!sent)
         return confd_lib_fail(CONFD_ERR_OS, "%s: send failed: %s", what, strerror(errno));
     int r = recv_payload(fd, answer, kAnswerTimeoutMs);

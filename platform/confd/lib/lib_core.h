@@ -46,10 +46,12 @@ class ReplyBatch
     ReplyBatch &operator=(const ReplyBatch &) = delete;
     // Sends what is queued. false with errno on failure (the queue is dropped).
     bool flush();
+    // The batch of fd on this thread, if one lives.
+    static ReplyBatch *of(int fd);
+    // Queues a frame. false (EMSGSIZE) when it is too large.
+    bool queue(const std::string &payload) { return confd_wire::append_frame(bytes_, payload); }
 
   private:
-    friend bool send_payload(int fd, const std::string &payload);
-    friend int request(int fd, const std::string &payload, std::string &answer, const char *what);
     int fd_;
     ReplyBatch *outer_;
     std::string bytes_;
